@@ -1,0 +1,29 @@
+# How everything in this tree is compiled. All of it ends at this folder: no user of the package sees any of it.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+# CMake cannot know that the object libraries of the floors end in a shared library. Calls inside it go straight to
+# their function, as in the static library: nobody replaces a function of ours at load time.
+if(BUILD_SHARED_LIBS)
+    set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
+endif()
+
+# A 32-bit device runs past January 2038 and may hold files past 2 GiB. On 64 bits these say what is so anyway.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
+if(KORLO_SANITIZE)
+    add_compile_options(-fsanitize=${KORLO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${KORLO_SANITIZE})
+endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+    set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+    find_program(CCACHE_PROGRAM ccache)
+    mark_as_advanced(CCACHE_PROGRAM)
+    if(CCACHE_PROGRAM AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
+        set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+    endif()
+endif()

@@ -1,0 +1,61 @@
+#pragma once
+// The system calls that replacing a file takes, behind an interface.
+
+#include <cstddef>
+#include <string>
+
+namespace korlo::osa
+{
+
+/// What CrashSafeFile asks of the file that it replaces.
+struct FileStatus
+{
+    bool isRegular = false;
+    unsigned int owner = 0;
+    unsigned int group = 0;
+    unsigned int mode = 0;  ///< The permission bits, up to 07777.
+};
+
+/// The system calls that CrashSafeFile is made of, so that a test can let each of them fail in turn.
+///
+/// Every operation returns 0, or the error number of <cerrno> that stands in its way; output arguments are set only
+/// when it returns 0. EINTR is an answer that callers must expect, and Write may take less than it is given.
+///
+/// Thread safety: all methods, from any thread.
+class IFileSystem
+{
+public:
+    virtual ~IFileSystem() = default;
+
+    /// Makes a new file and opens it for writing; EEXIST when there is anything of that name.
+    /// @param mode permission bits, lessened by the process's umask.
+    virtual int Create(const std::string& path, unsigned int mode, int& file) = 0;
+    virtual int OpenForReading(const std::string& path, int& file) = 0;
+    /// @param count how many bytes there were; 0 at the end of the file.
+    virtual int Read(int file, char* pBuffer, std::size_t size, std::size_t& count) = 0;
+    virtual int Write(int file, const char* pData, std::size_t size, std::size_t& count) = 0;
+    /// @param owner, group the new ones; KeepOwner leaves one as it is.
+    virtual int SetOwner(int file, unsigned int owner, unsigned int group) = 0;
+    virtual int SetMode(int file, unsigned int mode) = 0;
+    /// Returns once what was written is on the disk.
+    virtual int Sync(int file) = 0;
+    /// Closes the file, even when it returns an error, and even when that is EINTR: never to be repeated.
+    virtual int Close(int file) = 0;
+
+    /// Follows symbolic links; ENOENT when there is nothing.
+    virtual int Stat(const std::string& path, FileStatus& status) = 0;
+    /// @param target what the symbolic link holds; EINVAL when the path is no symbolic link.
+    virtual int ReadLink(const std::string& path, std::string& target) = 0;
+    virtual int Link(const std::string& existing, const std::string& added) = 0;
+    virtual int Rename(const std::string& from, const std::string& to) = 0;
+    virtual int Unlink(const std::string& path) = 0;
+    /// Returns once the folder's names are on the disk. A file system that knows no such thing answers 0.
+    virtual int SyncFolder(const std::string& path) = 0;
+
+    static constexpr unsigned int KeepOwner = 0xFFFFFFFFu;
+};
+
+/// The system's own. Every file that it opens is closed on exec.
+IFileSystem& RealFileSystem();
+
+}  // namespace korlo::osa

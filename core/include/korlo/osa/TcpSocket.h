@@ -1,0 +1,123 @@
+#pragma once
+// TCP connections.
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+
+struct addrinfo;
+
+namespace korlo::osa
+{
+
+class Deadline;
+
+/// One end of a TCP connection. Interrupted system calls are resumed, no signal is raised for a peer that has gone, and
+/// the connection does not pass to programs that this process starts.
+///
+///     TcpSocket socket(1);
+///     socket.Connect("korlo-settings-server", 0, 10);
+///     TcpSocketStream stream(&socket, Infinite);
+///
+/// Thread safety: one thread reads while another writes; Close and Wake from any thread. Everything else belongs to one
+/// thread.
+class TcpSocket
+{
+public:
+    /// How reading or writing ended.
+    enum IoStatus
+    {
+        Done,         ///< Bytes were moved: some, or all, as the operation says.
+        EndOfStream,  ///< The peer will send no more, or Close was called.
+        TimedOut,     ///< The time was up.
+        Failed        ///< The connection is lost.
+    };
+
+    struct IoResult
+    {
+        IoStatus status;
+        std::size_t bytes;  ///< moved, whatever the status
+        int error;          ///< errno for Failed, else 0
+    };
+
+    /// What Wait found; several at once, or 0 when the time was up. A connection that is lost or closed is ready for
+    /// both directions, whether they were asked for or not: the next read or write tells more.
+    enum Readiness : unsigned int
+    {
+        Readable = 1,
+        Writable = 2,
+        Woken = 4
+    };
+
+    /// A socket that is not connected.
+    /// @param noDelay non-zero sends each write at once (TCP_NODELAY) instead of gathering small ones.
+    explicit TcpSocket(unsigned short noDelay);
+    TcpSocket(const TcpSocket&) = delete;
+    TcpSocket& operator=(const TcpSocket&) = delete;
+
+    /// Ends the connection. No thread may use the socket any more.
+    ~TcpSocket();
+
+    /// Connects to a host, by name or address. All its addresses are tried, in the system's order.
+    ///
+    /// With port 0 the ServiceDirectory is asked for the host's address and port first. When it has none, the port is
+    /// that of the TCP service with the host's name in the system's services database, else 4711; and a host that the
+    /// system cannot resolve is looked for on the loopback address.
+    ///
+    /// Throws Exception, naming host, port and reason, when no address answers in time, and then may be called again;
+    /// also when the socket is connected or closed.
+    /// @param timeoutMs for all addresses together. The look-up of a name is not part of it and takes the time that the
+    ///        name service takes. To the same machine a connect is done or refused within the call itself and never
+    ///        waits, however loaded the machine is; only a listener whose queue is full makes it wait.
+    void Connect(const char* host, unsigned short port, unsigned int timeoutMs);
+
+    /// Waits for bytes and takes what is there, at least one byte and at most `size`, in one system call when
+    /// `timeoutMs` is Infinite.
+    IoResult ReadSome(char* bytes, std::size_t size, unsigned int timeoutMs);
+
+    /// Waits until the connection takes bytes and hands it what it takes at once.
+    IoResult WriteSome(const char* bytes, std::size_t size, unsigned int timeoutMs);
+
+    /// Writes everything, in one system call when the connection takes it all at once. After TimedOut the peer has got
+    /// a part.
+    /// @param timeoutMs for the whole.
+    IoResult WriteAll(const char* bytes, std::size_t size, unsigned int timeoutMs);
+
+    /// The same for two pieces, which leave as one.
+    IoResult WriteAll(const char* head, std::size_t headSize, const char* tail, std::size_t tailSize,
+                      unsigned int timeoutMs);
+
+    /// Waits until there is something to read, or room to write, as asked for, or Wake was called.
+    /// @return the Readiness values that hold. One Wait takes all calls of Wake before it.
+    /// Throws Exception when the system has no descriptor left for being woken.
+    unsigned int Wait(bool forReading, bool forWriting, unsigned int timeoutMs);
+
+    /// Ends the Wait that is under way or, if none is, the next one.
+    void Wake();
+
+    /// Shuts the connection down in both directions and wakes whoever reads, writes or connects. What was written
+    /// before is still delivered. The socket cannot be used again.
+    void Close();
+
+    /// The other end as ADDRESS:PORT, an IPv6 address in square brackets; empty before it was ever connected.
+    const std::string& GetPeerAddress() const;
+
+private:
+    friend class TcpListener;
+
+    int WakeDescriptor();
+    int ConnectTo(const addrinfo& address, const Deadline& deadline);
+    bool Adopt(int descriptor);
+    void Drop();
+    void Prepare(const std::string& peerAddress);
+
+    const bool _noDelay;
+    std::string _peerAddress;
+    int _descriptor = -1;  // changes with _mutex held, while nobody reads or writes
+
+    std::mutex _mutex;         // lets Close meet a living descriptor
+    bool _closed = false;      // guarded by _mutex
+    int _wakeDescriptor = -1;  // guarded by _mutex; made when it is first needed, and then stays
+};
+
+}  // namespace korlo::osa

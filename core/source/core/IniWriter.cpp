@@ -1,0 +1,196 @@
+#include "IniWriter.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace korlo::core
+{
+namespace
+{
+
+// Eight bytes are looked at in one step: every token of every saved document passes through here.
+using Word = std::uint64_t;
+constexpr Word Ones = 0x0101010101010101u;
+constexpr Word LowBits = 0x7F7F7F7F7F7F7F7Fu;
+constexpr Word HighBits = 0x8080808080808080u;
+
+/// Marks the high bit of what no plain token may hold: control characters and the one sign, an ASCII character, that
+/// would be misread in its place. A byte above a marked one may be marked by mistake, so that the result says for
+/// certain only whether there is any.
+constexpr Word Misread(Word word, char sign)
+{
+    const Word below0x20 = word - Ones * 0x20;
+    const Word is0x7F = (word & LowBits) + Ones;
+    const Word isSign = (word ^ (Ones * static_cast<unsigned char>(sign))) - Ones;
+    return (below0x20 | is0x7F | isSign) & ~word & HighBits;
+}
+
+constexpr char NoSign = '\x7F';
+
+/// Copies a token of up to seven bytes; false if plain text cannot carry it.
+bool CopyShort(std::string_view token, char sign, char* pTarget)
+{
+    Word word = Ones * ' ';
+    for (const char c : token)
+    {
+        *pTarget++ = c;
+        word = word << 8 | static_cast<unsigned char>(c);
+    }
+    return Misread(word, sign) == 0;
+}
+
+/// Copies a token and looks at its bytes on the way; false if plain text cannot carry it.
+bool CopyPlain(std::string_view token, char sign, char* pTarget)
+{
+    if (token.size() < sizeof(Word))
+    {
+        return CopyShort(token, sign, pTarget);
+    }
+    const auto step = [&](std::size_t at) {
+        Word word = 0;
+        std::memcpy(&word, token.data() + at, sizeof(word));
+        std::memcpy(pTarget + at, &word, sizeof(word));
+        return Misread(word, sign) == 0;
+    };
+    const std::size_t last = token.size() - sizeof(Word);
+    for (std::size_t at = 0; at < last; at += sizeof(Word))
+    {
+        if (!step(at))
+        {
+            return false;
+        }
+    }
+    return step(last);  // may overlap the step before
+}
+
+/// The same question without the copy, for the rare token that is longer than the buffer.
+bool IsPlain(std::string_view token, char sign)
+{
+    return std::none_of(token.begin(), token.end(),
+                        [sign](char c) { return c == sign || c == '\x7F' || static_cast<unsigned char>(c) < 0x20; });
+}
+
+/// A token that begins or ends so that reading would trim it or take it for a quoted one.
+bool HasOddEnds(std::string_view token)
+{
+    return !token.empty() && (token.front() == ' ' || token.back() == ' ' || token.front() == '"');
+}
+
+/// A key that reading would not find, or take for a header or a comment.
+bool IsOddKey(std::string_view key)
+{
+    return key.empty() || HasOddEnds(key) || key.front() == '[' || key.front() == '#' || key.front() == ';';
+}
+
+}  // namespace
+
+void IniWriter::WriteGroup(std::string_view name, const IniFile::KeyValueMap& values)
+{
+    Append('[');
+    AppendToken(name, ']', HasOddEnds(name));
+    Append("]\n");
+    for (const auto& [key, value] : values)
+    {
+        AppendToken(key, '=', IsOddKey(key));
+        Append('=');
+        AppendToken(value, NoSign, HasOddEnds(value));
+        Append('\n');
+    }
+}
+
+void IniWriter::Flush()
+{
+    _out.write(_pending.data(), static_cast<std::streamsize>(_used));
+    _used = 0;
+}
+
+void IniWriter::Append(char c)
+{
+    if (_used == _pending.size())
+    {
+        Flush();
+    }
+    _pending[_used++] = c;
+}
+
+void IniWriter::Append(std::string_view text)
+{
+    if (text.size() > _pending.size() - _used)
+    {
+        Flush();
+        if (text.size() > _pending.size())
+        {
+            _out.write(text.data(), static_cast<std::streamsize>(text.size()));
+            return;
+        }
+    }
+    std::memcpy(_pending.data() + _used, text.data(), text.size());
+    _used += text.size();
+}
+
+void IniWriter::AppendToken(std::string_view token, char sign, bool isOdd)
+{
+    if (isOdd || token.size() > _pending.size())
+    {
+        isOdd || !IsPlain(token, sign) ? AppendQuoted(token) : Append(token);
+        return;
+    }
+    if (token.size() > _pending.size() - _used)
+    {
+        Flush();
+    }
+    if (CopyPlain(token, sign, _pending.data() + _used))
+    {
+        _used += token.size();
+    }
+    else
+    {
+        AppendQuoted(token);
+    }
+}
+
+void IniWriter::AppendQuoted(std::string_view token)
+{
+    Append('"');
+    for (const char c : token)
+    {
+        AppendEscaped(c);
+    }
+    Append('"');
+}
+
+void IniWriter::AppendEscaped(char c)
+{
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c)
+    {
+    case '\\':
+        Append("\\\\");
+        break;
+    case '"':
+        Append("\\\"");
+        break;
+    case '\n':
+        Append("\\n");
+        break;
+    case '\r':
+        Append("\\r");
+        break;
+    case '\t':
+        Append("\\t");
+        break;
+    default:
+        if (byte >= 0x20 && byte != 0x7F)
+        {
+            Append(c);
+            break;
+        }
+        Append("\\x");
+        Append(digits[byte / 16]);
+        Append(digits[byte % 16]);
+    }
+}
+
+}  // namespace korlo::core

@@ -1,0 +1,38 @@
+#include "korlo/core/Logger.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "FormatText.h"
+#include "LogDispatcher.h"
+#include "LoggerRegistry.h"
+
+namespace korlo::core
+{
+
+Logger* Logger::GetLogger(const std::string& name)
+{
+    return LoggerRegistry::Instance().Get(name);
+}
+
+void Logger::AddAppender(std::shared_ptr<ILogAppender> pAppender)
+{
+    if (pAppender)
+    {
+        LogDispatcher::Instance().Add(std::move(pAppender));
+    }
+}
+
+void Logger::ClearAppenders()
+{
+    LogDispatcher::Instance().Clear();
+}
+
+void Logger::LogMessageV(LogLevel level, const char* format, va_list args) const
+{
+    const int errorBefore = errno;
+    LogDispatcher::Instance().Dispatch(*this, level, FormatText(format, args));
+    errno = errorBefore;
+}
+
+}  // namespace korlo::core

@@ -1,0 +1,25 @@
+#include "SyslogAppender.h"
+
+#include <algorithm>
+
+#include <syslog.h>
+
+#include "LogLine.h"
+
+namespace korlo::core
+{
+
+// The connection to the system log is one for the process and is never closed: the appender of the next configuration
+// uses it already when that of the last one goes.
+SyslogAppender::SyslogAppender()
+{
+    ::openlog(GetProgramName(), LOG_PID, LOG_DAEMON);
+}
+
+void SyslogAppender::Append(const Logger& logger, LogLevel level, const std::string& message)
+{
+    const int priority = std::min(static_cast<int>(level), LOG_DEBUG);
+    ::syslog(priority, "%s: %s", EscapeControls(logger.GetName()).c_str(), EscapeControls(message).c_str());
+}
+
+}  // namespace korlo::core

@@ -1,0 +1,34 @@
+#include "korlo/osa/Exception.h"
+
+#include "FormatText.h"
+
+namespace korlo::osa
+{
+
+Exception::Exception(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    _text = core::FormatText(format, args);
+    va_end(args);
+}
+
+Exception::~Exception() = default;
+
+const char* Exception::what() const noexcept
+{
+    return _text.c_str();
+}
+
+LockException::LockException(const std::string& name, LockError error) : Exception("%s", name.c_str()), _error(error)
+{
+}
+
+LockException::~LockException() = default;
+
+LockException::LockError LockException::GetLockError() const noexcept
+{
+    return _error;
+}
+
+}  // namespace korlo::osa

@@ -1,0 +1,55 @@
+# shellcheck shell=bash
+# What the scripts share: telling what they do, and installing what is missing. Sourced, never run.
+
+# say TEXT...: a headline.
+say()
+{
+    printf '\n== %s\n' "$*"
+}
+
+# fail TEXT...: ends the script with a message.
+fail()
+{
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# as_root COMMAND...: as root already, or by sudo.
+as_root()
+{
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo > /dev/null; then
+        sudo "$@"
+    else
+        fail "need to be root, or sudo, for: $*"
+    fi
+}
+
+# is_installed PACKAGE
+is_installed()
+{
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2> /dev/null)" = installed ]
+}
+
+# install_missing PACKAGE...: installs those packages that are not installed, and says which. Where there is no
+# apt-get nothing is looked for: the configuration of the build stops by itself at whatever it misses.
+install_missing()
+{
+    if ! command -v apt-get > /dev/null; then
+        say "Not a Debian system; these packages, or their like, are taken for granted: $*"
+        return
+    fi
+    local package missing=()
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    if [ "${#missing[@]}" -eq 0 ]; then
+        say "Every package that is needed is installed"
+        return
+    fi
+    say "Installing what is missing: ${missing[*]}"
+    as_root apt-get -q -o DPkg::Lock::Timeout=120 update
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -o DPkg::Lock::Timeout=120 install -y --no-install-recommends "${missing[@]}"
+}
