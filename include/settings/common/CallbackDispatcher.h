@@ -1,0 +1,78 @@
+#pragma once
+// Who asked for which groups, and the delivery of a change to them.
+
+#include <map>
+
+#include "korlo/osa/Mutex.h"
+#include "settings/GroupNameCollection.h"
+#include "settings/IChangeCallback.h"
+#include "settings/common/GroupNameMatcher.h"
+
+namespace korlo::settings
+{
+
+class KorloSettingsClient;
+
+namespace server
+{
+class SettingsManager;
+}  // namespace server
+
+namespace common
+{
+
+/// Keeps, for each subscriber, the names and patterns that it asked for, and calls it with the changed groups among
+/// them. Subscribers are borrowed and never deleted.
+///
+/// One mutex guards the subscriptions and is held while callbacks run: deliveries never overlap, each subscriber hears
+/// of changes in the order in which they are dispatched, and once a subscriber has been removed under the mutex no call
+/// to it is under way, except the one that removes itself. The mutex may be taken again by its holder, so a callback
+/// may subscribe, unsubscribe (itself, too) and make changes that are dispatched here in turn. It is taken when the
+/// store's lock has been released, never inside it.
+///
+/// Thread safety: all methods, from any thread.
+class CallbackDispatcher
+{
+public:
+    CallbackDispatcher();
+    ~CallbackDispatcher();
+    CallbackDispatcher(const CallbackDispatcher&) = delete;
+    CallbackDispatcher& operator=(const CallbackDispatcher&) = delete;
+
+    /// Adds names and patterns to what the subscriber has asked for so far. A subscriber is called once for a change,
+    /// however often it subscribed.
+    /// @param pCallback borrowed; must stay alive until it is removed or the dispatcher is destroyed.
+    /// @throws osa::Exception "%s was NULL" for a null callback.
+    void AddCallback(IChangeCallback* pCallback, const GroupNameCollection& groups) KORLO_EXCLUDES(_mutex);
+    void AddCallback(IChangeCallback* pCallback, const GroupNameMatcher& matcher) KORLO_EXCLUDES(_mutex);
+
+    /// Calls each subscriber that asked for any of `changedGroups`, in ascending order of address, on the calling
+    /// thread, with `_mutex` held. A throw ends the walk and passes out.
+    void OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
+
+    /// The same with all groups of `settings` as the changed ones.
+    void OnChange(const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
+
+    /// Adds to `groups` every name and every pattern of every subscriber; `groups` is not cleared first.
+    void GetAllSubscribedGroups(GroupNameCollection& groups) const KORLO_EXCLUDES(_mutex);
+
+private:
+    // The two classes that remove subscribers: they erase from the map under the mutex.
+    friend class korlo::settings::KorloSettingsClient;
+    friend class korlo::settings::server::SettingsManager;
+
+    using SubscriptionMap = std::map<IChangeCallback*, GroupNameMatcher>;
+
+    void Merge(IChangeCallback* pCallback, const GroupNameMatcher& matcher) KORLO_REQUIRES(_mutex);
+
+    mutable osa::Mutex _mutex;
+    SubscriptionMap _subscriptions KORLO_GUARDED_BY(_mutex);  // keys borrowed
+
+    // Everything that anybody asked for, so that a change that concerns nobody is told by one look-up, however many
+    // subscribers there are. It may still hold what a removed subscriber asked for: that costs a walk, nothing else.
+    GroupNameMatcher _everything KORLO_GUARDED_BY(_mutex);
+    std::size_t _addedToEverything KORLO_GUARDED_BY(_mutex) = 0;
+};
+
+}  // namespace common
+}  // namespace korlo::settings

@@ -1,0 +1,158 @@
+#pragma once
+// The settings store.
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "korlo/core/IniFile.h"
+#include "korlo/osa/Mutex.h"
+#include "korlo/osa/ReadWriteLock.h"
+#include "settings/GroupNameCollection.h"
+#include "settings/IChangeCallback.h"
+#include "settings/common/CallbackDispatcher.h"
+#include "settings/common/GroupNameMatcher.h"
+#include "settings/server/IIncludeFilter.h"
+#include "settings/server/IRestrictedSettingsLoader.h"
+#include "settings/server/ISettingsPersister.h"
+#include "settings/server/ISettingsSerializer.h"
+#include "settings/server/LoadPriorityIncludeFilter.h"
+#include "settings/server/SettingsCombiner.h"
+
+namespace korlo::settings::server
+{
+
+/// The one authoritative copy of all settings, in memory, shared by every client.
+///
+/// It is built from three layers: defaults, over them the user layer (every change that clients made to last), over
+/// them the restricted settings. Restricted groups (see GroupDiscriminator) enter through the restricted loader alone;
+/// in anything else they are dropped silently.
+///
+/// An overwrite records what it erased in the group "KorloSettings/Data/DeletedGroups" of the user layer, so that the
+/// defaults of an erased group do not come back at the next load. Clients do not see that group.
+///
+/// What an operation costs depends on the groups that it touches and on the logarithm of all of them.
+///
+/// Thread safety: all methods, from any thread, but LoadSettings and LoadUserSettings, which belong to the owner that
+/// builds the store. Readers share one read/write lock; a change holds it for writing while it is made and saved, so
+/// saves never overlap, and a test-and-merge tests and merges under one hold. Subscribers are called after the lock has
+/// been released, on the thread that made the change: a callback may use the store, and two changes made at nearly the
+/// same time may be announced in either order. No method waits with a time limit.
+class SettingsManager
+{
+public:
+    /// A merge flag: change the current settings only, not the user layer, and save nothing. Other bits mean nothing.
+    static constexpr unsigned int DoNotPersist = 1;
+
+    /// An empty store without storage: it never loads, saves or restores.
+    SettingsManager();
+
+    /// A store over storage. All three are borrowed, must outlive the store, and may be null for "none".
+    /// @param pIncludeFilter edits every default and restricted document, before the load priorities are applied.
+    /// @param deferLoad false loads before the constructor returns; true returns with the store locked against
+    ///        everybody, until LoadSettings is called, from any thread.
+    /// With a null persister there is nothing that LoadSettings could load, and the store stays locked for good: an
+    /// owner without storage uses the default constructor.
+    SettingsManager(ISettingsPersister* pPersister, IRestrictedSettingsLoader* pRestrictedLoader,
+                    IIncludeFilter* pIncludeFilter, bool deferLoad);
+
+    SettingsManager(const SettingsManager&) = delete;
+    SettingsManager& operator=(const SettingsManager&) = delete;
+
+    /// Saves nothing. Nobody may be using the store any more.
+    ~SettingsManager();
+
+    /// Loads all layers and lets readers and writers in. Call it exactly once, on a store that was built with
+    /// deferLoad. With a null persister it returns at once and the store stays locked. What the persister or the loader
+    /// throws passes out, and the store is unlocked with what had been loaded by then.
+    void LoadSettings();
+
+    /// Loads the user layer, without filters, and drops restricted groups from it. Takes no lock: part of LoadSettings.
+    void LoadUserSettings();
+
+    /// Adds to the combiner the filters for defaults and restricted settings.
+    void ConfigureSettingsCombiner(SettingsCombiner& combiner) const;
+
+    /// Adds the selected groups, whole, to `out`, which is not cleared first.
+    void GetGroups(core::IniFile& out, const common::GroupNameMatcher& matcher) const KORLO_EXCLUDES(_lock);
+    void GetGroups(core::IniFile& out, const std::string& nameOrPattern) const KORLO_EXCLUDES(_lock);
+
+    /// Writes the user layer as INI text, the record of erased groups included.
+    void DumpUserSettings(std::ostream& os) const KORLO_EXCLUDES(_lock);
+
+    /// Writes the current settings as INI text.
+    void DumpAllSettings(std::ostream& os) const KORLO_EXCLUDES(_lock);
+
+    /// Writes the selected groups in the serializer's form. The store is locked for reading meanwhile, so `os` should
+    /// be one that does not wait.
+    /// @return the GetVersion of what was written.
+    std::uint64_t WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
+                              const ISettingsSerializer& serializer) const KORLO_EXCLUDES(_lock);
+
+    /// A number that no other state of this store, nor of any other store of the process, has had: while it stays the
+    /// same, so do the settings.
+    std::uint64_t GetVersion() const KORLO_EXCLUDES(_lock);
+
+    /// Merges `changes` into the settings and, unless `flags` holds DoNotPersist, into the user layer, which is then
+    /// saved. Subscribers hear of all groups of `changes`. What the persister throws passes out; the change is then
+    /// made but not announced.
+    void MergeSettings(const core::IniFile& changes, unsigned int flags) KORLO_EXCLUDES(_lock);
+
+    /// The merge alone, for callers that hold the lock: nothing is filtered and nobody is notified.
+    void PerformMergeUnlocked(const core::IniFile& changes, unsigned int flags) KORLO_REQUIRES(_lock);
+
+    /// Merges `changes`, to last, if the current settings hold every value of `expected`; otherwise changes nothing,
+    /// notifies nobody and returns false. `expected` is compared with everything, restricted groups included.
+    bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) KORLO_EXCLUDES(_lock);
+
+    /// Replaces the selected unrestricted groups by the groups of `replacement`, to last: a selected group that is not
+    /// in it is erased. Every entry of `namesAndPatterns`, also one that selects nothing, is recorded as erased, so
+    /// that at the next load the defaults it selects are dropped. Subscribers hear of the erased groups and of those of
+    /// `replacement`.
+    void OverwriteSettings(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement)
+        KORLO_EXCLUDES(_lock);
+    void OverwriteSettings(const std::string& nameOrPattern, const core::IniFile& replacement) KORLO_EXCLUDES(_lock);
+
+    /// Removes the groups of the user layer that are selected, and writes the selected defaults, read anew, into the
+    /// user layer and the settings. Selected groups that nobody ever changed to last are not removed first, only
+    /// overwritten. The record of erased groups stays as it is: at the next load it drops those groups' defaults again
+    /// and the copies in the user layer bring the same values back. Does nothing, and notifies nobody, without a
+    /// persister.
+    void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
+
+    /// Asks for calls about changes of the groups; see CallbackDispatcher::AddCallback.
+    void Subscribe(IChangeCallback* pCallback, const common::GroupNameMatcher& groups);
+    void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups);
+    void Subscribe(IChangeCallback* pCallback, const std::string& nameOrPattern);
+
+    /// Drops all groups of the callback; an unknown one is ignored. When it returns, no call to the callback is under
+    /// way, unless it was the callback that called.
+    void Unsubscribe(IChangeCallback* pCallback);
+
+    /// Adds to `groups` every name and pattern that somebody is subscribed to.
+    void GetAllSubscribedGroups(GroupNameCollection& groups) const;
+
+private:
+    void LoadLayers() KORLO_REQUIRES(_lock);
+    void RemoveErasedGroups() KORLO_REQUIRES(_lock);
+    void SaveUserSettings() KORLO_REQUIRES(_lock);
+    core::IniFile LoadFreshDefaults() KORLO_REQUIRES(_restoreMutex);
+    void RemoveGroups(const GroupNameCollection& names) KORLO_REQUIRES(_lock);
+
+    ISettingsPersister* _pPersister;                              // borrowed, may be null
+    IRestrictedSettingsLoader* _pRestrictedLoader;                // borrowed, may be null
+    IIncludeFilter* _pIncludeFilter;                              // borrowed, may be null
+    std::unique_ptr<LoadPriorityIncludeFilter> _pPriorityFilter;  // its memory of claims lives as long as the store
+
+    mutable osa::ReadWriteLock _lock;
+    core::IniFile _userSettings KORLO_GUARDED_BY(_lock);
+    core::IniFile _settings KORLO_GUARDED_BY(_lock);
+    std::uint64_t _version KORLO_GUARDED_BY(_lock);
+
+    common::CallbackDispatcher _dispatcher;
+
+    osa::Mutex _restoreMutex;  // one load of defaults at a time through the filters; taken before `_lock`
+};
+
+}  // namespace korlo::settings::server

@@ -1,0 +1,348 @@
+#include "settings/server/SettingsManager.h"
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+
+#include "StoreLock.h"
+#include "korlo/core/GetSecondFromPairFunctor.h"
+#include "settings/server/GroupDiscriminator.h"
+
+namespace korlo::settings::server
+{
+namespace
+{
+
+using common::GroupNameMatcher;
+using core::IniFile;
+
+const std::string DeletedGroups = "KorloSettings/Data/DeletedGroups";
+
+/// Stores count their changes from far apart, so that versions of different stores never meet.
+std::uint64_t FirstVersion()
+{
+    static std::atomic<std::uint32_t> stores = 0;
+    return static_cast<std::uint64_t>(++stores) << 40;
+}
+
+IniFile UnrestrictedCopy(const IniFile& source)
+{
+    IniFile copy;
+    GroupDiscriminator::MergeUnrestrictedGroups(copy, source);
+    return copy;
+}
+
+GroupNameMatcher MatcherOf(const std::string& nameOrPattern)
+{
+    GroupNameMatcher matcher;
+    matcher.AddNameOrPattern(nameOrPattern);
+    return matcher;
+}
+
+void AddGroupNames(const IniFile& ini, GroupNameCollection& names)
+{
+    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
+                   common::GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
+}
+
+}  // namespace
+
+SettingsManager::SettingsManager()
+    : _pPersister(nullptr),
+      _pRestrictedLoader(nullptr),
+      _pIncludeFilter(nullptr),
+      _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
+      _lock("SettingsMutex"),
+      _version(FirstVersion())
+{
+}
+
+// Not analysed: the lock is left taken on purpose, for LoadSettings to release, on whichever thread that is called.
+SettingsManager::SettingsManager(ISettingsPersister* pPersister, IRestrictedSettingsLoader* pRestrictedLoader,
+                                 IIncludeFilter* pIncludeFilter, bool deferLoad) KORLO_NO_THREAD_SAFETY_ANALYSIS
+    : _pPersister(pPersister),
+      _pRestrictedLoader(pRestrictedLoader),
+      _pIncludeFilter(pIncludeFilter),
+      _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
+      _lock("SettingsMutex"),
+      _version(FirstVersion())
+{
+    _lock.WriteLock(osa::Infinite);
+    if (!deferLoad)
+    {
+        LoadSettings();
+    }
+}
+
+SettingsManager::~SettingsManager() = default;
+
+// Not analysed: the hold that the constructor began ends here.
+void SettingsManager::LoadSettings() KORLO_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (_pPersister == nullptr)
+    {
+        return;  // and the store stays locked: see the constructor
+    }
+    const StoreWriteLock lock(_lock, StoreWriteLock::AdoptTag());
+    LoadLayers();
+}
+
+void SettingsManager::LoadLayers()
+{
+    ++_version;
+
+    // 1. The defaults, filtered.
+    SettingsCombiner combiner(_settings);
+    ConfigureSettingsCombiner(combiner);
+    _pPersister->LoadDefaultSettings(combiner);
+
+    // 2. The user layer over them; what it records as erased is taken out of the defaults first.
+    LoadUserSettings();
+    RemoveErasedGroups();
+    _settings.MergeSettings(_userSettings);
+
+    // 3. Whatever restricted group came so far came by a door that is not for it.
+    GroupDiscriminator::FilterOutRestrictedGroups(_settings);
+    if (_pRestrictedLoader != nullptr)
+    {
+        IniFile restricted;
+        SettingsCombiner restrictedCombiner(restricted);
+        ConfigureSettingsCombiner(restrictedCombiner);
+        _pRestrictedLoader->LoadRestrictedSettings(restrictedCombiner);
+        _settings.MergeSettings(restricted);
+    }
+
+    // 4. The record of erased groups came in with the user layer, and is not for clients.
+    _settings.RemoveGroup(DeletedGroups);
+}
+
+// Not analysed: it works on the user layer without the lock, which LoadSettings holds around it.
+void SettingsManager::LoadUserSettings() KORLO_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (_pPersister == nullptr)
+    {
+        return;
+    }
+    SettingsCombiner combiner(_userSettings);
+    _pPersister->LoadUserSettings(combiner);
+    GroupDiscriminator::FilterOutRestrictedGroups(_userSettings);
+}
+
+void SettingsManager::ConfigureSettingsCombiner(SettingsCombiner& combiner) const
+{
+    if (_pIncludeFilter != nullptr)
+    {
+        combiner.AddFilter(_pIncludeFilter);
+    }
+    combiner.AddFilter(_pPriorityFilter.get());
+}
+
+void SettingsManager::RemoveErasedGroups()
+{
+    const auto record = _userSettings.Find(DeletedGroups);
+    if (record == _userSettings.end())
+    {
+        return;
+    }
+    GroupNameMatcher matcher;
+    std::transform(record->second.begin(), record->second.end(), common::GroupNameMatcherInsertIterator(&matcher),
+                   core::GetSecondFromPairFunctor<std::string, std::string>());
+    GroupNameCollection erased;
+    matcher.GetMatchingGroups(_settings, erased);
+    for (const std::string& group : erased)
+    {
+        _settings.RemoveGroup(group);
+    }
+}
+
+void SettingsManager::GetGroups(IniFile& out, const GroupNameMatcher& matcher) const
+{
+    const StoreReadLock lock(_lock);
+    GroupNameCollection matched;
+    matcher.GetMatchingGroups(_settings, matched);
+    for (const std::string& group : matched)
+    {
+        out.MergeSettings(_settings, group);
+    }
+}
+
+void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) const
+{
+    GetGroups(out, MatcherOf(nameOrPattern));
+}
+
+void SettingsManager::DumpUserSettings(std::ostream& os) const
+{
+    const StoreReadLock lock(_lock);
+    _userSettings.SaveToStream(os);
+}
+
+void SettingsManager::DumpAllSettings(std::ostream& os) const
+{
+    const StoreReadLock lock(_lock);
+    _settings.SaveToStream(os);
+}
+
+std::uint64_t SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
+                                           const ISettingsSerializer& serializer) const
+{
+    const StoreReadLock lock(_lock);
+    serializer.OnSerialize(_settings, matcher, os);
+    return _version;
+}
+
+std::uint64_t SettingsManager::GetVersion() const
+{
+    const StoreReadLock lock(_lock);
+    return _version;
+}
+
+void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags)
+{
+    const IniFile accepted = UnrestrictedCopy(changes);
+    {
+        const StoreWriteLock lock(_lock);
+        PerformMergeUnlocked(accepted, flags);
+    }
+    _dispatcher.OnChange(accepted);
+}
+
+void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int flags)
+{
+    ++_version;
+    _settings.MergeSettings(changes);
+    if ((flags & DoNotPersist) == 0)
+    {
+        _userSettings.MergeSettings(changes);
+        SaveUserSettings();
+    }
+}
+
+bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& changes)
+{
+    const IniFile accepted = UnrestrictedCopy(changes);
+    {
+        const StoreWriteLock lock(_lock);
+        if (!_settings.ContainsSettings(expected))
+        {
+            return false;
+        }
+        PerformMergeUnlocked(accepted, 0);
+    }
+    _dispatcher.OnChange(accepted);
+    return true;
+}
+
+void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatterns, const IniFile& replacement)
+{
+    GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(namesAndPatterns);
+    const IniFile accepted = UnrestrictedCopy(replacement);
+    GroupNameCollection changedGroups;
+    {
+        const StoreWriteLock lock(_lock);
+        ++_version;
+        matcher.GetMatchingGroups(_settings, changedGroups);
+        GroupDiscriminator::FilterOutRestrictedGroups(changedGroups);
+        RemoveGroups(changedGroups);
+        _settings.MergeSettings(accepted);
+        _userSettings.MergeSettings(accepted);
+        for (const std::string& entry : namesAndPatterns)
+        {
+            _userSettings.ValueListAppendUnique(DeletedGroups, entry);
+        }
+        SaveUserSettings();
+    }
+    AddGroupNames(accepted, changedGroups);
+    _dispatcher.OnChange(changedGroups, accepted);
+}
+
+void SettingsManager::OverwriteSettings(const std::string& nameOrPattern, const IniFile& replacement)
+{
+    OverwriteSettings(GroupNameCollection{nameOrPattern}, replacement);
+}
+
+void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
+{
+    if (_pPersister == nullptr)
+    {
+        return;
+    }
+    GroupNameCollection changedGroups;
+    IniFile restored;
+    {
+        const osa::MutexAutoLock restoring(&_restoreMutex, osa::Infinite, true);
+        const IniFile defaults = LoadFreshDefaults();
+
+        const StoreWriteLock lock(_lock);
+        ++_version;
+        matcher.GetMatchingGroups(_userSettings, changedGroups);
+        RemoveGroups(changedGroups);
+
+        GroupNameCollection restoredGroups;
+        matcher.GetMatchingGroups(defaults, restoredGroups);
+        for (const std::string& group : restoredGroups)
+        {
+            _userSettings.MergeSettings(defaults, group);
+            _settings.MergeSettings(defaults, group);
+            restored.MergeSettings(defaults, group);
+        }
+        SaveUserSettings();
+        changedGroups.merge(restoredGroups);
+    }
+    _dispatcher.OnChange(changedGroups, restored);
+}
+
+IniFile SettingsManager::LoadFreshDefaults()
+{
+    IniFile defaults;
+    SettingsCombiner combiner(defaults);
+    ConfigureSettingsCombiner(combiner);
+    _pPersister->LoadDefaultSettings(combiner);
+    return defaults;
+}
+
+void SettingsManager::RemoveGroups(const GroupNameCollection& names)
+{
+    for (const std::string& name : names)
+    {
+        _settings.RemoveGroup(name);
+        _userSettings.RemoveGroup(name);
+    }
+}
+
+void SettingsManager::SaveUserSettings()
+{
+    if (_pPersister != nullptr)
+    {
+        _pPersister->SaveUserSettings(_userSettings);
+    }
+}
+
+void SettingsManager::Subscribe(IChangeCallback* pCallback, const GroupNameMatcher& groups)
+{
+    _dispatcher.AddCallback(pCallback, groups);
+}
+
+void SettingsManager::Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups)
+{
+    _dispatcher.AddCallback(pCallback, groups);
+}
+
+void SettingsManager::Subscribe(IChangeCallback* pCallback, const std::string& nameOrPattern)
+{
+    _dispatcher.AddCallback(pCallback, MatcherOf(nameOrPattern));
+}
+
+void SettingsManager::Unsubscribe(IChangeCallback* pCallback)
+{
+    const osa::MutexAutoLock lock(&_dispatcher._mutex, osa::Infinite, true);
+    _dispatcher._subscriptions.erase(pCallback);
+}
+
+void SettingsManager::GetAllSubscribedGroups(GroupNameCollection& groups) const
+{
+    _dispatcher.GetAllSubscribedGroups(groups);
+}
+
+}  // namespace korlo::settings::server
