@@ -1,0 +1,325 @@
+#include "settings/server/ClientHandler.h"
+
+#include <functional>
+#include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "korlo/osa/Exception.h"
+#include "support/Callbacks.h"
+#include "support/Documents.h"
+#include "support/ExchangeStore.h"
+#include "support/Files.h"
+#include "support/LogCapture.h"
+#include "support/PiecewiseStream.h"
+#include "support/ProtocolExchanges.h"
+
+namespace korlo::settings::server
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+TEST(ClientHandlerTest, EveryExchangeIsByteExactHoweverTheRequestArrives)
+{
+    for (const Exchange& exchange : Exchanges)
+    {
+        for (const std::size_t pieceBytes : {1u, 2u, 3u, 4u, 5u, 7u, 16u, 4096u})
+        {
+            SCOPED_TRACE(std::string(exchange.name) + ", in pieces of " + std::to_string(pieceBytes));
+            ExchangeStore store;
+            PiecewiseStream in(exchange.request, pieceBytes);
+            EXPECT_EQ(store.Serve(in), exchange.response);
+            EXPECT_EQ(store.User(), exchange.user);
+            EXPECT_EQ(store.Settings(), exchange.settings);
+        }
+    }
+}
+
+/// The states that a store passes through while the request is served line by line: a cut may leave any of them.
+std::set<std::string> StatesOf(const std::string& request)
+{
+    std::set<std::string> states{ExchangeDefaults};
+    ExchangeStore store;
+    FunctionCallback observer(
+        [&](const GroupNameCollection&, const core::IniFile&) { states.insert(store.Settings()); });
+    store.manager.Subscribe(&observer, "*");
+    store.Serve(request);
+    store.manager.Unsubscribe(&observer);
+    return states;
+}
+
+TEST(ClientHandlerTest, ARequestThatIsCutOffIsNotCarriedOut)
+{
+    const LogCapture log;
+    for (const Exchange& exchange : Exchanges)
+    {
+        const std::set<std::string> states = StatesOf(exchange.request);
+        for (std::size_t length = 0; length < exchange.request.size(); ++length)
+        {
+            SCOPED_TRACE(std::string(exchange.name) + ", cut after byte " + std::to_string(length));
+            ExchangeStore store;
+            std::string answer;
+            try
+            {
+                answer = store.Serve(exchange.request.substr(0, length));
+            }
+            catch (const osa::Exception&)
+            {
+                // A phparray body tells by an exception that it is cut.
+            }
+            EXPECT_TRUE(exchange.response.starts_with(answer)) << answer;
+            EXPECT_TRUE(states.contains(store.Settings())) << store.Settings();
+        }
+    }
+}
+
+TEST(ClientHandlerTest, NoBlockOfARequestThatIsCutOffIsCarriedOut)
+{
+    const LogCapture log;
+    const std::vector<std::string> requests = {
+        "get delimited\nAudio\n.\n",
+        "get\nAudio\n.\n",
+        "merge\n[Audio]\nvolume=9\n.\n",
+        "merge nopersist\n[Audio]\nvolume=9\n.\n",
+        "test-and-merge\n[Audio]\nvolume=3\n.\n[Audio]\nvolume=4\n.\n",
+        "overwrite\nAudio\n.\n[Audio]\nvolume=1\n.\n",
+        "restore\nAudio\n.\n",
+        "dump\n",
+        "dump all\n",
+        "info subscribed\n",
+    };
+    for (const std::string& request : requests)
+    {
+        for (std::size_t length = 0; length < request.size(); ++length)
+        {
+            SCOPED_TRACE(request.substr(0, length));
+            ExchangeStore store;
+            EXPECT_EQ(store.Serve(request.substr(0, length)), "");
+            EXPECT_EQ(store.Settings(), ExchangeDefaults);
+            EXPECT_EQ(store.persister.saveCount, 0);
+        }
+    }
+}
+
+/// Says what happens before a request.
+struct FunctionGate : IRequestGate
+{
+    explicit FunctionGate(std::function<void()> function) : before(std::move(function)) {}
+
+    void BeforeRequest() override { before(); }
+
+    std::function<void()> before;
+};
+
+TEST(ClientHandlerTest, ASubscriptionThatIsCutOffIsNotMade)
+{
+    const std::string request = "subscribe\nAudio\n.\n";
+    for (std::size_t length = 0; length <= request.size(); ++length)
+    {
+        SCOPED_TRACE(length);
+        ExchangeStore store;
+        std::istringstream in(request.substr(0, length));
+        std::ostringstream out;
+        // The end of the loop removes every subscription: so the change is made before it.
+        FunctionGate gate([&] { store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0); });
+        ClientHandler(&store.env, &in, &out).Run(gate);
+        EXPECT_EQ(out.str().empty(), length < request.size()) << out.str();
+    }
+}
+
+TEST(ClientHandlerTest, AnUnknownWordCostsOneWarningAndNothingElse)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    EXPECT_EQ(store.Serve("GET delimited\nbogus word\nmerges\n"), "");
+    EXPECT_THAT(log.GetMessages(),
+                ElementsAre("4 MsgDispatcher: Invalid command: GET", "4 MsgDispatcher: Invalid command: bogus",
+                            "4 MsgDispatcher: Invalid command: merges"));
+}
+
+TEST(ClientHandlerTest, StrayTerminatorsAndBlankLinesAreSkippedWithoutAWord)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    EXPECT_EQ(store.Serve(".\n\n   \n\t.\n"), "");
+    EXPECT_THAT(log.GetMessages(), IsEmpty());
+}
+
+TEST(ClientHandlerTest, ServesARequestAfterAnUnknownWord)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    EXPECT_EQ(store.Serve("hello\ndump\n"), ".\n");
+}
+
+TEST(ClientHandlerTest, TracesEachCommandAndItsTime)
+{
+    const LogCapture log;
+    core::Logger::GetLogger("MsgDispatcher")->SetThreshold(core::LogLevelTrace);
+    ExchangeStore store;
+    store.Serve("dump\n");
+    EXPECT_THAT(log.GetMessages(),
+                ElementsAre("8 MsgDispatcher: Handling command: dump",
+                            MatchesRegex("8 MsgDispatcher: Command dump took [0-9]+\\.[0-9]{6} seconds")));
+}
+
+TEST(ClientHandlerTest, TracesASwitchOfTheSerializerButNotAnUnknownOne)
+{
+    const LogCapture log;
+    core::Logger::GetLogger("ClientHandler")->SetThreshold(core::LogLevelTrace);
+    ExchangeStore store;
+    store.Serve("serialize phparray\nserialize nobody\n");
+    EXPECT_THAT(log.GetMessages(), ElementsAre("8 ClientHandler: switching to serialization mode: phparray"));
+}
+
+TEST(ClientHandlerTest, TheSerializerBelongsToTheConnection)
+{
+    ExchangeStore store;
+    store.Serve("serialize phparray\n");
+    EXPECT_EQ(store.Serve("get\nNet/wlan0\n.\n"), Wlan0);
+}
+
+TEST(ClientHandlerTest, SubscriptionsEndWithTheConnection)
+{
+    for (const char* requests : {"subscribe\nAudio\n.\n", "subscribe\nAudio\n.\nquit\n"})
+    {
+        ExchangeStore store;
+        std::istringstream in(requests);
+        std::ostringstream out;
+        ClientHandler handler(&store.env, &in, &out);
+        handler.Run();
+        store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0);
+        EXPECT_EQ(out.str(), "");
+        EXPECT_EQ(store.Serve("info subscribed\n"), "Subscribed groups\n-----------------\n\n");
+    }
+}
+
+TEST(ClientHandlerTest, AHandlerThatIsDestroyedIsSubscribedNoMore)
+{
+    ExchangeStore store;
+    {
+        std::istringstream in;
+        std::ostringstream out;
+        ClientHandler handler(&store.env, &in, &out);
+        store.manager.Subscribe(&handler, "Audio");
+    }
+    store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0);
+    EXPECT_EQ(store.Serve("info subscribed\n"), "Subscribed groups\n-----------------\n\n");
+}
+
+TEST(ClientHandlerTest, InfoListsTheGroupsOfEveryConnection)
+{
+    ExchangeStore store;
+    FunctionCallback other([](const GroupNameCollection&, const core::IniFile&) {});
+    store.manager.Subscribe(&other, "Video*");
+    EXPECT_EQ(store.Serve("subscribe\nAudio\n.\ninfo subscribed\n"),
+              "Subscribed groups\n-----------------\nAudio\nVideo*\n\n");
+    store.manager.Unsubscribe(&other);
+}
+
+TEST(ClientHandlerTest, ANotificationTellsWhatTheStoreHoldsWhenItIsWritten)
+{
+    ExchangeStore store;
+    std::istringstream in;
+    std::ostringstream out;
+    ClientHandler handler(&store.env, &in, &out);
+    handler.OnChange({"Audio", "Gone", "Net/wlan0"}, Ini("[Audio]\nvolume=old\n[Gone]\nx=1\n"));
+    EXPECT_EQ(out.str(), "async change\nAudio\nGone\nNet/wlan0\n.\n" + Audio + Wlan0 + ".\n");
+}
+
+TEST(ClientHandlerTest, ANotificationOfNoGroupsIsStillAWholeMessage)
+{
+    ExchangeStore store;
+    std::istringstream in;
+    std::ostringstream out;
+    ClientHandler handler(&store.env, &in, &out);
+    handler.OnChange({}, core::IniFile());
+    EXPECT_EQ(out.str(), "async change\n.\n.\n");
+}
+
+TEST(ClientHandlerTest, ANotificationLeavesOutNamesThatAListCannotCarry)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    std::istringstream in;
+    std::ostringstream out;
+    ClientHandler handler(&store.env, &in, &out);
+    handler.OnChange({".", "Audio", "a\n.\nresult\nok"}, core::IniFile());
+    EXPECT_EQ(out.str(), "async change\nAudio\n.\n" + Audio + ".\n");
+    EXPECT_THAT(log.GetMessages(),
+                ElementsAre(testing::HasSubstr("4 ClientHandler: A change of group '.' is not announced"),
+                            testing::HasSubstr("4 ClientHandler: A change of group 'a\n.\nresult\nok' is not")));
+}
+
+TEST(ClientHandlerTest, ANotificationOfNothingButSuchNamesIsNotWritten)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    EXPECT_EQ(store.Serve("subscribe\n*\n.\nmerge\n[\"x\\ny\"]\nk=v\n.\n"), "");
+    EXPECT_EQ(log.GetMessages().size(), 1u);
+}
+
+TEST(ClientHandlerTest, AnExceptionOutOfTheStoreEndsTheConnection)
+{
+    ExchangeStore store;
+    store.persister.beforeSave = [] { throw osa::Exception("the disk is full"); };
+    EXPECT_EQ(MessageOf([&] { store.Serve("merge\n[Audio]\nvolume=9\n.\ndump\n"); }), "the disk is full");
+}
+
+TEST(ClientHandlerTest, AnExceptionOutOfASerializerEndsTheConnection)
+{
+    ExchangeStore store;
+    EXPECT_EQ(MessageOf([&] { store.Serve("serialize phparray\ntest-and-merge\na:0:{}\n.\na:0:{}\n.\n"); }),
+              "expected: 'a' but got: '.'");
+    EXPECT_EQ(store.Settings(), ExchangeDefaults);
+}
+
+/// Counts how often what was written is flushed.
+class FlushCounter : public std::stringbuf
+{
+public:
+    std::vector<std::string> flushed;
+
+protected:
+    int sync() override
+    {
+        flushed.push_back(str());
+        str("");
+        return 0;
+    }
+};
+
+TEST(ClientHandlerTest, EachMessageLeavesWhole)
+{
+    ExchangeStore store;
+    std::istringstream in("subscribe\nAudio\n.\ntest-and-merge\n.\n[Audio]\nvolume=4\n.\nget delimited\nAudio\n.\n"
+                          "dump all\ninfo subscribed\n");
+    FlushCounter buffer;
+    std::ostream out(&buffer);
+    ClientHandler(&store.env, &in, &out).Run();
+    const std::string audio = "[Audio]\nmuted=no\nvolume=4\n";
+    EXPECT_THAT(buffer.flushed,
+                ElementsAre("async change\nAudio\n.\n" + audio + ".\n", "result\nok\n", "data\n" + audio + ".\n",
+                            audio + Eth0 + Wlan0 + ".\n", "Subscribed groups\n-----------------\nAudio\n\n"));
+}
+
+TEST(ClientHandlerTest, TheGateIsAskedBeforeEachRequest)
+{
+    ExchangeStore store;
+    std::istringstream in("dump\nmerge\n[A]\nk=v\n.\nquit\n");
+    std::ostringstream out;
+    int count = 0;
+    FunctionGate gate([&count] { ++count; });
+    ClientHandler(&store.env, &in, &out).Run(gate);
+    EXPECT_EQ(count, 3);
+}
+
+}  // namespace
+}  // namespace korlo::settings::server
