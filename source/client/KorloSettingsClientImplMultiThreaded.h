@@ -1,0 +1,116 @@
+#pragma once
+// The client with a reader thread: it hears of changes and reconnects by itself.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "client/KorloSettingsClientImpl.h"
+#include "client/KorloSettingsConnection.h"
+#include "client/RemoteCommand.h"
+#include "client/tMsgQueue.h"
+#include "korlo/osa/Mutex.h"
+#include "korlo/osa/Semaphore.h"
+#include "korlo/osa/Thread.h"
+
+namespace korlo::settings::client
+{
+
+/// Callers write their requests on their own threads; a reader thread is the only reader of the connection. It hands
+/// each response to the caller that waits for it, delivers change notifications to the subscribers, and, when the
+/// connection is lost, reconnects every second for as long as the client lives and subscribes all groups again.
+///
+/// Who writes holds `_sendMutex`, a semaphore of one unit, since it is taken by the reader thread in one state of its
+/// cycle and released in another: the reader holds it for as long as there is no usable connection, so callers wait, up
+/// to 10000 ms, for the connection to come back. A caller that awaits a response holds `_commandMutex` from before it
+/// sends until the response has come, and takes `_sendMutex` inside it, never the other way round. It queues its
+/// command before it releases `_sendMutex`, which the reader takes before it looks for a command: so the reader finds
+/// it.
+///
+/// The reader thread alone touches the input stream. The output stream, its flags included, is touched only with
+/// `_sendMutex` held; that a write failed, the reader learns from `_outputFailed`. The stream pointers change only on
+/// the reader thread with `_sendMutex` held.
+///
+/// A failure status is posted whenever the connection is lost, whether or not a caller waits. Left over by a connection
+/// that broke while nobody waited, it makes exactly one later call fail, before that call sends anything.
+///
+/// Thread safety: all methods, from any thread. Callbacks run on the reader thread: they may change settings, subscribe
+/// and unsubscribe, but not ask this client for a response, which only their own thread could read.
+class KorloSettingsClientImplMultiThreaded : public KorloSettingsClientImpl, public osa::Runnable
+{
+public:
+    /// Starts the reader thread and does not wait for the connection.
+    /// @param pConnection taken.
+    explicit KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection);
+
+    /// Tells the server "quit" if there is a connection, and waits for the reader thread: for the connection attempt
+    /// that is under way, and no longer.
+    ~KorloSettingsClientImplMultiThreaded() override;
+
+    void GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const override;
+    void MergeSettings(const core::IniFile& changes, unsigned int flags) override;
+    bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) override;
+    void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups) override;
+    void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) override;
+    void RestoreToDefaults(const GroupNameCollection& groups) override;
+
+    /// The reader thread.
+    void Run() override;
+
+    /// Does nothing: the destructor stops the reader thread.
+    void Stop() override;
+
+    /// Sends one command and, if it awaits a response, returns what the response said; else true.
+    /// @param name names the operation in messages.
+    /// @param pCommand taken.
+    /// @throws osa::LockException when there is no connection for 10000 ms; osa::Exception "%s lost connection to
+    ///         korlo-settings-server" when the request could not be written, "%s failed to communicate with
+    ///         korlo-settings-server" when the response did not come.
+    bool RunCommand(const char* name, RemoteCommand* pCommand) const;
+
+private:
+    /// What the reader thread tells the caller that awaits a response.
+    struct ResponseStatus
+    {
+        bool matched;  // a response with the awaited keyword came
+        bool result;   // what the command made of it
+    };
+
+    class SemAutoLock;
+
+    bool SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const;
+    void Send(const char* name, RemoteCommand& command) const;
+    unsigned int SendSubscribe(const GroupNameCollection& groups) const;
+    void CheckInvariant(const char* name) const;
+    [[noreturn]] void FailToCommunicate(const char* name) const;
+
+    bool EstablishConnection();
+    void Connect() const;
+    void Resubscribe();
+    void ReadUntilLost();
+    void ReadLine(const std::string& line);
+    void HandleNotification();
+    void HandleResponse(const std::string& keyword);
+    void SkipResponse(const std::string& keyword);
+    void LeaveConnection();
+    void CleanRequestQueue();
+    void Pause();
+
+    osa::Thread _thread;
+    std::atomic<bool> _stopRequested = false;
+    std::unique_ptr<KorloSettingsConnection> _pConnection;
+    mutable osa::Mutex _commandMutex;
+    mutable osa::Semaphore _sendMutex;
+    const std::uint32_t _timeoutMs = 10000;
+    mutable osa::tMsgQueue<RemoteCommand*> _requestQueue;  // what is in it belongs to the reader thread
+    mutable osa::tMsgQueue<ResponseStatus> _responseQueue;
+
+    mutable std::atomic<bool> _outputFailed = false;
+    std::atomic<unsigned int> _connectionCount = 0;  // tells a subscriber whether the connection is still the same
+    osa::Semaphore _stopSignal;                      // ends a pause of the reader thread
+    osa::Semaphore _readerEnded;
+    unsigned int _abandonedResponses = 0;  // the reader thread's; to requests whose callers have failed meanwhile
+};
+
+}  // namespace korlo::settings::client

@@ -1,0 +1,83 @@
+#pragma once
+// The five requests that clients make.
+
+#include "client/RemoteCommand.h"
+#include "korlo/core/IniFile.h"
+#include "settings/GroupNameCollection.h"
+
+namespace korlo::settings::client
+{
+
+// The constructors that take group names throw osa::Exception for one that a list of lines cannot carry, before
+// anything is written. All pointers are borrowed.
+
+/// Reads groups into a document. Thread safety: as RemoteCommand.
+class GetSettingsCommand : public RemoteCommand
+{
+public:
+    GetSettingsCommand(const GroupNameCollection* pGroups, core::IniFile* pResult);
+    void SendRequest(std::ostream& out) override;
+
+    /// Adds the body to the result, as far as it can be read; always true.
+    bool HandleResponse(std::istream& in) override;
+
+private:
+    const GroupNameCollection* _pGroups;
+    core::IniFile* _pResult;
+};
+
+/// Merges changes. Thread safety: as RemoteCommand.
+class MergeCommand : public RemoteCommand
+{
+public:
+    MergeCommand(const core::IniFile* pChanges, unsigned int flags);
+    void SendRequest(std::ostream& out) override;
+
+private:
+    const core::IniFile* _pChanges;
+    unsigned int _flags;
+};
+
+/// Merges changes if the store holds what is expected. Thread safety: as RemoteCommand.
+class TestAndMergeCommand : public RemoteCommand
+{
+public:
+    TestAndMergeCommand(const core::IniFile* pExpected, const core::IniFile* pChanges);
+    void SendRequest(std::ostream& out) override;
+
+    /// Reads the outcome, which is also returned.
+    bool HandleResponse(std::istream& in) override;
+
+    /// True once a response has said that the changes were merged.
+    bool GetOutcome() const { return _outcome; }
+
+private:
+    const core::IniFile* _pExpected;
+    const core::IniFile* _pChanges;
+    bool _outcome = false;
+};
+
+/// Replaces groups. Thread safety: as RemoteCommand.
+class OverwriteCommand : public RemoteCommand
+{
+public:
+    OverwriteCommand(const GroupNameCollection* pGroups, const core::IniFile* pSettings);
+    void SendRequest(std::ostream& out) override;
+
+private:
+    const GroupNameCollection* _pGroups;
+    const core::IniFile* _pSettings;
+};
+
+/// Returns groups to their defaults. Thread safety: as RemoteCommand.
+class RestoreToDefaultsCommand : public RemoteCommand
+{
+public:
+    explicit RestoreToDefaultsCommand(const GroupNameCollection* pGroups);
+    void SendRequest(std::ostream& out) override;
+
+private:
+    const GroupNameCollection* _pGroups;
+};
+
+}  // namespace korlo::settings::client
