@@ -1,0 +1,73 @@
+#pragma once
+// One client of the server.
+
+#include <memory>
+#include <string>
+
+#include "OutgoingQueue.h"
+#include "ServerLimits.h"
+#include "korlo/core/Logger.h"
+#include "korlo/osa/TcpSocket.h"
+#include "korlo/osa/Thread.h"
+#include "settings/server/ServerEnv.h"
+
+namespace korlo::daemon
+{
+
+class ClientConnection;
+
+/// Hears of the end of a connection.
+///
+/// Thread safety: called on the connection's own thread.
+class IConnectionOwner
+{
+public:
+    virtual ~IConnectionOwner() = default;
+
+    /// The connection serves no more and its thread is about to end. Stop is not called any more, but other
+    /// connections may still be; whoever destroys this one waits for the thread.
+    virtual void OnConnectionEnded(ClientConnection& connection) = 0;
+};
+
+/// Serves one client on a thread of its own, from the start to the client's end, Stop, or a failure, which is logged
+/// with the client's address and costs nobody else anything. The socket is closed before the thread ends.
+///
+/// Thread safety: Start once, by the owner; Stop from any thread.
+class ClientConnection final : public osa::Runnable
+{
+public:
+    /// @param owner, env borrowed.
+    ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const settings::server::ServerEnv& env,
+                     const ServerLimits& limits, IConnectionOwner& owner);
+    ClientConnection(const ClientConnection&) = delete;
+    ClientConnection& operator=(const ClientConnection&) = delete;
+
+    /// Waits for the thread, if it was started.
+    ~ClientConnection() override = default;
+
+    /// @throws osa::Exception when the system has no thread left; the connection is then of no use.
+    void Start();
+
+    /// Breaks the connection without waiting for anything.
+    void Stop() override;
+
+    void Run() override;
+
+private:
+    class Session;
+
+    void Serve();
+    void LogEnd(const std::string& failure) const;
+
+    settings::server::ServerEnv _env;
+    const ServerLimits _limits;
+    IConnectionOwner& _owner;
+    core::Logger* const _pLogger;  // not owned
+    const std::string _peer;
+
+    std::unique_ptr<osa::TcpSocket> _pSocket;      // null once the connection has ended
+    const std::shared_ptr<OutgoingQueue> _pQueue;  // uses the socket until it is broken; others may hold it longer
+    osa::Thread _thread;                           // last: it ends before what it uses goes
+};
+
+}  // namespace korlo::daemon

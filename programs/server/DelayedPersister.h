@@ -1,0 +1,75 @@
+#pragma once
+// Saves that wait for one another.
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "FileSettingsPersister.h"
+#include "korlo/core/Logger.h"
+#include "korlo/osa/Thread.h"
+#include "settings/server/ISettingsPersister.h"
+
+namespace korlo::daemon
+{
+
+/// Gathers changes and saves them on a thread of its own, so that nobody who reads or changes settings waits for the
+/// disk. A save that fails is logged as an error and tried again.
+///
+///     DelayedPersister persister(files, 100);
+///     SettingsManager store(&persister, ...);
+///     persister.Start([&] { return UserLayerOf(store); });
+///
+/// The first change starts the delay; when it is over, the user layer is taken from the store as it then is. So a
+/// change costs the same however large the layer has become.
+///
+/// Thread safety: as ISettingsPersister; Start and Finish belong to the owner.
+class DelayedPersister : public settings::server::ISettingsPersister, private osa::Runnable
+{
+public:
+    using TakeText = std::function<std::string()>;
+
+    /// @param target borrowed; where everything is loaded from and saved to.
+    DelayedPersister(FileSettingsPersister& target, unsigned int delayMs);
+    DelayedPersister(const DelayedPersister&) = delete;
+    DelayedPersister& operator=(const DelayedPersister&) = delete;
+    ~DelayedPersister() override;
+
+    /// Begins to save. Nothing may be changed before.
+    /// @param takeText gives the user layer as INI text; called on a thread that holds no lock, until Finish.
+    void Start(TakeText takeText);
+
+    /// Saves at once what was not saved, and ends. Nothing may be changed after.
+    /// @throws osa::Exception naming the path and the reason of a save that fails.
+    void Finish();
+
+    void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
+    void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
+
+    /// Notes that there is something to save.
+    void SaveUserSettings(const core::IniFile& userSettings) override;
+
+private:
+    void Run() override;
+    void Stop() override;
+
+    bool WaitForChange();
+    void WaitUnlessStopped(unsigned int durationMs);
+    bool TryToSave();
+    void Save();
+
+    FileSettingsPersister& _target;
+    const unsigned int _delayMs;
+    core::Logger* const _pLogger;  // not owned
+    TakeText _takeText;
+
+    std::mutex _mutex;  // guards the two flags
+    std::condition_variable _changed;
+    bool _isDirty = false;
+    bool _isStopped = false;
+
+    osa::Thread _thread;  // last
+};
+
+}  // namespace korlo::daemon

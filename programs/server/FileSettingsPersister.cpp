@@ -1,0 +1,169 @@
+#include "FileSettingsPersister.h"
+
+#include <filesystem>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "korlo/osa/Exception.h"
+
+namespace korlo::daemon
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view EmptyLayer = "# no user settings\n";
+
+bool IsWithoutContent(const std::string& text)
+{
+    return text.find_first_not_of('\0') == std::string::npos;
+}
+
+/// "NAME.PID-NUMBER~": a new file that did not get as far as taking the place of the old one.
+bool IsLeftover(const std::string& candidate, const std::string& name)
+{
+    std::string_view rest = candidate;
+    if (!rest.starts_with(name + '.') || !rest.ends_with('~'))
+    {
+        return false;
+    }
+    rest.remove_prefix(name.size() + 1);
+    rest.remove_suffix(1);
+    const std::size_t hyphen = rest.find('-');
+    const auto isNumber = [](std::string_view text) {
+        return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+    };
+    return hyphen != std::string_view::npos && isNumber(rest.substr(0, hyphen)) && isNumber(rest.substr(hyphen + 1));
+}
+
+}  // namespace
+
+FileSettingsPersister::FileSettingsPersister(const SettingsFiles& defaults, const std::string& userPath,
+                                             osa::IFileSystem& fileSystem)
+    : _defaults(defaults),
+      _fileSystem(fileSystem),
+      _file(userPath, osa::CrashSafeFile::KeepPrevious, 0640, fileSystem),
+      _pLogger(core::Logger::GetLogger("FileSettingsPersister"))
+{
+}
+
+void FileSettingsPersister::Prepare()
+{
+    if (!SavesNothing())
+    {
+        _file.CheckReplaceable();
+        RemoveLeftovers();
+    }
+}
+
+void FileSettingsPersister::RemoveLeftovers() const
+{
+    std::error_code ignored;
+    const fs::path path = fs::weakly_canonical(_file.GetPath(), ignored);
+    std::vector<fs::path> leftovers;
+    for (fs::directory_iterator entry(path.parent_path(), ignored), end; !ignored && entry != end;
+         entry.increment(ignored))
+    {
+        if (IsLeftover(entry->path().filename().string(), path.filename().string()))
+        {
+            leftovers.push_back(entry->path());
+        }
+    }
+    for (const fs::path& leftover : leftovers)
+    {
+        fs::remove(leftover, ignored);
+    }
+}
+
+void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombiner& combiner)
+{
+    for (const std::string& file : _defaults.Find())
+    {
+        combiner.LoadFromFile(file);
+    }
+}
+
+void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner& combiner)
+{
+    if (!SavesNothing() && _file.Exists())
+    {
+        _stored = Load();
+        combiner.LoadFromString(*_stored);
+    }
+}
+
+std::string FileSettingsPersister::Load()
+{
+    std::string text;
+    try
+    {
+        text = _file.Read();
+    }
+    catch (const osa::Exception& exception)
+    {
+        return LoadPrevious(exception.what(), true);
+    }
+    if (!IsWithoutContent(text))
+    {
+        return text;
+    }
+    return LoadPrevious(text.empty() ? "it is empty" : "it holds nothing but zero bytes", false);
+}
+
+/// Puts the generation before into the place of a damaged file, so that the next save keeps it and not the damaged one.
+std::string FileSettingsPersister::LoadPrevious(const std::string& damage, bool isUnreadable)
+{
+    std::string previous;
+    try
+    {
+        previous = _file.ReadPrevious();
+    }
+    catch (const osa::Exception&)
+    {
+        // There is none, or none that can be read: the same as one without content.
+    }
+    if (IsWithoutContent(previous) && isUnreadable)
+    {
+        throw osa::Exception("User settings cannot be loaded: %s", damage.c_str());
+    }
+    if (IsWithoutContent(previous) && damage != "it is empty")
+    {
+        _pLogger->Error("The user settings of '%s' are lost: %s, and there is no generation before",
+                        _file.GetPath().c_str(), damage.c_str());
+    }
+    if (IsWithoutContent(previous))
+    {
+        return std::string();
+    }
+    _pLogger->Warning("User settings are taken from '%s~', the generation before: %s", _file.GetPath().c_str(),
+                      damage.c_str());
+    osa::CrashSafeFile(_file.GetPath(), osa::CrashSafeFile::KeepNone, 0640, _fileSystem).Replace(previous);
+    return _file.Read();
+}
+
+void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
+{
+    if (!SavesNothing())
+    {
+        std::ostringstream text;
+        userSettings.SaveToStream(text);
+        Save(text.str());
+    }
+}
+
+void FileSettingsPersister::Save(const std::string& text)
+{
+    const std::string& saved = text.empty() ? std::string(EmptyLayer) : text;
+    if (SavesNothing() || _stored == saved)
+    {
+        return;
+    }
+    _stored.reset();
+    _file.Replace(saved);
+    _stored = saved;
+}
+
+}  // namespace korlo::daemon

@@ -1,0 +1,19 @@
+#pragma once
+// What the server asks of its process before it starts any thread.
+
+namespace korlo::daemon
+{
+
+/// Lets SIGTERM and SIGINT wait for WaitForEnd in this thread and in all that it starts; SIGHUP and SIGPIPE do nothing.
+void TakeOverSignals();
+
+/// Returns when SIGTERM or SIGINT has arrived.
+void WaitForEnd();
+
+/// Keeps the memory that many threads share small: few heaps, and what is free goes back to the system.
+void ConfigureMemory();
+
+/// Allows as many open files as so many clients need; a warning is logged where the system refuses.
+void AllowClients(unsigned int maxClients);
+
+}  // namespace korlo::daemon

@@ -1,0 +1,127 @@
+#include "ServerOptions.h"
+
+#include <charconv>
+#include <limits>
+#include <string_view>
+
+#include <CLI/CLI.hpp>
+
+namespace korlo::daemon
+{
+
+namespace
+{
+
+constexpr int WrongCommandLine = 2;
+
+[[noreturn]] void Refuse(const std::string& message)
+{
+    throw EarlyExit(WrongCommandLine, message);
+}
+
+/// A decimal number in a range, digits only.
+unsigned long long ParseNumber(const std::string& option, std::string_view text, unsigned long long least,
+                               unsigned long long most)
+{
+    unsigned long long number = 0;
+    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || pEnd != text.data() + text.size() || number < least || number > most)
+    {
+        Refuse(option + ": '" + std::string(text) + "' is not a number from " + std::to_string(least) + " to " +
+               std::to_string(most));
+    }
+    return number;
+}
+
+void ParseListen(const std::string& text, ServerOptions& options)
+{
+    const std::size_t colon = text.rfind(':');
+    std::string address = text.substr(0, colon);
+    const bool isBracketed = address.starts_with('[') && address.ends_with(']');
+    if (colon == std::string::npos || address.empty() || (!isBracketed && address.find(':') != std::string::npos))
+    {
+        Refuse("--listen: '" + text + "' is not ADDRESS:PORT (an IPv6 address in square brackets)");
+    }
+    options.address = isBracketed ? address.substr(1, address.size() - 2) : address;
+    options.port = static_cast<unsigned short>(
+        ParseNumber("--listen", text.substr(colon + 1), 0, std::numeric_limits<unsigned short>::max()));
+}
+
+/// An option that takes a number in a range.
+template <typename Number>
+void AddNumber(CLI::App& app, const std::string& name, const std::string& unit, const std::string& description,
+               Number& target, unsigned long long least, unsigned long long most)
+{
+    app.add_option_function<std::string>(
+           name,
+           [&target, name, least, most](const std::string& text) {
+               target = static_cast<Number>(ParseNumber(name, text, least, most));
+           },
+           description)
+        ->type_name(unit)
+        ->take_last()
+        ->default_str(std::to_string(target));
+}
+
+void AddOptions(CLI::App& app, ServerOptions& options)
+{
+    constexpr unsigned long long mostBytes = 0x7FFFFFFF;  // what 32 bits can address comes to an end there
+    app.set_version_flag("--version", KORLO_VERSION);
+    app.add_option_function<std::string>(
+           "--listen", [&options](const std::string& text) { ParseListen(text, options); },
+           "Where clients connect; port 0 picks a free one")
+        ->type_name("ADDRESS:PORT")
+        ->take_last()
+        ->default_str("127.0.0.1:4711");
+    app.add_option("--defaults", options.defaults, "Default settings; later ones override earlier ones")
+        ->type_name("FILE-OR-FOLDER")
+        ->allow_extra_args(false);
+    app.add_option_function<std::string>(
+           "--user",
+           [&options](const std::string& path) {
+               options.userPath = path;
+               options.userPathIsGiven = true;
+           },
+           "The file that keeps what clients change")
+        ->type_name("FILE")
+        ->take_last()
+        ->default_str(options.userPath);
+    app.add_option("--restricted", options.restricted, "Restricted settings, which no client can change")
+        ->type_name("FILE-OR-FOLDER")
+        ->allow_extra_args(false);
+    AddNumber(app, "--save-delay", "MS", "Gather changes for this long before they are saved", options.saveDelayMs, 0,
+              24ull * 60 * 60 * 1000);
+    AddNumber(app, "--max-clients", "N", "Clients at once", options.limits.maxClients, 1, 1'000'000);
+    AddNumber(app, "--max-backlog", "BYTES", "Notifications that may wait for one client", options.limits.maxBacklog, 1,
+              mostBytes);
+    AddNumber(app, "--max-message", "BYTES", "The largest request", options.limits.maxMessage, 1, mostBytes);
+    AddNumber(app, "--log-level", "0..4", "Nothing, errors, warnings, information, traces", options.logLevel, 0, 4);
+}
+
+}  // namespace
+
+ServerOptions ParseOptions(int argc, const char* const* argv)
+{
+    ServerOptions options;
+    CLI::App app("The settings of a device, for all its programs.", "korlo-settings-server");
+    AddOptions(app, options);
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::CallForHelp&)
+    {
+        throw EarlyExit(0, app.help());
+    }
+    catch (const CLI::CallForVersion&)
+    {
+        throw EarlyExit(0, "korlo-settings-server " + app.version() + '\n');
+    }
+    catch (const CLI::ParseError& error)
+    {
+        Refuse(error.what());
+    }
+    return options;
+}
+
+}  // namespace korlo::daemon

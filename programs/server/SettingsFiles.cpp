@@ -1,0 +1,62 @@
+#include "SettingsFiles.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "korlo/osa/Exception.h"
+
+namespace korlo::daemon
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+bool IsSettingsFile(const fs::directory_entry& entry)
+{
+    const std::string name = entry.path().filename().string();
+    std::error_code ignored;
+    return name.ends_with(".ini") && !name.starts_with('.') && !entry.is_directory(ignored);
+}
+
+void AddFolder(const std::string& folder, std::vector<std::string>& files)
+{
+    const std::size_t first = files.size();
+    std::error_code error;
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error))
+    {
+        if (IsSettingsFile(*entry))
+        {
+            files.push_back(entry->path().string());
+        }
+    }
+    if (error)
+    {
+        throw osa::Exception("Failed to read folder '%s': %s", folder.c_str(), error.message().c_str());
+    }
+    std::sort(files.begin() + static_cast<std::ptrdiff_t>(first), files.end());
+}
+
+}  // namespace
+
+std::vector<std::string> SettingsFiles::Find() const
+{
+    std::vector<std::string> files;
+    for (const std::string& path : _filesAndFolders)
+    {
+        std::error_code ignored;
+        if (fs::is_directory(path, ignored))
+        {
+            AddFolder(path, files);
+        }
+        else
+        {
+            files.push_back(path);
+        }
+    }
+    return files;
+}
+
+}  // namespace korlo::daemon

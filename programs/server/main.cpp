@@ -1,0 +1,6 @@
+#include "ServerProgram.h"
+
+int main(int argc, char** argv)
+{
+    return korlo::daemon::RunServer(argc, argv);
+}

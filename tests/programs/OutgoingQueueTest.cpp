@@ -1,0 +1,116 @@
+#include "OutgoingQueue.h"
+
+#include <future>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/TcpPair.h"
+
+namespace korlo::daemon
+{
+namespace
+{
+
+constexpr unsigned int LimitMs = 30'000;
+constexpr std::size_t Much = 32 * 1024 * 1024;  // more than the system keeps for a connection
+
+class OutgoingQueueTest : public testing::Test
+{
+protected:
+    OutgoingQueueTest() { _queue.Adopt(); }
+
+    bool Send(const std::string& bytes) { return _queue.Send(bytes.data(), bytes.size()); }
+
+    bool SendFromAnotherThread(const std::string& bytes)
+    {
+        return std::async(std::launch::async, [&] { return Send(bytes); }).get();
+    }
+
+    /// Reads at the other end while this end drains.
+    std::string DrainAndRead(std::size_t size)
+    {
+        auto reading = std::async(std::launch::async, [&] {
+            std::string read(size, '\0');
+            std::size_t length = 0;
+            osa::TcpSocket::IoResult part{osa::TcpSocket::Done, 0, 0};
+            while (length < size && part.status == osa::TcpSocket::Done)
+            {
+                part = _pair.client.ReadSome(&read[length], size - length, LimitMs);
+                length += part.bytes;
+            }
+            read.resize(length);
+            return read;
+        });
+        while (_queue.GetPendingBytes() > 0 && _pair.pServer->Wait(false, true, LimitMs) != 0)
+        {
+            _queue.Drain();
+        }
+        return reading.get();
+    }
+
+    TcpPair _pair;
+    OutgoingQueue _queue{*_pair.pServer, 1000};
+};
+
+TEST_F(OutgoingQueueTest, SendsAtOnceWhatTheSocketTakes)
+{
+    EXPECT_TRUE(Send("hello"));
+    EXPECT_EQ(_queue.GetPendingBytes(), 0u);
+    EXPECT_EQ(DrainAndRead(5), "hello");
+}
+
+TEST_F(OutgoingQueueTest, KeepsTheRestInOrderHoweverMuchItsOwnThreadSends)
+{
+    const std::string much(Much, 'm');
+    EXPECT_TRUE(Send(much));
+    EXPECT_GT(_queue.GetPendingBytes(), 1000u);
+    EXPECT_TRUE(Send("behind it"));
+    EXPECT_TRUE(DrainAndRead(Much + 9) == much + "behind it");
+    EXPECT_EQ(_queue.GetPendingBytes(), 0u);
+}
+
+TEST_F(OutgoingQueueTest, BytesOfItsOwnThreadDoNotCountAgainstANotification)
+{
+    const std::string much(Much, 'm');
+    EXPECT_TRUE(Send(much));
+    EXPECT_TRUE(SendFromAnotherThread(std::string(1000, 'n')));
+    EXPECT_TRUE(Send("own"));
+    EXPECT_FALSE(_queue.IsBroken());
+    EXPECT_TRUE(DrainAndRead(Much + 1003) == much + std::string(1000, 'n') + "own");
+    EXPECT_TRUE(SendFromAnotherThread("again"));  // what was drained does not count any more
+}
+
+TEST_F(OutgoingQueueTest, NotificationsBeyondTheLimitBreakTheConnection)
+{
+    EXPECT_TRUE(Send(std::string(Much, 'm')));
+    EXPECT_TRUE(SendFromAnotherThread(std::string(600, 'n')));
+    EXPECT_FALSE(SendFromAnotherThread(std::string(401, 'n')));
+    EXPECT_TRUE(_queue.IsBroken());
+    EXPECT_EQ(_queue.GetReason(), "it does not read its notifications: 1001 bytes wait, 1000 may");
+    EXPECT_EQ(_queue.GetPendingBytes(), 0u);
+    EXPECT_FALSE(Send("more"));
+}
+
+TEST_F(OutgoingQueueTest, ANotificationThatHasToWaitWakesItsOwnThread)
+{
+    while (_pair.pServer->Wait(false, true, 0) != 0)  // until the socket is full to the brim
+    {
+        const std::string much(Much, 'm');
+        ASSERT_EQ(_pair.pServer->WriteAll(much.data(), much.size(), 0).status, osa::TcpSocket::TimedOut);
+    }
+    auto waiting = std::async(std::launch::async, [this] { return _pair.pServer->Wait(true, false, LimitMs); });
+    EXPECT_TRUE(SendFromAnotherThread("notification"));
+    EXPECT_EQ(waiting.get(), osa::TcpSocket::Woken);
+}
+
+TEST_F(OutgoingQueueTest, TheFirstReasonCounts)
+{
+    _queue.Break("first");
+    _queue.Break("second");
+    EXPECT_EQ(_queue.GetReason(), "first");
+}
+
+}  // namespace
+}  // namespace korlo::daemon

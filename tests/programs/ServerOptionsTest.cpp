@@ -1,0 +1,120 @@
+#include "ServerOptions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace korlo::daemon
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+ServerOptions Parse(std::vector<const char*> arguments)
+{
+    arguments.insert(arguments.begin(), "korlo-settings-server");
+    return ParseOptions(static_cast<int>(arguments.size()), arguments.data());
+}
+
+EarlyExit Refusal(const std::vector<const char*>& arguments)
+{
+    try
+    {
+        Parse(arguments);
+        return EarlyExit(-1, "was accepted");
+    }
+    catch (const EarlyExit& exit)
+    {
+        return exit;
+    }
+}
+
+TEST(ServerOptionsTest, HaveDefaults)
+{
+    const ServerOptions options = Parse({});
+    EXPECT_EQ(options.address, "127.0.0.1");
+    EXPECT_EQ(options.port, 4711);
+    EXPECT_EQ(options.userPath, "/var/lib/korlo-settings/user.ini");
+    EXPECT_FALSE(options.userPathIsGiven);
+    EXPECT_EQ(options.saveDelayMs, 0u);
+    EXPECT_EQ(options.limits.maxClients, 1000u);
+    EXPECT_EQ(options.limits.maxBacklog, 1024u * 1024);
+    EXPECT_EQ(options.limits.maxMessage, 16u * 1024 * 1024);
+    EXPECT_EQ(options.logLevel, 2);
+}
+
+TEST(ServerOptionsTest, TakeWhatIsGiven)
+{
+    const ServerOptions options = Parse({"--listen", "0.0.0.0:0", "--defaults", "a", "--defaults", "b", "--user", "u",
+                                         "--restricted=r", "--save-delay", "100", "--max-clients", "2", "--max-backlog",
+                                         "3", "--max-message", "4", "--log-level", "0"});
+    EXPECT_EQ(options.address, "0.0.0.0");
+    EXPECT_EQ(options.port, 0);
+    EXPECT_THAT(options.defaults, ElementsAre("a", "b"));
+    EXPECT_EQ(options.userPath, "u");
+    EXPECT_TRUE(options.userPathIsGiven);
+    EXPECT_THAT(options.restricted, ElementsAre("r"));
+    EXPECT_EQ(options.saveDelayMs, 100u);
+    EXPECT_EQ(options.limits.maxClients, 2u);
+    EXPECT_EQ(options.limits.maxBacklog, 3u);
+    EXPECT_EQ(options.limits.maxMessage, 4u);
+    EXPECT_EQ(options.logLevel, 0);
+}
+
+TEST(ServerOptionsTest, OfSeveralTheLastCounts)
+{
+    EXPECT_EQ(Parse({"--listen", "a:1", "--listen", "b:2"}).address, "b");
+    EXPECT_EQ(Parse({"--save-delay", "1", "--save-delay", "2"}).saveDelayMs, 2u);
+}
+
+TEST(ServerOptionsTest, TakeAnIPv6AddressOutOfItsBrackets)
+{
+    EXPECT_EQ(Parse({"--listen", "[::1]:80"}).address, "::1");
+}
+
+TEST(ServerOptionsTest, RefuseWhatMakesNoSenseInOneLineThatNamesIt)
+{
+    struct Row
+    {
+        std::vector<const char*> arguments;
+        const char* named;
+    };
+    const std::vector<Row> rows = {
+        {{"--bogus"}, "--bogus"},
+        {{"stray"}, "stray"},
+        {{"--listen"}, "--listen"},
+        {{"--listen", "4711"}, "'4711'"},
+        {{"--listen", ":4711"}, "':4711'"},
+        {{"--listen", "::1:80"}, "'::1:80'"},
+        {{"--listen", "a:"}, "''"},
+        {{"--listen", "a:65536"}, "'65536'"},
+        {{"--listen", "a:-1"}, "'-1'"},
+        {{"--save-delay", "x"}, "--save-delay: 'x'"},
+        {{"--save-delay", "1.5"}, "--save-delay: '1.5'"},
+        {{"--save-delay", "99999999999999999999"}, "--save-delay"},
+        {{"--max-clients", "0"}, "--max-clients: '0'"},
+        {{"--max-backlog", "0"}, "--max-backlog: '0'"},
+        {{"--max-message", "0x10"}, "--max-message: '0x10'"},
+        {{"--log-level", "5"}, "--log-level: '5'"},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.named);
+        const EarlyExit exit = Refusal(row.arguments);
+        EXPECT_EQ(exit.GetStatus(), 2);
+        EXPECT_THAT(exit.what(), HasSubstr(row.named));
+        EXPECT_THAT(exit.what(), testing::Not(HasSubstr("\n")));
+    }
+}
+
+TEST(ServerOptionsTest, AnswerQuestions)
+{
+    EXPECT_EQ(Refusal({"--help"}).GetStatus(), 0);
+    EXPECT_THAT(Refusal({"--help"}).what(), HasSubstr("--max-backlog"));
+    EXPECT_EQ(Refusal({"--version"}).GetStatus(), 0);
+    EXPECT_THAT(Refusal({"--version"}).what(), testing::StartsWith("korlo-settings-server "));
+}
+
+}  // namespace
+}  // namespace korlo::daemon
