@@ -1,0 +1,29 @@
+#pragma once
+// The functions behind the table of commands; Command.h says what they get and return.
+
+#include "Command.h"
+
+namespace korlo::settings::cli
+{
+
+// ReadCommands.cpp
+ExitStatus RunGet(const Invocation& invocation);
+ExitStatus RunList(const Invocation& invocation);
+ExitStatus RunDump(const Invocation& invocation);
+ExitStatus RunSubscribed(const Invocation& invocation);
+
+// ChangeCommands.cpp
+ExitStatus RunSet(const Invocation& invocation);
+ExitStatus RunMerge(const Invocation& invocation);
+ExitStatus RunTestAndMerge(const Invocation& invocation);
+ExitStatus RunOverwrite(const Invocation& invocation);
+ExitStatus RunErase(const Invocation& invocation);
+ExitStatus RunRestore(const Invocation& invocation);
+
+// WatchCommand.cpp
+ExitStatus RunWatch(const Invocation& invocation);
+
+// CheckCommand.cpp
+ExitStatus RunCheck(const Invocation& invocation);
+
+}  // namespace korlo::settings::cli

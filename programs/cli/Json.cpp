@@ -1,0 +1,64 @@
+#include "Json.h"
+
+#include <nlohmann/json.hpp>
+
+namespace korlo::settings::cli
+{
+namespace
+{
+
+using nlohmann::json;
+
+json Value(const core::IniFile& document)
+{
+    json value = json::object();
+    for (const auto& [group, values] : document)
+    {
+        json& entry = value[group] = json::object();
+        for (const auto& [key, text] : values)
+        {
+            entry[key] = text;
+        }
+    }
+    return value;
+}
+
+std::string Line(const json& value)
+{
+    constexpr int compact = -1;
+    return value.dump(compact, ' ', false, json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace
+
+std::string JsonOf(const std::string& value)
+{
+    return Line(json(value));
+}
+
+std::string JsonOf(const GroupNameCollection& names)
+{
+    return Line(json(names));
+}
+
+std::string JsonOf(const core::IniFile& document)
+{
+    return Line(Value(document));
+}
+
+std::string JsonOf(const GroupNameCollection& changedGroups, const core::IniFile& settings)
+{
+    return Line(json{{"groups", changedGroups}, {"settings", Value(settings)}});
+}
+
+std::string JsonOf(const std::vector<std::pair<std::string, core::IniFile::BadLine>>& badLines)
+{
+    json lines = json::array();
+    for (const auto& [file, line] : badLines)
+    {
+        lines.push_back(json{{"file", file}, {"line", line.number}, {"message", line.reason}});
+    }
+    return Line(lines);
+}
+
+}  // namespace korlo::settings::cli

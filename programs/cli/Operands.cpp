@@ -1,0 +1,72 @@
+#include "Operands.h"
+
+#include "Failure.h"
+#include "StandardStreams.h"
+#include "korlo/osa/Exception.h"
+
+namespace korlo::settings::cli
+{
+
+SettingLocator ParseLocator(const std::string& text)
+{
+    try
+    {
+        return SettingLocator(text);
+    }
+    catch (const osa::Exception&)
+    {
+        throw Failure(StatusWrongCommandLine, Quoted(text) + " does not name a setting",
+                      "a setting is written as '[Group]Key', in quotes for the shell's sake");
+    }
+}
+
+core::IniFile ReadDocument(const std::string& path)
+{
+    try
+    {
+        core::IniFile document;
+        if (path == "-")
+        {
+            document.LoadFromString(ReadInput());
+        }
+        else
+        {
+            document.Load(path.c_str());
+        }
+        return document;
+    }
+    catch (const osa::Exception& error)
+    {
+        throw Failure(StatusUnusable, Reason(error.what()));
+    }
+}
+
+GroupNameCollection NamesOf(const std::vector<std::string>& operands)
+{
+    return GroupNameCollection(operands.begin(), operands.end());
+}
+
+GroupNameCollection GroupsOf(const core::IniFile& document)
+{
+    GroupNameCollection names;
+    for (const auto& [name, values] : document)
+    {
+        names.insert(names.end(), name);
+    }
+    return names;
+}
+
+void FailForNoMatch(const std::vector<std::string>& operands)
+{
+    std::string names;
+    bool looksLikeOption = false;
+    for (const std::string& operand : operands)
+    {
+        names += (names.empty() ? "" : ", ") + Quoted(operand);
+        looksLikeOption = looksLikeOption || operand == "--json" || operand == "--local" || operand == "--server";
+    }
+    throw Failure(StatusNo, "no group matches " + names,
+                  looksLikeOption ? "--json, --local and --server stand before the command" : "");
+}
+
+}  // namespace korlo::settings::cli

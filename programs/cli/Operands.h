@@ -1,0 +1,30 @@
+#pragma once
+// What the operands of commands mean.
+
+#include <string>
+#include <vector>
+
+#include "korlo/core/IniFile.h"
+#include "settings/GroupNameCollection.h"
+#include "settings/SettingLocator.h"
+
+namespace korlo::settings::cli
+{
+
+/// @throws Failure with StatusWrongCommandLine for a text that is not of the form `[Group]Key`.
+SettingLocator ParseLocator(const std::string& text);
+
+/// The document in the file, or on standard input for "-". Lines that make no sense are warned of and skipped.
+/// @throws Failure with StatusUnusable.
+core::IniFile ReadDocument(const std::string& path);
+
+GroupNameCollection NamesOf(const std::vector<std::string>& operands);
+
+/// The names of the document's groups.
+GroupNameCollection GroupsOf(const core::IniFile& document);
+
+/// "no group matches 'A', 'B'", and a hint if a name looks like an option of the tool.
+/// @throws Failure with StatusNo, always.
+[[noreturn]] void FailForNoMatch(const std::vector<std::string>& operands);
+
+}  // namespace korlo::settings::cli

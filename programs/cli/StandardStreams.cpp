@@ -1,0 +1,112 @@
+#include "StandardStreams.h"
+
+#include <cerrno>
+#include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Failure.h"
+
+namespace korlo::settings::cli
+{
+namespace
+{
+
+std::string TextOfError(int error)
+{
+    return std::generic_category().message(error);
+}
+
+/// Returns 0 or the error number.
+int WriteAll(int descriptor, std::string_view text)
+{
+    while (!text.empty())
+    {
+        const ssize_t written = ::write(descriptor, text.data(), text.size());
+        if (written >= 0)
+        {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        }
+        else if (errno != EINTR)
+        {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void HoldStandardDescriptors()
+{
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
+    {
+        if (::fcntl(descriptor, F_GETFD) == -1)
+        {
+            // The lowest free number is this one. Opened the wrong way round, so that using it fails as before.
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
+void WriteOutput(std::string_view text)
+{
+    const int error = WriteAll(STDOUT_FILENO, text);
+    if (error == EPIPE)
+    {
+        throw OutputClosed();
+    }
+    if (error != 0)
+    {
+        throw Failure(StatusUnusable, "failed to write to standard output: " + TextOfError(error));
+    }
+}
+
+void WriteMessage(std::string_view message)
+{
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string line = "korlo-settings: ";
+    for (const char c : message)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7F)
+        {
+            line += c;
+            continue;
+        }
+        line += "\\x";
+        line += digits[byte / 16];
+        line += digits[byte % 16];
+    }
+    line += '\n';
+    WriteAll(STDERR_FILENO, line);
+}
+
+std::string ReadInput()
+{
+    std::string text;
+    for (std::string piece = ReadPieceOfInput(); !piece.empty(); piece = ReadPieceOfInput())
+    {
+        text += piece;
+    }
+    return text;
+}
+
+std::string ReadPieceOfInput()
+{
+    std::string piece(16384, '\0');
+    ssize_t length = 0;
+    do
+    {
+        length = ::read(STDIN_FILENO, piece.data(), piece.size());
+    } while (length < 0 && errno == EINTR);
+    if (length < 0)
+    {
+        throw Failure(StatusUnusable, "failed to read standard input: " + TextOfError(errno));
+    }
+    piece.resize(static_cast<std::size_t>(length));
+    return piece;
+}
+
+}  // namespace korlo::settings::cli

@@ -1,0 +1,100 @@
+// Runs the examples of docs/command-line.md.
+
+#include "ToolFixture.h"
+#include "support/ServerProcess.h"
+
+namespace korlo::settings::cli
+{
+namespace
+{
+
+struct Example
+{
+    std::size_t line;
+    std::string command;  // may have several lines
+    std::string output;
+};
+
+/// The `$ ` lines of ```console blocks, `> ` lines that continue them, and what follows as their output.
+std::vector<Example> ReadExamples(std::istream& document)
+{
+    std::vector<Example> examples;
+    bool inBlock = false;
+    std::size_t number = 0;
+    for (std::string line; std::getline(document, line);)
+    {
+        ++number;
+        if (line.starts_with("```"))
+        {
+            inBlock = line == "```console";
+        }
+        else if (inBlock && line.starts_with("$ "))
+        {
+            examples.push_back({number, line.substr(2) + '\n', ""});
+        }
+        else if (inBlock && line.starts_with("> "))
+        {
+            examples.back().command += line.substr(2) + '\n';
+        }
+        else if (inBlock)
+        {
+            examples.back().output += line + '\n';
+        }
+    }
+    return examples;
+}
+
+class CommandLineDocumentTest : public ToolTest
+{
+protected:
+    CommandLineDocumentTest()
+    {
+        std::filesystem::copy_file(KORLO_EXAMPLES "/device.ini", PathOf("device.ini"));
+        std::filesystem::create_directory(PathOf("bin"));
+        Write("bin/korlo-settings",
+              "#!/bin/sh\nexec " + std::string(KORLO_EMULATOR) + ' ' + KORLO_SETTINGS_TOOL + " \"$@\"\n");
+        std::filesystem::permissions(PathOf("bin/korlo-settings"), std::filesystem::perms(0755));
+    }
+
+    static std::string Replaced(std::string text, const std::string& old, const std::string& replacement)
+    {
+        for (std::size_t at = text.find(old); at != std::string::npos; at = text.find(old, at + replacement.size()))
+        {
+            text.replace(at, old.size(), replacement);
+        }
+        return text;
+    }
+
+    /// Runs a line as one types it, in the folder of the test, and returns what a terminal shows. The address of the
+    /// test's server, on a port that was free, stands in for the one in the document.
+    std::string Type(const std::string& command)
+    {
+        const std::string address = "127.0.0.1:" + std::to_string(_server.GetPort());
+        const std::string script =
+            "cd \"$1\" && PATH=\"$1/bin:$PATH\" && exec 2>&1\n" + Replaced(command, DocumentedAddress, address);
+        ChildProcess shell({"/bin/sh", "-c", script, "sh", _folder.GetPath()});
+        shell.CloseInput();
+        shell.Wait();
+        return Replaced(shell.GetOutput(), address, DocumentedAddress);
+    }
+
+    static constexpr const char* DocumentedAddress = "127.0.0.1:4711";
+
+    ServerProcess _server{{"--defaults", KORLO_EXAMPLES "/device.ini", "--restricted", KORLO_EXAMPLES "/restricted.ini",
+                           "--user", PathOf("user.ini")}};
+};
+
+TEST_F(CommandLineDocumentTest, EveryExampleShowsWhatTheToolDoes)
+{
+    std::ifstream document(KORLO_DOCS "/command-line.md");
+    const std::vector<Example> examples = ReadExamples(document);
+    ASSERT_GT(examples.size(), 10u);
+    for (const Example& example : examples)
+    {
+        EXPECT_EQ(Type(example.command), example.output)
+            << "docs/command-line.md, line " << example.line << ": " << example.command;
+    }
+}
+
+}  // namespace
+}  // namespace korlo::settings::cli
