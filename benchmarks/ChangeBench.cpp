@@ -1,0 +1,238 @@
+// Changes: merges, test-and-merges with and without contention, and what it costs to have them on the disk.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+#include "ChildProcess.h"
+#include "Documents.h"
+#include "RedisClient.h"
+#include "settings/KorloSettingsClient.h"
+
+namespace korlo::benchmarks
+{
+namespace
+{
+
+using core::IniFile;
+using settings::KorloSettingsClient;
+
+constexpr const char* Group = "Counters";
+constexpr const char* Key = "value";
+const std::vector<std::string> NearlyNeverSave = {"--save-delay", "600000"};
+constexpr unsigned int DoNotPersist = 1;
+
+IniFile Counter(int value)
+{
+    IniFile ini;
+    ini.SetInt(Group, Key, value);
+    return ini;
+}
+
+/// Raises the counter by one; false when somebody else was faster.
+bool Increment(KorloSettingsClient& client)
+{
+    IniFile seen;
+    client.GetSettings(Group, seen);
+    return client.TestAndMerge(seen, Counter(seen.GetIntOrDefault(Group, Key, 0) + 1));
+}
+
+bool Increment(RedisClient& redis)
+{
+    redis.Append("WATCH %s", Group);
+    redis.Append("HGET %s %s", Group, Key);
+    redis.TakeReply();
+    const auto pSeen = redis.TakeReply();
+    const int value = pSeen->str == nullptr ? 0 : std::atoi(pSeen->str);
+    redis.Append("MULTI");
+    redis.Append("HSET %s %s %d", Group, Key, value + 1);
+    redis.Append("EXEC");
+    redis.TakeReply();
+    redis.TakeReply();
+    return redis.TakeReply()->type == REDIS_REPLY_ARRAY;
+}
+
+void BM_Increment(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server(NearlyNeverSave);
+    server.Register();
+    KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
+    client.MergeSettings(Counter(0));
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(Increment(client));
+    }
+}
+
+void BM_PipeIncrement(benchmark::State& state)
+{
+    PinToCore(0);
+    KorloSettingsClient client(KorloSettingsClient::LocalSingleThreaded);
+    client.MergeSettings(Counter(0));
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(Increment(client));
+    }
+}
+
+void BM_RedisIncrement(benchmark::State& state)
+{
+    PinToCore(0);
+    const RedisServer server;
+    RedisClient redis(server.GetPort());
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(Increment(redis));
+    }
+}
+
+/// Eight clients raise one counter until each has raised it so often; an iteration is all of it.
+template <typename Client>
+void Contend(benchmark::State& state, const std::function<std::unique_ptr<Client>()>& connect)
+{
+    constexpr int clientCount = 8;
+    constexpr int stepsEach = 50;
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int number = 0; number < clientCount; ++number)
+    {
+        clients.push_back(connect());
+        Increment(*clients.back());
+    }
+    for (auto _ : state)
+    {
+        std::vector<std::jthread> threads;
+        for (const auto& pClient : clients)
+        {
+            threads.emplace_back([&pClient] {
+                for (int step = 0; step < stepsEach; step += Increment(*pClient) ? 1 : 0)
+                {
+                }
+            });
+        }
+    }
+    state.counters["increments"] = benchmark::Counter(static_cast<double>(state.iterations() * clientCount * stepsEach),
+                                                      benchmark::Counter::kIsRate);
+}
+
+void BM_ContendedIncrement(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server(NearlyNeverSave);
+    server.Register();
+    Contend<KorloSettingsClient>(
+        state, [] { return std::make_unique<KorloSettingsClient>(KorloSettingsClient::SingleThreaded); });
+}
+
+void BM_RedisContendedIncrement(benchmark::State& state)
+{
+    PinToCore(0);
+    const RedisServer server;
+    Contend<RedisClient>(state, [&server] { return std::make_unique<RedisClient>(server.GetPort()); });
+}
+
+/// Merges wait for nothing; a read at the end of each hundred tells that they have been carried out.
+void MergeMany(benchmark::State& state, const std::vector<std::string>& options, unsigned int flags)
+{
+    constexpr int mergesEach = 100;
+    PinToCore(0);
+    const KorloServer server(options);
+    server.Register();
+    KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
+    int value = 0;
+    for (auto _ : state)
+    {
+        for (int merge = 0; merge < mergesEach; ++merge)
+        {
+            client.MergeSettings(Counter(++value), flags);
+        }
+        benchmark::DoNotOptimize(client.GetValue("[Counters]value").size());
+    }
+}
+
+void BM_MergeUnpersisted(benchmark::State& state)
+{
+    MergeMany(state, {}, DoNotPersist);
+}
+
+void BM_MergeDelayed(benchmark::State& state)
+{
+    MergeMany(state, {"--save-delay", "100"}, 0);
+}
+
+void BM_RedisHset(benchmark::State& state)
+{
+    constexpr int setsEach = 100;
+    PinToCore(0);
+    const RedisServer server;
+    RedisClient redis(server.GetPort());
+    int value = 0;
+    for (auto _ : state)
+    {
+        for (int set = 0; set < setsEach; ++set)
+        {
+            redis.Append("HSET %s %s %d", Group, Key, ++value);
+        }
+        for (int set = 0; set < setsEach; ++set)
+        {
+            redis.TakeReply();
+        }
+    }
+}
+
+/// Each change on the disk before it is answered.
+void BM_IncrementOnDisk(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server({});
+    server.Register();
+    KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
+    client.MergeSettings(DocumentOf(Device));  // a user layer of a usual size
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(Increment(client));
+    }
+}
+
+/// The disk's own part of it: write, sync, rename, sync of the folder, for a file of that size.
+void BM_BareReplacement(benchmark::State& state)
+{
+    const std::string& text = TextOf(Device);
+    std::string folder = "/var/tmp/korlo-bench-XXXXXX";
+    if (mkdtemp(folder.data()) == nullptr)
+    {
+        state.SkipWithError("no temporary folder");
+        return;
+    }
+    for (auto _ : state)
+    {
+        const int file = open((folder + "/new").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        benchmark::DoNotOptimize(write(file, text.data(), text.size()));
+        fsync(file);
+        close(file);
+        rename((folder + "/new").c_str(), (folder + "/file").c_str());
+        const int directory = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        fsync(directory);
+        close(directory);
+    }
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+
+BENCHMARK(BM_Increment)->UseRealTime();
+BENCHMARK(BM_PipeIncrement)->UseRealTime();
+BENCHMARK(BM_RedisIncrement)->UseRealTime();
+BENCHMARK(BM_ContendedIncrement)->UseRealTime();
+BENCHMARK(BM_RedisContendedIncrement)->UseRealTime();
+BENCHMARK(BM_MergeUnpersisted)->UseRealTime();
+BENCHMARK(BM_MergeDelayed)->UseRealTime();
+BENCHMARK(BM_RedisHset)->UseRealTime();
+BENCHMARK(BM_IncrementOnDisk)->UseRealTime();
+BENCHMARK(BM_BareReplacement)->UseRealTime();
+
+}  // namespace korlo::benchmarks

@@ -1,0 +1,77 @@
+// Runs the benchmarks and says how they stand to what docs/performance.md promises.
+
+#include "GoalReporter.h"
+
+namespace
+{
+
+using korlo::benchmarks::Goal;
+
+const std::vector<Goal> Goals = {
+    {"load device, of GKeyFile's time", "BM_Load/device", "BM_GKeyFileLoad/device", 1 / 4.0},
+    {"load large, of GKeyFile's time", "BM_Load/large", "BM_GKeyFileLoad/large", 1 / 2.5},
+    {"load device, of SimpleIni's time", "BM_Load/device", "BM_SimpleIniLoad/device", 1 / 3.0},
+    {"load large, of SimpleIni's time", "BM_Load/large", "BM_SimpleIniLoad/large", 1 / 3.0},
+    {"save device, of GKeyFile's time", "BM_Save/device", "BM_GKeyFileSave/device", 1 / 3.0},
+    {"save large, of GKeyFile's time", "BM_Save/large", "BM_GKeyFileSave/large", 1 / 3.0},
+    {"save device, of SimpleIni's time", "BM_Save/device", "BM_SimpleIniSave/device", 1 / 5.0},
+    {"save large, of SimpleIni's time", "BM_Save/large", "BM_SimpleIniSave/large", 1 / 5.0},
+    {"look-up in device, of the bare map's time", "BM_Lookup/device", "BM_BareLookup/device", 1.0},
+    {"look-up in large, of the bare map's time", "BM_Lookup/large", "BM_BareLookup/large", 1.0},
+    {"look-up in device, of GKeyFile's time", "BM_Lookup/device", "BM_GKeyFileLookup/device", 1.3},
+    {"heap per key of device, of the bare map's", "BM_Heap/device#heap_per_key", "BM_BareHeap/device#heap_per_key",
+     0.75},
+    {"heap per key of large, of the bare map's", "BM_Heap/large#heap_per_key", "BM_BareHeap/large#heap_per_key", 0.75},
+    {"copy of device, of the bare map's time", "BM_Copy/device", "BM_BareCopy/device", 0.75},
+    {"copy of large, of the bare map's time", "BM_Copy/large", "BM_BareCopy/large", 0.75},
+    {"load of 200 000 shuffled keys, of the time of 20 000", "BM_LoadOneGroup/200000", "BM_LoadOneGroup/20000", 25},
+    {"merge of 200 000 keys, of the time of 20 000", "BM_MergeOneGroup/200000", "BM_MergeOneGroup/20000", 25},
+    {"comparison of 200 000 keys, of the time of 20 000", "BM_CompareOneGroup/200000", "BM_CompareOneGroup/20000", 25},
+    {"copy of 200 000 keys, of the time of 20 000", "BM_CopyOneGroup/200000", "BM_CopyOneGroup/20000", 25},
+    {"get in 200 000 groups, of the time in 2000", "BM_StoreGet/200000", "BM_StoreGet/2000", 1.3},
+    {"merge in 200 000 groups, of the time in 2000", "BM_StoreMerge/200000", "BM_StoreMerge/2000", 1.3},
+    {"test-and-merge in 200 000 groups, of the time in 2000", "BM_StoreTestAndMerge/200000",
+     "BM_StoreTestAndMerge/2000", 1.3},
+    {"notification in 200 000 groups, of the time in 2000", "BM_StoreNotification/200000", "BM_StoreNotification/2000",
+     1.3},
+    {"Network/* in 200 000 groups, of the time in 2000", "BM_SelectByPrefix/200000", "BM_SelectByPrefix/2000", 2.0},
+    {"get of a group by the local client, of GKeyFile's walk", "BM_LocalGet", "BM_GKeyFileWalk", 1 / 1.5},
+    {"local change with 100 subscribers elsewhere, of that with none", "BM_LocalChange/100", "BM_LocalChange/0", 2.0},
+    {"store change with 100 subscribers elsewhere, of that with none", "BM_ChangeHeardByNone/100",
+     "BM_ChangeHeardByNone/0", 2.0},
+    {"get over TCP, single-threaded, of the floor's time", "BM_TcpGet/single", "BM_FloorGet", 1.35},
+    {"get over TCP, single-threaded, of Redis's time", "BM_TcpGet/single", "BM_RedisGet", 1.0},
+    {"get over TCP, multi-threaded, of the floor's time", "BM_TcpGet/multi", "BM_FloorHandOffGet", 1.35},
+    {"get over TCP, multi-threaded, of Redis's time", "BM_TcpGet/multi", "BM_RedisGet", 1.0},
+    {"get within the process, single-threaded, of Redis's time", "BM_PipeGet/single", "BM_RedisGet", 0.8},
+    {"get within the process, multi-threaded, of Redis's time", "BM_PipeGet/multi", "BM_RedisGet", 0.8},
+    {"8 clients at once, of Redis's time", "BM_TcpGetAtOnce/8", "BM_RedisGetAtOnce/8", 1 / 0.9},
+    {"32 clients at once, of Redis's time", "BM_TcpGetAtOnce/32", "BM_RedisGetAtOnce/32", 1 / 0.9},
+    {"8 clients at once, server's processor time, of Redis's", "BM_TcpGetAtOnce/8#server_cpu_us",
+     "BM_RedisGetAtOnce/8#server_cpu_us", 1.0},
+    {"32 clients at once, server's processor time, of Redis's", "BM_TcpGetAtOnce/32#server_cpu_us",
+     "BM_RedisGetAtOnce/32#server_cpu_us", 1.0},
+    {"change to callback, of Redis's time", "BM_ChangeToCallback", "BM_RedisPublishToSubscriber", 1.0},
+    {"change to the last of 500 subscribers, of Redis's time", "BM_FanOut/500", "BM_RedisFanOut/500", 1.15},
+    {"burst to 100 subscribers, of Redis's time", "BM_FanOutBurst/100", "BM_RedisFanOutBurst/100", 2.0},
+    {"test-and-merge, one client, of Redis's time", "BM_Increment", "BM_RedisIncrement", 1.0},
+    {"test-and-merge, eight clients, of Redis's time", "BM_ContendedIncrement", "BM_RedisContendedIncrement", 1 / 0.9},
+    {"change on the disk, of a bare replacement's time", "BM_IncrementOnDisk", "BM_BareReplacement", 1 / 0.85},
+    {"merge with delayed saves, of one that does not persist", "BM_MergeDelayed", "BM_MergeUnpersisted", 1 / 0.85},
+    {"idle server, KiB resident", "BM_ServerMemory/1000#idle_kib", nullptr, 4096},
+    {"each of 1000 idle clients, KiB resident", "BM_ServerMemory/1000#client_kib", nullptr, 40},
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    {
+        return 1;
+    }
+    korlo::benchmarks::GoalReporter reporter(Goals);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    return 0;
+}
