@@ -1,5 +1,7 @@
 #include "KorloSettingsClientImpl.h"
 
+#include <utility>
+
 namespace korlo::settings::client
 {
 
@@ -10,6 +12,18 @@ KorloSettingsClientImpl::KorloSettingsClientImpl() : _pLogger(core::Logger::GetL
 KorloSettingsClientImpl::~KorloSettingsClientImpl()
 {
     _pLogger = nullptr;
+}
+
+void KorloSettingsClientImpl::AddReceived(core::IniFile& received, core::IniFile& settings)
+{
+    if (settings.empty())
+    {
+        settings = std::move(received);
+    }
+    else
+    {
+        settings.MergeSettings(received);
+    }
 }
 
 }  // namespace korlo::settings::client

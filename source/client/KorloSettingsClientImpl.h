@@ -37,6 +37,9 @@ public:
     virtual void RestoreToDefaults(const GroupNameCollection& groups) = 0;
 
 protected:
+    /// Adds what an answer held to the caller's document.
+    static void AddReceived(core::IniFile& received, core::IniFile& settings);
+
     friend class korlo::settings::KorloSettingsClient;  // removes subscribers from the dispatcher
 
     core::Logger* _pLogger;                  // not owned

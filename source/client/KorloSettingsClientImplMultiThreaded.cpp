@@ -108,7 +108,9 @@ KorloSettingsClientImplMultiThreaded::~KorloSettingsClientImplMultiThreaded()
 
 void KorloSettingsClientImplMultiThreaded::GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const
 {
-    RunCommand("GetSettings", new GetSettingsCommand(&groups, &settings));
+    core::IniFile received;  // of an answer that is cut short, nothing may reach the caller
+    RunCommand("GetSettings", new GetSettingsCommand(&groups, &received));
+    AddReceived(received, settings);
 }
 
 void KorloSettingsClientImplMultiThreaded::MergeSettings(const core::IniFile& changes, unsigned int flags)
@@ -309,7 +311,7 @@ void KorloSettingsClientImplMultiThreaded::ReadUntilLost()
     try
     {
         std::istream& in = *_pConnection->GetIstream();
-        for (std::string line; !_outputFailed && std::getline(in, line);)
+        for (std::string line; !_outputFailed && std::getline(in, line) && in.good();)
         {
             ReadLine(line);
         }
@@ -367,13 +369,14 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& key
         return;
     }
     std::unique_ptr<RemoteCommand> pCommand(pQueued);
+    std::istream& in = *_pConnection->GetIstream();
     ResponseStatus status{false, false};
     if (!pCommand->GetResponseKeyword().empty() && pCommand->GetResponseKeyword() == keyword)
     {
         status.matched = true;
         try
         {
-            status.result = pCommand->HandleResponse(*_pConnection->GetIstream());
+            status.result = pCommand->HandleResponse(in);
         }
         catch (const std::exception& exception)
         {
@@ -381,6 +384,10 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& key
         }
     }
     pCommand.reset();
+    if (status.matched && !in.good())
+    {
+        return;  // lost inside the response: its caller is told so when the connection is left
+    }
     _responseQueue.SendMsg(status);
 }
 

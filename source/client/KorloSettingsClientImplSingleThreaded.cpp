@@ -28,8 +28,10 @@ KorloSettingsClientImplSingleThreaded::~KorloSettingsClientImplSingleThreaded() 
 void KorloSettingsClientImplSingleThreaded::GetSettings(const GroupNameCollection& groups,
                                                         core::IniFile& settings) const
 {
-    GetSettingsCommand command(&groups, &settings);
+    core::IniFile received;  // of an answer that is cut short, nothing may reach the caller
+    GetSettingsCommand command(&groups, &received);
     RunCommand("getsettings", command);
+    AddReceived(received, settings);
 }
 
 void KorloSettingsClientImplSingleThreaded::MergeSettings(const core::IniFile& changes, unsigned int flags)
@@ -102,7 +104,7 @@ bool KorloSettingsClientImplSingleThreaded::AwaitResponse(RemoteCommand& command
         if (FirstWord(line) == command.GetResponseKeyword())
         {
             command.HandleResponse(in);
-            return true;
+            return in.good();  // else the connection was lost inside the response, which is none then
         }
     }
     return false;

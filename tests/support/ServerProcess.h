@@ -2,10 +2,7 @@
 // The real server, and clients that speak to it byte by byte.
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,6 +11,7 @@
 #include "korlo/osa/TcpSocketStream.h"
 #include "korlo/osa/Thread.h"
 #include "support/ChildProcess.h"
+#include "support/ProcessFigures.h"
 
 namespace korlo
 {
@@ -59,41 +57,12 @@ public:
         return _child.Wait();
     }
 
-    std::size_t CountThreads() const { return CountEntries("task"); }
-    std::size_t CountDescriptors() const { return CountEntries("fd"); }
-
-    std::size_t GetResidentKiB() const
-    {
-        std::ifstream status(PathOf("status"));
-        for (std::string word; status >> word;)
-        {
-            if (word == "VmRSS:")
-            {
-                std::size_t kib = 0;
-                status >> kib;
-                return kib;
-            }
-        }
-        return 0;
-    }
+    std::size_t CountThreads() const { return Figures().CountThreads(); }
+    std::size_t CountDescriptors() const { return Figures().CountDescriptors(); }
+    std::size_t GetResidentKiB() const { return Figures().GetResidentKiB(); }
 
 private:
-    std::string PathOf(const std::string& name) const
-    {
-        return "/proc/" + std::to_string(_child.GetProcess()) + '/' + name;
-    }
-
-    std::size_t CountEntries(const std::string& folder) const
-    {
-        std::error_code ignored;
-        std::size_t count = 0;
-        for (std::filesystem::directory_iterator entry(PathOf(folder), ignored), end; !ignored && entry != end;
-             entry.increment(ignored))
-        {
-            ++count;
-        }
-        return count;
-    }
+    ProcessFigures Figures() const { return ProcessFigures(_child.GetProcess()); }
 
     ChildProcess _child;
     unsigned short _port = 0;
