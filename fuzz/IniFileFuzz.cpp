@@ -2,21 +2,15 @@
 // the same document, by the same text, with no line that would end a block on a connection.
 
 #include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 
+#include "Require.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
 
 namespace
 {
-
-void Require(bool promise)
-{
-    if (!promise)
-        std::abort();
-}
 
 std::string Saved(const korlo::core::IniFile& document)
 {
@@ -42,8 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     korlo::core::IniFile again;
     again.LoadFromString(text);
 
-    Require(again == document);
-    Require(Saved(again) == text);
-    Require(("\n" + text).find("\n.\n") == std::string::npos);
+    using korlo::fuzz::Require;
+    Require(again == document, "what is saved reads back as the same document");
+    Require(Saved(again) == text, "the same document has the same text");
+    Require(("\n" + text).find("\n.\n") == std::string::npos, "no line ends a block on a connection");
     return 0;
 }
