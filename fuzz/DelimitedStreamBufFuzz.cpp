@@ -27,13 +27,13 @@ struct Block
 {
     std::string text;  // with all line breaks, without the delimiter line
     bool delimiterFound;
-    std::string rest;  // what follows in the source
+    std::size_t end;  // where the text goes on after it
 };
 
-/// The block that the text begins with, found line by line.
-Block FirstBlock(const std::string& text, const std::string& delimiter)
+/// The block that begins there in the text, found line by line.
+Block BlockAt(std::size_t begin, const std::string& text, const std::string& delimiter)
 {
-    for (std::size_t line = 0; line < text.size();)
+    for (std::size_t line = begin; line < text.size();)
     {
         const std::size_t end = text.find('\n', line);
         if (end == std::string::npos)
@@ -42,11 +42,11 @@ Block FirstBlock(const std::string& text, const std::string& delimiter)
         }
         if (text.substr(line, end - line) == delimiter)
         {
-            return {text.substr(0, line), true, text.substr(end + 1)};
+            return {text.substr(begin, line - begin), true, end + 1};
         }
         line = end + 1;
     }
-    return {text, false, ""};
+    return {text.substr(begin), false, text.size()};
 }
 
 std::vector<std::string> LinesOf(const std::string& text)
@@ -109,9 +109,9 @@ void CutIntoBlocks(const std::string& text, const std::string& delimiter, std::s
     {
         source.exceptions(std::ios_base::failbit | std::ios_base::badbit);
     }
-    for (Block expected{"", true, text}; expected.delimiterFound;)
+    for (Block expected{"", true, 0}; expected.delimiterFound;)
     {
-        expected = FirstBlock(expected.rest, delimiter);
+        expected = BlockAt(expected.end, text, delimiter);
         stl::DelimitedStreamBuf block(&source, delimiter.c_str());
         Require(ReadAll(block, ways) == expected.text, "a block is the lines up to its delimiter");
         Require(block.DelimiterFound() == expected.delimiterFound, "a block that was cut off says so");
@@ -124,9 +124,9 @@ void CutIntoBlocks(const std::string& text, const std::string& delimiter, std::s
 void CutIntoLists(const std::string& text, std::size_t pieceBytes)
 {
     PiecewiseStream source(text, pieceBytes);
-    for (Block expected{"", true, text}; expected.delimiterFound;)
+    for (Block expected{"", true, 0}; expected.delimiterFound;)
     {
-        expected = FirstBlock(expected.rest, ".");
+        expected = BlockAt(expected.end, text, ".");
         std::vector<std::string> lines;
         settings::common::readDelimitedValues(&source, std::back_inserter(lines));
         Require(lines == LinesOf(expected.text), "a list is the lines up to its full stop");

@@ -55,7 +55,7 @@ public:
         scenario.defaults = Documents();
         scenario.restricted = Documents();
         scenario.user = OneIn(2) ? Document() : Groups();
-        scenario.excluded = OneIn(4) ? GroupNameCollection{OneOf(_names)} : GroupNameCollection();
+        scenario.excluded = Excluded();
         scenario.subscription = Selection();
         for (unsigned int count = 1 + Below(30); count > 0; --count)
         {
@@ -100,6 +100,15 @@ private:
             }
         }
         return document;
+    }
+
+    GroupNameCollection Excluded()
+    {
+        if (!OneIn(4))
+        {
+            return {};
+        }
+        return {OneIn(4) ? OneOf(_specialNames) : OneOf(_names)};
     }
 
     GroupNameCollection Selection()
