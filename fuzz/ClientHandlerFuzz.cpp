@@ -242,12 +242,11 @@ private:
         std::istream in(&buffer);
         std::ostringstream out;
         ServerEnv env{_pManager.get(), &_serialization};
-        {
-            ClientHandler handler(&env, &in, &out);
-            Require(HasEndedEarly(handler, in) == model.HasEnded(), "a connection ends when the client says so");
-            in.clear();
-            in.ignore(std::numeric_limits<std::streamsize>::max());  // what comes after that reaches nobody
-        }
+        std::optional<ClientHandler> handler(std::in_place, &env, &in, &out);
+        Require(HasEndedEarly(*handler, in) == model.HasEnded(), "a connection ends when the client says so");
+        handler.reset();
+        in.clear();
+        in.ignore(std::numeric_limits<std::streamsize>::max());  // what comes after that reaches nobody
         Require(out.str() == model.GetSent(), "a connection gets the bytes that the protocol says");
         --_openCount;
     }
