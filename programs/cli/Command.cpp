@@ -68,6 +68,19 @@ const std::vector<Command>& AllCommands()
          "Prints the names and patterns that the clients of the server are subscribed to, one a line; with --json an\n"
          "array. Nobody is subscribed to a --local FILE.",
          "  korlo-settings --server 127.0.0.1:4711 subscribed", 0, 0, NoOptions, RunSubscribed},
+        {"resource show", "RESOURCE", "print who holds how much of a resource",
+         "Prints the total of the resource, 100 unless the settings say otherwise, and what each consumer holds and\n"
+         "may hold at most.",
+         "  korlo-settings --server 127.0.0.1:4711 resource show Bandwidth\n"
+         "  korlo-settings --server 127.0.0.1:4711 --json resource show Bandwidth",
+         1, 1, NoOptions, RunResourceShow},
+        {"resource reserve", "RESOURCE CONSUMER UNITS-OR-PERCENT%", "set what a consumer holds of a resource",
+         "The amount is what the consumer holds from then on, in all: a number of units, or a share of the total that\n"
+         "is rounded up to whole units. 0 gives everything back. Status 1, and nothing is changed, when that is more\n"
+         "than the others and the consumer's own cap leave, or the consumer is not allowed to use the resource.",
+         "  korlo-settings --server 127.0.0.1:4711 resource reserve Bandwidth Camera 20\n"
+         "  korlo-settings --server 127.0.0.1:4711 resource reserve Bandwidth Camera 25%",
+         3, 3, NoOptions, RunResourceReserve},
         {"check", "FILE...", "find lines of INI files that make no sense",
          "Prints each as FILE:LINE: message. Status 1 when there are any, 3 when a file cannot be read.",
          "  korlo-settings check device.ini network.ini", 1, Command::AnyNumber, NoOptions, RunCheck},

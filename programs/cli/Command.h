@@ -40,7 +40,7 @@ struct Command
 {
     static constexpr std::size_t AnyNumber = std::numeric_limits<std::size_t>::max();
 
-    const char* name;
+    const char* name;      ///< one word, or two with a blank between them
     const char* synopsis;  ///< its operands and options
     const char* summary;   ///< half a line for the list of commands
     const char* manual;    ///< the rest of what a person needs to know

@@ -35,7 +35,7 @@ private:
 
 std::string CommandList()
 {
-    constexpr std::size_t column = 18;
+    constexpr std::size_t column = 20;
     std::string list = "Commands:\n";
     for (const Command& command : AllCommands())
     {
@@ -198,26 +198,46 @@ std::variant<CommandRun, Information> ParseCommand(const Command& command, const
     return CommandRun{&command, std::move(invocation)};
 }
 
+/// True for the first word of a name of two.
+bool BeginsCommand(const std::string& word)
+{
+    return std::any_of(AllCommands().begin(), AllCommands().end(),
+                       [&word](const Command& command) { return std::string(command.name).starts_with(word + ' '); });
+}
+
+/// Takes the name of a command, one word or two, from the front of the arguments.
+const Command& TakeCommand(Arguments& arguments)
+{
+    std::string name;
+    bool isBeginning = true;
+    for (std::size_t words = 1; isBeginning && words <= arguments.size(); ++words)
+    {
+        name += (name.empty() ? "" : " ") + arguments[words - 1];
+        if (const Command* pCommand = FindCommand(name))
+        {
+            arguments.erase(arguments.begin(), std::next(arguments.begin(), static_cast<std::ptrdiff_t>(words)));
+            return *pCommand;
+        }
+        isBeginning = BeginsCommand(name);
+    }
+    throw Failure(StatusWrongCommandLine,
+                  (name.starts_with('-') ? "unknown option " : "unknown command ") + Quoted(name),
+                  "'korlo-settings --help' lists all that there are");
+}
+
 std::variant<CommandRun, Information> Parse(const Arguments& arguments)
 {
     CLI::App app("Reads, changes and watches settings.");
     try
     {
         Invocation invocation;
-        const Arguments rest = TakeToolOptions(app, arguments, invocation);
+        Arguments rest = TakeToolOptions(app, arguments, invocation);
         if (rest.empty())
         {
             throw Failure(StatusWrongCommandLine, "a command is missing", "'korlo-settings --help' lists them");
         }
-        const Command* pCommand = FindCommand(rest.front());
-        if (pCommand == nullptr)
-        {
-            throw Failure(StatusWrongCommandLine,
-                          (rest.front().starts_with('-') ? "unknown option " : "unknown command ") +
-                              Quoted(rest.front()),
-                          "'korlo-settings --help' lists all that there are");
-        }
-        return ParseCommand(*pCommand, Arguments(std::next(rest.begin()), rest.end()), std::move(invocation));
+        const Command& command = TakeCommand(rest);
+        return ParseCommand(command, rest, std::move(invocation));
     }
     catch (const CLI::CallForHelp&)
     {

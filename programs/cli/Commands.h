@@ -23,6 +23,10 @@ ExitStatus RunRestore(const Invocation& invocation);
 // WatchCommand.cpp
 ExitStatus RunWatch(const Invocation& invocation);
 
+// ResourceCommands.cpp
+ExitStatus RunResourceShow(const Invocation& invocation);
+ExitStatus RunResourceReserve(const Invocation& invocation);
+
 // CheckCommand.cpp
 ExitStatus RunCheck(const Invocation& invocation);
 

@@ -51,6 +51,17 @@ std::string JsonOf(const GroupNameCollection& changedGroups, const core::IniFile
     return Line(json{{"groups", changedGroups}, {"settings", Value(settings)}});
 }
 
+std::string JsonOf(const std::string& resource, int total, const std::vector<ResourceConsumer>& consumers)
+{
+    json entries = json::array();
+    for (const ResourceConsumer& consumer : consumers)
+    {
+        const json max = consumer.max ? json(*consumer.max) : json();
+        entries.push_back({{"name", consumer.name}, {"used", consumer.used}, {"max", max}});
+    }
+    return Line({{"resource", resource}, {"total", total}, {"consumers", entries}});
+}
+
 std::string JsonOf(const std::vector<std::pair<std::string, core::IniFile::BadLine>>& badLines)
 {
     json lines = json::array();

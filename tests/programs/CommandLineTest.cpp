@@ -54,6 +54,10 @@ const Row Rows[] = {
     {{"list", "*"}, "list", {"*"}},
     {{"dump"}, "dump", {}},
     {{"subscribed"}, "subscribed", {}},
+    {{"resource", "show", "--", "-h"}, "resource show", {"-h"}},
+    {{"resource show", "R"}, "resource show", {"R"}},
+    {{"resource", "reserve", "R", "A", "-5"}, "resource reserve", {"R", "A", "-5"}},
+    {{"resource", "reserve", "--", "R", "A", "-5%"}, "resource reserve", {"R", "A", "-5%"}},
 };
 
 TEST(CommandLineTest, TakesOptionsWhereTheyStandAndEverythingElseAsItIs)
@@ -93,6 +97,11 @@ TEST(CommandLineTest, RefusesWhatMakesNoSense)
         {{}, "a command is missing"},
         {{""}, "unknown command ''"},
         {{"got", "A"}, "unknown command 'got'"},
+        {{"resource"}, "unknown command 'resource'"},
+        {{"resource", "grab"}, "unknown command 'resource grab'"},
+        {{"resource", "show"}, "resource show was given too few arguments"},
+        {{"resource show"}, "resource show was given too few arguments"},
+        {{"get get"}, "unknown command 'get get'"},
         {{"--bogus", "get", "A"}, "unknown option '--bogus'"},
         {{"--local"}, "--local"},
         {{"--local", "a", "--server", "h:1", "list"}, "--local"},

@@ -1,0 +1,175 @@
+#include <charconv>
+#include <cmath>
+#include <optional>
+#include <string_view>
+
+#include "Commands.h"
+#include "Json.h"
+#include "Operands.h"
+#include "RestrictedGroups.h"
+#include "StandardStreams.h"
+#include "korlo/core/StringUtil.h"
+#include "settings/ResourceManager.h"
+
+namespace korlo::settings::cli
+{
+namespace
+{
+
+using core::IniFile;
+
+std::string GroupOf(const std::string& resource)
+{
+    return "Resources/" + resource;
+}
+
+/// All that the accounting of a resource goes by; it brings in resources with longer names, too, and does no harm.
+GroupNameCollection GroupsOfResource(const std::string& resource)
+{
+    return {GroupOf(resource) + '*'};
+}
+
+/// A share of the total, 0.25 for "25%", or nothing for another text.
+std::optional<double> ParseShare(std::string_view text)
+{
+    if (!text.ends_with('%'))
+    {
+        return std::nullopt;
+    }
+    text.remove_suffix(1);
+    double percent = 0;
+    const char* pEnd = text.data() + text.size();
+    const auto [pRest, error] = std::from_chars(text.data(), pEnd, percent);
+    constexpr double whole = 100;
+    return error == std::errc() && pRest == pEnd && std::isfinite(percent) ? std::optional(percent / whole)
+                                                                           : std::nullopt;
+}
+
+ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std::string& amount)
+{
+    int units = 0;
+    if (core::StringUtil::TryParse(amount, units))
+    {
+        return {resource, false, units, 0.0};
+    }
+    if (const std::optional<double> share = ParseShare(amount))
+    {
+        return {resource, true, 0, *share};
+    }
+    throw Failure(StatusWrongCommandLine, Quoted(amount) + " is no amount of a resource",
+                  "an amount is a whole number of units, such as 20, or a share of the total, such as 25%");
+}
+
+/// What the accounting says, worked out on a copy of the settings in this process.
+struct Reservation
+{
+    bool isGranted;
+    IniFile changes;      // what is to be written then
+    std::string refusal;  // why not, otherwise
+};
+
+std::string Refusal(const ResourceManager& manager, const std::string& consumer, const std::string& resource,
+                    const std::string& amount)
+{
+    if (!manager.IsAuthorized(consumer, resource))
+    {
+        return Quoted(consumer) + " is not among the allowed consumers of " + Quoted(resource);
+    }
+    return Quoted(consumer) + " cannot hold " + amount + " of " + Quoted(resource) + ": " +
+           std::to_string(manager.GetAvailable(consumer, resource)) + " of " +
+           std::to_string(manager.GetTotal(resource)) + " units are available to it";
+}
+
+Reservation Reserve(const IniFile& settings, const std::string& consumer, const ResourceManager::ResourceUsage& usage,
+                    const std::string& amount)
+{
+    KorloSettingsClient copy(KorloSettingsClient::Local, settings);
+    ResourceManager manager(&copy);
+    if (!manager.ReserveForConsumer(consumer, {usage}))
+    {
+        return {false, IniFile(), Refusal(manager, consumer, usage.resource, amount)};
+    }
+    IniFile changes;
+    changes.SetInt(GroupOf(usage.resource) + "/Consumers/" + consumer, "CurrentlyUsed",
+                   manager.GetUsed(consumer, usage.resource));
+    return {true, changes, ""};
+}
+
+std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const IniFile& settings)
+{
+    const std::string prefix = GroupOf(resource) + "/Consumers/";
+    std::vector<ResourceConsumer> consumers;
+    for (const auto& [group, values] : settings)
+    {
+        const std::string name = group.starts_with(prefix) ? group.substr(prefix.size()) : std::string();
+        if (name.empty() || name.find('/') != std::string::npos)  // another group, or one below that of a consumer
+        {
+            continue;
+        }
+        std::optional<int> max;
+        if (int cap = 0; core::StringUtil::TryParse(settings.GetValueOrDefault(group, "MaxAllowed"), cap))
+        {
+            max = cap;
+        }
+        consumers.push_back({name, settings.GetIntOrDefault(group, "CurrentlyUsed", 0), max});
+    }
+    return consumers;
+}
+
+std::string LinesOf(int total, const std::vector<ResourceConsumer>& consumers)
+{
+    std::string lines = "total: " + std::to_string(total) + '\n';
+    for (const ResourceConsumer& consumer : consumers)
+    {
+        lines += consumer.name + ": " + std::to_string(consumer.used) + " used" +
+                 (consumer.max ? ", at most " + std::to_string(*consumer.max) : "") + '\n';
+    }
+    return lines;
+}
+
+}  // namespace
+
+ExitStatus RunResourceShow(const Invocation& invocation)
+{
+    constexpr int defaultTotal = 100;
+    const std::string& resource = invocation.operands[0];
+    const Session session(invocation.target, Session::Reading);
+    const IniFile settings = session.Read(GroupsOfResource(resource));
+
+    const int total = settings.GetIntOrDefault(GroupOf(resource), "TotalAvailable", defaultTotal);
+    const std::vector<ResourceConsumer> consumers = ConsumersOf(resource, settings);
+    if (consumers.empty() && !settings.HasGroup(GroupOf(resource)))
+    {
+        WriteMessage("note: the settings hold nothing of resource " + Quoted(resource) + ": its total is the default");
+    }
+    WriteOutput(invocation.asJson ? JsonOf(resource, total, consumers) : LinesOf(total, consumers));
+    return StatusDone;
+}
+
+ExitStatus RunResourceReserve(const Invocation& invocation)
+{
+    const std::string& resource = invocation.operands[0];
+    const std::string& consumer = invocation.operands[1];
+    const std::string& amount = invocation.operands[2];
+    const ResourceManager::ResourceUsage usage = ParseUsage(resource, amount);
+
+    Session session(invocation.target, Session::Changing);
+    for (;;)  // a pass fails when another consumer was faster: that one got its units
+    {
+        const IniFile settings = session.Read(GroupsOfResource(resource));
+        const Reservation reservation = Reserve(settings, consumer, usage, amount);
+        if (!reservation.isGranted)
+        {
+            throw Failure(StatusNo, reservation.refusal);
+        }
+        bool merged = false;
+        session.Change(GroupsOfResource(resource),
+                       [&](auto& client) { merged = client.TestAndMerge(settings, reservation.changes); });
+        if (merged)
+        {
+            return ReportRestricted(reservation.changes);
+        }
+    }
+}
+
+}  // namespace korlo::settings::cli
