@@ -95,13 +95,13 @@ TEST_F(OutgoingQueueTest, NotificationsBeyondTheLimitBreakTheConnection)
 
 TEST_F(OutgoingQueueTest, ANotificationThatHasToWaitWakesItsOwnThread)
 {
-    while (_pair.pServer->Wait(false, true, 0) != 0)  // until the socket is full to the brim
-    {
-        const std::string much(Much, 'm');
-        ASSERT_EQ(_pair.pServer->WriteAll(much.data(), much.size(), 0).status, osa::TcpSocket::TimedOut);
-    }
+    OutgoingQueue queue(*_pair.pServer, Much);
+    queue.Adopt();
     auto waiting = std::async(std::launch::async, [this] { return _pair.pServer->Wait(true, false, LimitMs); });
-    EXPECT_TRUE(SendFromAnotherThread("notification"));
+    const std::string notification(Much, 'n');
+    EXPECT_TRUE(
+        std::async(std::launch::async, [&] { return queue.Send(notification.data(), notification.size()); }).get());
+    EXPECT_GT(queue.GetPendingBytes(), 0u);
     EXPECT_EQ(waiting.get(), osa::TcpSocket::Woken);
 }
 
