@@ -220,7 +220,7 @@ void Draft::ChangeGroup(const std::string& name, const IniFile::KeyValueMap& old
         {
             std::string& text = _lines[std::prev(pairs.lines.upper_bound(key))->second].text;
             const bool hasReturn = text.ends_with('\r');
-            text = text.substr(0, LengthBeforeValue(text)) + ValueToken(value) + (hasReturn ? "\r" : "");
+            text.replace(LengthBeforeValue(text), std::string::npos, ValueToken(value) + (hasReturn ? "\r" : ""));
         }
     }
 }

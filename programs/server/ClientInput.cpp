@@ -134,7 +134,7 @@ bool ClientInput::SendRest(unsigned int timeoutMs)
 /// Takes what is there behind what was not read yet.
 void ClientInput::Receive()
 {
-    const std::size_t used = static_cast<std::size_t>(_pEnd - _pBuffer.get());
+    const auto used = static_cast<std::size_t>(_pEnd - _pBuffer.get());
     const osa::TcpSocket::IoResult result = _socket.ReadSome(_pEnd, _capacity - used, osa::Infinite);
     _pEnd += result.bytes;
     _touched = std::max(_touched, used + result.bytes);

@@ -26,7 +26,7 @@ DelayedPersister::DelayedPersister(FileSettingsPersister& target, unsigned int d
 
 DelayedPersister::~DelayedPersister()
 {
-    Stop();
+    DelayedPersister::Stop();
 }
 
 void DelayedPersister::Start(TakeText takeText)

@@ -28,7 +28,7 @@ SettingsServer::SettingsServer(const std::string& address, unsigned short port, 
 
 SettingsServer::~SettingsServer()
 {
-    Stop();
+    SettingsServer::Stop();
 }
 
 void SettingsServer::Start()

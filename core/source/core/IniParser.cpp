@@ -205,14 +205,14 @@ void IniParser::ParsePair(std::string_view line)
 std::optional<std::string_view> IniParser::TakeKey(std::string_view& line)
 {
     std::optional<std::string_view> key;
-    if (line.front() == '"')
+    if (line.starts_with('"'))
     {
         key = TakeQuoted(line);
         if (!key)
         {
             return {};
         }
-        if (line.empty() || line.front() != '=')
+        if (!line.starts_with('='))
         {
             Reject("there is no '=' after the key");
             return {};

@@ -256,7 +256,7 @@ std::string CrashSafeFile::ResolveLinks() const
         {
             Fail("follow the links of", _path, error);
         }
-        path = target.starts_with('/') ? target : FolderOf(path) + '/' + target;
+        path = target.starts_with('/') ? target : FolderOf(path).append("/").append(target);
     }
     Fail("follow the links of", _path, ELOOP);
 }

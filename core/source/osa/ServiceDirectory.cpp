@@ -12,7 +12,9 @@ namespace
 
 struct Service
 {
+    // cppcheck-suppress unusedStructMember ; it does not follow the iterator in Find
     std::string address;
+    // cppcheck-suppress unusedStructMember ; as above
     unsigned short port;
 };
 

@@ -111,6 +111,7 @@ private:
 namespace
 {
 
+// cppcheck-suppress constParameter ; who gets the reference writes through it
 TcpSocket& NotNull(TcpSocket* pSocket)
 {
     if (pSocket == nullptr)

@@ -16,7 +16,7 @@ namespace korlo::settings::server
 class ISettingsSerializer
 {
 public:
-    virtual ~ISettingsSerializer() noexcept(false) {}
+    virtual ~ISettingsSerializer() noexcept(false) = default;
 
     /// Writes those groups of `ini` that `groups` selects.
     virtual void OnSerialize(const core::IniFile& ini, const common::GroupNameMatcher& groups,

@@ -53,7 +53,8 @@ class CompactMap
 
         /// Every iterator can be read as a const_iterator.
         template <bool OtherConst, typename = std::enable_if_t<IsConst && !OtherConst>>
-        Iterator(const Iterator<OtherConst>& other)
+        // cppcheck-suppress noExplicitConstructor ; it does not know explicit(false)
+        explicit(false) Iterator(const Iterator<OtherConst>& other)
             : _pMap(other._pMap),
               _pElement(other._pElement),
               _position(other._position),
@@ -457,7 +458,7 @@ private:
     Iterator<IsConst> Before(const Iterator<IsConst>& element) const
     {
         Position position = _block.Used();
-        typename Additions::iterator node = _pAdditions ? _pAdditions->end() : typename Additions::iterator();
+        auto node = _pAdditions ? _pAdditions->end() : typename Additions::iterator();
         if (element._pElement != nullptr)
         {
             const std::string& key = element->first;
