@@ -32,6 +32,26 @@ is_installed()
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2> /dev/null)" = installed ]
 }
 
+# packages_of PRESET...: what building and testing them needs, a package a line; "checks" is what looks over the code.
+packages_of()
+{
+    local name
+    {
+        echo cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
+        for name in "$@"; do
+            case $name in
+                checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
+                clang) echo clang-14 ;;
+                asan | tsan) echo googletest ;;
+                coverage) echo gcovr ;;
+                fuzz) echo clang-14 libclang-rt-14-dev ;;
+                armhf) echo g++-arm-linux-gnueabihf qemu-user googletest ;;
+                release-bench) echo libbenchmark-dev libglib2.0-dev libsimpleini-dev redis-server libhiredis-dev ;;
+            esac
+        done
+    } | tr ' ' '\n' | sort -u
+}
+
 # install_missing PACKAGE...: installs those packages that are not installed, and says which. Where there is no
 # apt-get nothing is looked for: the configuration of the build stops by itself at whatever it misses.
 install_missing()
