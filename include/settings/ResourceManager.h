@@ -22,9 +22,10 @@ class KorloSettingsClient;
 /// | the same                               | MaxAllowed       | the most that it may hold          | no cap        |
 ///
 /// A reservation is a test-and-merge of everything that it was computed from: if anybody changed any of it meanwhile,
-/// the manager reads it again and tries anew. A consumer whose CurrentlyUsed appears between the reading and the writing
-/// is not seen; where the total must never be exceeded, let every consumer's group hold CurrentlyUsed=0 beforehand.
-/// The name of a consumer holds no '/': what follows it is taken for a subgroup, and not counted by the others.
+/// the manager reads it again and tries anew. A consumer whose CurrentlyUsed appears between the reading and the
+/// writing is not seen; where the total must never be exceeded, let every consumer's group hold CurrentlyUsed=0
+/// beforehand. The name of a consumer holds no '/': what follows it is taken for a subgroup, and not counted by the
+/// others.
 ///
 /// Figures come from a cache, which is filled at the first use of a resource and renewed by Refresh alone. What the
 /// client throws passes out.
