@@ -33,10 +33,11 @@ NotificationRound* NotificationRound::Current()
 
 void NotificationRound::OnRequest()
 {
-    const Clock::time_point now = Clock::now();
+    Clock::time_point now = Clock::now();
     if (now - _requestBegan > LongRequest)
     {
         Flush();
+        now = Clock::now();  // what the sending took is not the next request's: it would be sent in a hurry as well
     }
     _requestBegan = now;
 }

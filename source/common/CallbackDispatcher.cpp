@@ -7,6 +7,25 @@
 
 namespace korlo::settings::common
 {
+namespace
+{
+
+/// The changed groups that a subscriber hears of. Of a single one it is all or nothing, and needs no copy for each of
+/// hundreds of subscribers.
+/// @param copy holds the result where it is neither.
+const GroupNameCollection& Select(const GroupNameMatcher& subscribed, const GroupNameCollection& changedGroups,
+                                  GroupNameCollection& copy)
+{
+    copy.clear();
+    if (changedGroups.size() == 1)
+    {
+        return subscribed.SelectsAny(changedGroups) ? changedGroups : copy;
+    }
+    subscribed.GetMatchingGroups(changedGroups, copy);
+    return copy;
+}
+
+}  // namespace
 
 CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr)
 {
@@ -59,15 +78,14 @@ void CallbackDispatcher::OnChange(const GroupNameCollection& changedGroups, cons
     {
         return;
     }
-    GroupNameCollection selection;
+    GroupNameCollection copy;
     for (auto entry = _subscriptions.begin(); entry != _subscriptions.end();)
     {
         IChangeCallback* const pCallback = entry->first;
-        entry->second.GetMatchingGroups(changedGroups, selection);
+        const GroupNameCollection& selection = Select(entry->second, changedGroups, copy);
         if (!selection.empty())
         {
             pCallback->OnChange(selection, settings);
-            selection.clear();
         }
         entry = _subscriptions.upper_bound(pCallback);  // the callback may have removed its own entry, or others
     }
