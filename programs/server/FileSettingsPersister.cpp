@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "korlo/osa/Exception.h"
@@ -148,22 +149,28 @@ void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
 {
     if (!SavesNothing())
     {
-        std::ostringstream text;
+        constexpr std::size_t growth = 4096;
+        std::string room;  // without it the text is copied several times as it grows
+        room.reserve(_stored ? _stored->size() + growth : 0);
+        std::ostringstream text(std::move(room));
         userSettings.SaveToStream(text);
-        Save(text.str());
+        Save(std::move(text).str());
     }
 }
 
-void FileSettingsPersister::Save(const std::string& text)
+void FileSettingsPersister::Save(std::string text)
 {
-    const std::string& saved = text.empty() ? std::string(EmptyLayer) : text;
-    if (SavesNothing() || _stored == saved)
+    if (text.empty())
+    {
+        text = EmptyLayer;
+    }
+    if (SavesNothing() || _stored == text)
     {
         return;
     }
     _stored.reset();
-    _file.Replace(saved);
-    _stored = saved;
+    _file.Replace(text);
+    _stored = std::move(text);
 }
 
 }  // namespace korlo::daemon

@@ -44,7 +44,7 @@ public:
 
     /// Saves a user layer that is INI text already.
     /// @throws osa::Exception as SaveUserSettings.
-    void Save(const std::string& text);
+    void Save(std::string text);
 
 private:
     bool SavesNothing() const { return _file.GetPath().empty(); }
