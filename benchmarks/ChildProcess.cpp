@@ -72,10 +72,18 @@ std::string MakeFolder(const std::string& defaults)
     return folder;
 }
 
-std::vector<std::string> ServerCommand(const std::string& folder, const std::vector<std::string>& options)
+std::vector<std::string> ServerCommand(const std::string& folder, const std::vector<std::string>& options,
+                                       const std::string& preloaded)
 {
-    std::vector<std::string> command = {KORLO_SETTINGS_SERVER,    "--listen", "127.0.0.1:0",       "--defaults",
-                                        folder + "/defaults.ini", "--user",   folder + "/user.ini"};
+    std::vector<std::string> command = {"env",
+                                        "LD_PRELOAD=" + preloaded,
+                                        KORLO_SETTINGS_SERVER,
+                                        "--listen",
+                                        "127.0.0.1:0",
+                                        "--defaults",
+                                        folder + "/defaults.ini",
+                                        "--user",
+                                        folder + "/user.ini"};
     command.insert(command.end(), options.begin(), options.end());
     return command;
 }
@@ -217,9 +225,10 @@ KorloServer::KorloServer(const std::vector<std::string>& options) : KorloServer(
 {
 }
 
-KorloServer::KorloServer(const std::vector<std::string>& options, const std::string& defaults)
+KorloServer::KorloServer(const std::vector<std::string>& options, const std::string& defaults,
+                         const std::string& preloaded)
     : _folder(MakeFolder(defaults)),
-      _process(ServerCommand(_folder, options))
+      _process(ServerCommand(_folder, options, preloaded))
 {
     const std::string line = _process.TakeLine();
     const std::size_t colon = line.rfind(':');

@@ -67,7 +67,9 @@ class KorloServer
 public:
     /// @param options besides the files and the address.
     /// @param defaults INI text of the default settings.
-    KorloServer(const std::vector<std::string>& options, const std::string& defaults);
+    /// @param preloaded a library that comes before those of the server, or empty.
+    KorloServer(const std::vector<std::string>& options, const std::string& defaults,
+                const std::string& preloaded = "");
 
     /// With the settings of a device.
     explicit KorloServer(const std::vector<std::string>& options);
