@@ -23,9 +23,6 @@ constexpr unsigned int StackBytes = 32768;
 constexpr signed char Priority = 0;
 constexpr unsigned short QueueCapacity = 1;
 constexpr int ConnectionAttempts = 3;
-constexpr unsigned int PauseMs = 1000;
-constexpr unsigned int CommandWaitMs = 1000;
-constexpr unsigned int QuitWaitMs = 1000;
 constexpr unsigned int DoNotWait = 0;
 
 void WriteSubscribe(std::ostream& out, const GroupNameCollection& groups)
@@ -69,11 +66,13 @@ private:
     osa::Semaphore& _semaphore;
 };
 
-KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection)
+KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection,
+                                                                           const WaitLimits& limits)
     : _thread("KorloSettings", this, StackBytes, Priority),
       _pConnection(pConnection),
       _commandMutex(nullptr),
       _sendMutex("sendMutex", 1, 0),
+      _limits(limits),
       _requestQueue("KorloSettingsClientImpl::_requestQueue", QueueCapacity),
       _responseQueue("KorloSettingsClientImpl::_responseQueue", QueueCapacity),
       _stopSignal("stopReader", 1, 0),
@@ -89,7 +88,7 @@ KorloSettingsClientImplMultiThreaded::~KorloSettingsClientImplMultiThreaded()
     _pConnection->RequestStop();
     try
     {
-        const SemAutoLock lock(_sendMutex, QuitWaitMs);
+        const SemAutoLock lock(_sendMutex, _limits.quitMs);
         if (std::ostream* pOut = _pConnection->GetOstream())
         {
             *pOut << "quit\n" << std::flush;
@@ -99,7 +98,7 @@ KorloSettingsClientImplMultiThreaded::~KorloSettingsClientImplMultiThreaded()
     {
         // The reader thread holds the semaphore while there is no connection: then nobody needs to be told.
     }
-    if (!_readerEnded.TryLock(QuitWaitMs))
+    if (!_readerEnded.TryLock(_limits.quitMs))
     {
         _pConnection->Interrupt();  // a server that does not answer to "quit"
     }
@@ -163,7 +162,7 @@ void KorloSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* pCallback,
 /// Returns the number of the connection on which the groups were sent.
 unsigned int KorloSettingsClientImplMultiThreaded::SendSubscribe(const GroupNameCollection& groups) const
 {
-    const SemAutoLock lock(_sendMutex, _timeoutMs);
+    const SemAutoLock lock(_sendMutex, _limits.connectionMs);
     CheckInvariant("Subscribe");
     WriteSubscribe(*_pConnection->GetOstream(), groups);
     _outputFailed = _pConnection->GetOstream()->fail();
@@ -178,7 +177,7 @@ bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCo
     {
         return SendAndAwait(name, std::move(pOwned));
     }
-    const SemAutoLock lock(_sendMutex, _timeoutMs);
+    const SemAutoLock lock(_sendMutex, _limits.connectionMs);
     CheckInvariant(name);
     Send(name, *pOwned);
     return true;
@@ -191,7 +190,7 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
                    "source/client/KorloSettingsClientImplMultiThreaded");
     ResponseStatus status{false, false};
     {
-        const SemAutoLock lock(_sendMutex, _timeoutMs);
+        const SemAutoLock lock(_sendMutex, _limits.connectionMs);
         CheckInvariant(name);
         // A status that waits already is that of a connection which broke while nobody was waiting. It is taken before
         // anything is sent: else the response to this command would be taken for that to a later one.
@@ -361,7 +360,7 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& key
     bool found = false;
     {
         const SemAutoLock lock(_sendMutex, osa::Infinite);
-        found = _requestQueue.TryGetMsg(pQueued, CommandWaitMs);
+        found = _requestQueue.TryGetMsg(pQueued, _limits.commandMs);
     }
     if (!found)
     {
@@ -442,7 +441,7 @@ void KorloSettingsClientImplMultiThreaded::Pause()
 {
     if (!_stopRequested)
     {
-        _stopSignal.TryLock(PauseMs);
+        _stopSignal.TryLock(_limits.pauseMs);
     }
 }
 

@@ -2,7 +2,6 @@
 // The client with a reader thread: it hears of changes and reconnects by itself.
 
 #include <atomic>
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -16,6 +15,16 @@
 
 namespace korlo::settings::client
 {
+
+/// How long the multi-threaded client waits. Clients of a server take it as it is; it is there for those who play the
+/// server and cannot wait that long.
+struct WaitLimits
+{
+    unsigned int connectionMs = 10000;  // a caller, for a usable connection
+    unsigned int commandMs = 1000;      // the reader thread, for the request that a response belongs to
+    unsigned int pauseMs = 1000;        // the reader thread, between two attempts to connect
+    unsigned int quitMs = 1000;         // the destructor, for its turn to write; then for the server to go
+};
 
 /// Callers write their requests on their own threads; a reader thread is the only reader of the connection. It hands
 /// each response to the caller that waits for it, delivers change notifications to the subscribers, and, when the
@@ -42,7 +51,7 @@ class KorloSettingsClientImplMultiThreaded : public KorloSettingsClientImpl, pub
 public:
     /// Starts the reader thread and does not wait for the connection.
     /// @param pConnection taken.
-    explicit KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection);
+    explicit KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection, const WaitLimits& limits = {});
 
     /// Tells the server "quit" if there is a connection, and waits for the reader thread: for the connection attempt
     /// that is under way, and no longer.
@@ -102,7 +111,7 @@ private:
     std::unique_ptr<KorloSettingsConnection> _pConnection;
     mutable osa::Mutex _commandMutex;
     mutable osa::Semaphore _sendMutex;
-    const std::uint32_t _timeoutMs = 10000;
+    const WaitLimits _limits;
     mutable osa::tMsgQueue<RemoteCommand*> _requestQueue;  // what is in it belongs to the reader thread
     mutable osa::tMsgQueue<ResponseStatus> _responseQueue;
 
