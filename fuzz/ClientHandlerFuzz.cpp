@@ -199,24 +199,24 @@ private:
         std::ostringstream out;
         ServerEnv env{_pManager.get(), &_serialization};
         std::optional<ClientHandler> handler(std::in_place, &env, &in, &out);
-        Require(HasEndedEarly(*handler, in) == model.HasEnded(), "a connection ends when the client says so");
-        handler.reset();
+        Require(HasEndedEarly(handler, in) == model.HasEnded(), "a connection ends when the client says so");
         in.clear();
         in.ignore(std::numeric_limits<std::streamsize>::max());  // what comes after that reaches nobody
         Require(out.str() == model.GetSent(), "a connection gets the bytes that the protocol says");
         --_openCount;
     }
 
-    /// False when the connection was served to the end of its input.
-    static bool HasEndedEarly(ClientHandler& handler, std::istream& in)
+    /// Serves the connection; a fault ends its handler. False when it was served to the end of its input.
+    static bool HasEndedEarly(std::optional<ClientHandler>& handler, const std::istream& in)
     {
         try
         {
-            handler.Run();
+            handler->Run();
             return in.good();
         }
         catch (const osa::Exception&)
         {
+            handler.reset();
             return !in.eof();
         }
     }

@@ -152,10 +152,10 @@ class Scene
 public:
     Scene(ScriptedPeer& peer, const Sayings& sayings, bool keepsTransport)
         : _sayings(sayings),
-          _client(new ScriptedConnection(peer, keepsTransport), {5, 0, 1, 1}),
           _looking(Subscriber::Kind::Looks, _client, sayings),
           _changing(Subscriber::Kind::Changes, _client, sayings),
-          _failing(Subscriber::Kind::Fails, _client, sayings)
+          _failing(Subscriber::Kind::Fails, _client, sayings),
+          _client(new ScriptedConnection(peer, keepsTransport), {5, 0, 1, 1})
     {
     }
 
@@ -222,10 +222,10 @@ private:
     }
 
     const Sayings& _sayings;
-    Client _client;
     Subscriber _looking;
     Subscriber _changing;
     Subscriber _failing;
+    Client _client;  // goes first: it calls them until then
 };
 
 void Play(const std::string& one, const std::string& other, const std::string& script)
