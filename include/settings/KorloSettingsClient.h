@@ -33,7 +33,7 @@ class KorloSettingsClient
 {
 public:
     /// How the client reaches the settings.
-    enum OperationMode
+    enum OperationMode : int
     {
         MultiThreaded = 0,        ///< the settings server over TCP, with change notifications
         SingleThreaded = 1,       ///< the settings server over TCP, without

@@ -76,7 +76,7 @@ TEST_F(LocalFileTest, TheModesAreNumbered)
 
 TEST_F(LocalFileTest, AModeThatDoesNotExistIsRefused)
 {
-    for (const int mode : {5, 7})
+    for (const int mode : {-1, 5, 7, 8, 1000})
     {
         EXPECT_EQ(MessageOf([&] { KorloSettingsClient(static_cast<KorloSettingsClient::OperationMode>(mode)); }),
                   "Invalid or unsupported operation mode");
@@ -90,7 +90,7 @@ TEST_F(LocalFileTest, AModeThatDoesNotExistIsRefused)
 TEST_F(LocalFileTest, AnEmptyVariableMakesAnyModeALocalClientOverItsDefaults)
 {
     ::setenv(LocalFile, "", 1);
-    for (const int mode : {0, 1, 2, 3, 4, 5, 7})
+    for (const int mode : {-1, 0, 1, 2, 3, 4, 5, 7, 1000})
     {
         SCOPED_TRACE(mode);
         const auto operationMode = static_cast<KorloSettingsClient::OperationMode>(mode);
