@@ -55,6 +55,49 @@ std::set<std::string> StatesOf(const std::string& request)
     return states;
 }
 
+TEST(ClientHandlerTest, EveryCommandIsAnOperationThatTakesItsOptions)
+{
+    ExchangeStore store;
+    std::istringstream blocks("[Audio]\nvolume=9\n.\n"                        // merge
+                              "[Audio]\nvolume=9\n.\n[Audio]\nvolume=8\n.\n"  // test-and-merge
+                              "Net/*\n.\n.\n"                                 // overwrite
+                              "Audio\n.\n"                                    // subscribe
+                              "Audio\n.\n"                                    // restore
+                              "Audio\n.\n"                                    // get
+                              "Nothing reads this\n");
+    std::ostringstream out;
+    ClientHandler handler(&store.env, &blocks, &out);
+    const auto call = [&handler](void (ClientHandler::*pCommand)(std::istream&), const std::string& options) {
+        std::istringstream words(options);
+        (handler.*pCommand)(words);
+    };
+    call(&ClientHandler::Merge, " nopersist");
+    call(&ClientHandler::Dump, "");
+    call(&ClientHandler::TestAndMerge, "");
+    call(&ClientHandler::Overwrite, "");
+    call(&ClientHandler::Dump, " all");
+    call(&ClientHandler::Subscribe, "");
+    call(&ClientHandler::Info, " subscribed");
+    call(&ClientHandler::ChangeSerialization, " phparray");
+    call(&ClientHandler::RestoreDefaults, "");
+    call(&ClientHandler::ChangeSerialization, " ini");
+    call(&ClientHandler::GetSections, " delimited");
+    call(&ClientHandler::Quit, "");
+    handler.Run();
+
+    EXPECT_EQ(out.str(), ".\n"
+                         "result\nok\n"
+                         "[Audio]\nmuted=no\nvolume=8\n.\n"
+                         "Subscribed groups\n-----------------\nAudio\n\n"
+                         "async change\nAudio\n.\n"
+                         "a:1:{s:5:\"Audio\";a:2:{s:5:\"muted\";s:2:\"no\";s:6:\"volume\";s:1:\"3\";}}\n\n.\n"
+                         "data\n" +
+                             Audio + ".\n");
+    std::string unread;
+    EXPECT_TRUE(std::getline(blocks, unread));
+    EXPECT_EQ(unread, "Nothing reads this");
+}
+
 TEST(ClientHandlerTest, ARequestThatIsCutOffIsNotCarriedOut)
 {
     const LogCapture log;

@@ -66,9 +66,9 @@ public:
     /// list cannot carry are left out.
     void OnChange(const GroupNameCollection& groups, const core::IniFile& settings) override;
 
-private:
-    class MsgDispatcher;
-
+    /// The commands, one each, for the thread that runs Run: what Run calls once it has read a command line.
+    /// @param options a stream over the command line behind the command word. The blocks of the request are read from
+    ///        the connection.
     void Quit(std::istream& options);
     void Dump(std::istream& options);
     void Merge(std::istream& options);
@@ -80,6 +80,9 @@ private:
     void RestoreDefaults(std::istream& options);
     void Info(std::istream& options);
 
+private:
+    class MsgDispatcher;
+
     void ServeRequests(IRequestGate* pGate);
     void SendMessage() KORLO_REQUIRES(_outputMutex);
     void Notify(const GroupNameCollection& groups);
@@ -89,7 +92,6 @@ private:
 
     core::Logger* _pLogger;  // not owned
     bool _quit;
-    bool _isSubscribed = false;
     std::istream* _pIn;  // borrowed
     osa::Mutex _outputMutex;
     std::ostream* _pOut KORLO_GUARDED_BY(_outputMutex);  // borrowed
@@ -97,6 +99,7 @@ private:
     SerializationManager* _pSerializationManager;        // borrowed
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
+    bool _isSubscribed = false;
 };
 
 }  // namespace korlo::settings::server

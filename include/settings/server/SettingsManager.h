@@ -148,10 +148,10 @@ private:
     mutable osa::ReadWriteLock _lock;
     core::IniFile _userSettings KORLO_GUARDED_BY(_lock);
     core::IniFile _settings KORLO_GUARDED_BY(_lock);
-    std::uint64_t _version KORLO_GUARDED_BY(_lock);
 
     common::CallbackDispatcher _dispatcher;
 
+    std::uint64_t _version KORLO_GUARDED_BY(_lock);
     osa::Mutex _restoreMutex;  // one load of defaults at a time through the filters; taken before `_lock`
 };
 
