@@ -22,22 +22,6 @@ namespace korlo::settings::client
 class KorloSettingsClientImplLocal : public KorloSettingsClientImpl, public IChangeCallback
 {
 public:
-    /// @param pDefaults copied; may be null for an empty store.
-    explicit KorloSettingsClientImplLocal(const core::IniFile* pDefaults);
-    ~KorloSettingsClientImplLocal() override;
-
-    void GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const override;
-    void MergeSettings(const core::IniFile& changes, unsigned int flags) override;
-    bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) override;
-    void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups) override;
-    void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) override;
-    void RestoreToDefaults(const GroupNameCollection& groups) override;
-
-    /// Called by the store. Subscribers receive whole groups with their current content, not only the changed keys; a
-    /// group that is gone is named and not in the document.
-    void OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) override;
-
-private:
     /// Hands out the defaults and keeps nothing else: changes live as long as the client.
     ///
     /// Thread safety: all methods, from any thread; nothing changes after construction.
@@ -55,6 +39,22 @@ private:
         core::IniFile _defaults;
     };
 
+    /// @param pDefaults copied; may be null for an empty store.
+    explicit KorloSettingsClientImplLocal(const core::IniFile* pDefaults);
+    ~KorloSettingsClientImplLocal() override;
+
+    void GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const override;
+    void MergeSettings(const core::IniFile& changes, unsigned int flags) override;
+    bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) override;
+    void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups) override;
+    void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) override;
+    void RestoreToDefaults(const GroupNameCollection& groups) override;
+
+    /// Called by the store. Subscribers receive whole groups with their current content, not only the changed keys; a
+    /// group that is gone is named and not in the document.
+    void OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) override;
+
+private:
     LocalPersister _persister;
     server::SettingsManager _settingsManager;
     common::CallbackDispatcher _localDispatcher;

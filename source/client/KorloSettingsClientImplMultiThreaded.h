@@ -49,6 +49,13 @@ struct WaitLimits
 class KorloSettingsClientImplMultiThreaded : public KorloSettingsClientImpl, public osa::Runnable
 {
 public:
+    /// What the reader thread tells the caller that awaits a response.
+    struct ResponseStatus
+    {
+        bool matched;  ///< a response with the awaited keyword came
+        bool result;   ///< what the command made of it
+    };
+
     /// Starts the reader thread and does not wait for the connection.
     /// @param pConnection taken.
     explicit KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection, const WaitLimits& limits = {});
@@ -79,13 +86,6 @@ public:
     bool RunCommand(const char* name, RemoteCommand* pCommand) const;
 
 private:
-    /// What the reader thread tells the caller that awaits a response.
-    struct ResponseStatus
-    {
-        bool matched;  // a response with the awaited keyword came
-        bool result;   // what the command made of it
-    };
-
     class SemAutoLock;
 
     bool SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const;

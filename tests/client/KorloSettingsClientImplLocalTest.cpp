@@ -55,6 +55,22 @@ TEST(KorloSettingsClientImplLocalTest, TheDefaultsAreCopied)
     EXPECT_EQ(All(client), Defaults());
 }
 
+TEST(KorloSettingsClientImplLocalTest, ThePersisterHandsOutTheDefaultsAndKeepsNothing)
+{
+    KorloSettingsClientImplLocal::LocalPersister persister(&Defaults());
+    persister.SaveUserSettings(Ini("[A]\nx=9\n"));
+
+    IniFile defaults;
+    server::SettingsCombiner ofDefaults(defaults);
+    persister.LoadDefaultSettings(ofDefaults);
+    EXPECT_EQ(defaults, Defaults());
+
+    IniFile user;
+    server::SettingsCombiner ofUser(user);
+    persister.LoadUserSettings(ofUser);
+    EXPECT_TRUE(user.empty());
+}
+
 TEST(KorloSettingsClientImplLocalTest, RestrictedGroupsAndClaimsOfTheDefaultsAreDropped)
 {
     const IniFile defaults = Ini("[A]\nx=1\n[SecureB]\ny=1\n[KorloSettings/LoadPriority]\nA=5\n");
