@@ -36,7 +36,8 @@ public:
 
     /// Binds a variable; it is not written yet. After the first UpdateSettings, a binding sees only groups that were
     /// watched before.
-    /// @param pVariable borrowed; must outlive the watcher.
+    /// @param pVariable borrowed, not null; must outlive the watcher.
+    /// @throws osa::Exception "%s was NULL".
     void AddSetting(const std::string& group, const std::string& key, int* pVariable);
     void AddSetting(const std::string& group, const std::string& key, bool* pVariable);
     void AddSetting(const std::string& group, const std::string& key, std::string* pVariable);

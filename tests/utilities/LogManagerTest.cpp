@@ -1,6 +1,8 @@
 #include "settings/LogManager.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <fstream>
 #include <future>
 #include <optional>
@@ -92,6 +94,22 @@ protected:
     }
 
     std::vector<std::string> Messages(const std::string& file) { return MessagesIn(logs.folder.PathOf(file)); }
+
+    /// The messages of the file that begin so.
+    std::ptrdiff_t Count(const std::string& file, const std::string& beginning)
+    {
+        const std::vector<std::string> messages = Messages(file);
+        return std::count_if(messages.begin(), messages.end(),
+                             [&](const std::string& message) { return message.starts_with(beginning); });
+    }
+
+    static void AwaitMore(const std::atomic<int>& count, int more)
+    {
+        for (const int enough = count + more; count < enough;)
+        {
+            std::this_thread::yield();
+        }
+    }
 
     LogFolder logs;
     StoreClients store{GetParam()};
@@ -239,6 +257,7 @@ TEST_P(LogManagerTest, WhileOtherThreadsLogNoLineIsTornOrWrittenTwice)
             for (int count = 0; !stop; ++count)
             {
                 logger.Error("%d %d end", thread, count);
+                std::this_thread::yield();  // to the thread that delivers the change
             }
         });
     }
@@ -254,15 +273,58 @@ TEST_P(LogManagerTest, WhileOtherThreadsLogNoLineIsTornOrWrittenTwice)
     logger.Error("last");
     EXPECT_EQ(Messages("1.log").back(), "Error Application: last") << "ten changes end with this file";
 
+    const testing::Matcher<std::string> isWhole = testing::MatchesRegex("Error Application: ([0-9]+ [0-9]+ end|last)");
     std::set<std::string> seen;
     for (const char* file : {"0.log", "1.log", "2.log"})
     {
         for (const std::string& message : Messages(file))
         {
-            EXPECT_THAT(message, testing::MatchesRegex("Error Application: ([0-9]+ [0-9]+ end|last)"));
+            EXPECT_THAT(message, isWhole);
             EXPECT_TRUE(seen.insert(message).second) << message;
         }
     }
+}
+
+TEST_P(LogManagerTest, TheNewFileHasTheNewLevelWhileOtherThreadsLog)
+{
+    constexpr int threadCount = 3;
+    Start(1, "quiet.log");
+    std::atomic<bool> stop = false;
+    std::atomic<int> rounds = 0;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threadCount; ++thread)
+    {
+        threads.emplace_back([&stop, &rounds, thread, this] {
+            for (int count = 0; !stop; ++count)
+            {
+                logger.Error("%d %d failed", thread, count);
+                logger.Information("%d %d done", thread, count);
+                ++rounds;
+                std::this_thread::yield();  // to the thread that delivers the change
+            }
+        });
+    }
+    AwaitMore(rounds, 100);
+    Change(logs.GroupText(3, "talkative.log"));
+    AwaitMore(rounds, 100);
+    stop = true;
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+
+    EXPECT_GT(Count("quiet.log", "Error Application: "), 0);
+    EXPECT_EQ(Count("quiet.log", "Information Application: "), 0);
+    EXPECT_GT(Count("talkative.log", "Error Application: "), 0);
+    EXPECT_GT(Count("talkative.log", "Information Application: "), 0);
+    std::vector<std::string> all = Messages("quiet.log");
+    const std::vector<std::string> late = Messages("talkative.log");
+    all.insert(all.end(), late.begin(), late.end());
+    const testing::Matcher<std::string> isWhole =
+        testing::MatchesRegex("(Error Application: [0-9]+ [0-9]+ failed|Information Application: [0-9]+ [0-9]+ done|"
+                              "Information LogManager: Finished reconfiguring logging)");
+    EXPECT_THAT(all, testing::Each(isWhole));
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), all.size()) << "a line was written twice";
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, LogManagerTest,
