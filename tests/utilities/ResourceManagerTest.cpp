@@ -388,6 +388,19 @@ TEST_P(ResourceManagerTest, AConsumerThatAppearsAfterTheReadingIsNotSeen)
     EXPECT_EQ(manager.GetAvailable("A", "R"), 40);
 }
 
+TEST_P(ResourceManagerTest, AConsumerWhoseGroupHoldsNoUsageWhenItIsReadIsNotSeenEither)
+{
+    store.Change("[Resources/R/Consumers/B]\nMaxAllowed=90\n");
+    EXPECT_EQ(manager.GetAvailable("A", "R"), 100);
+    store.Change(Consumer("B", 60));
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 60)) << "the cap that was read is still the same";
+    store.Change(Consumer("B", 61));
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 50));
+    manager.Refresh();
+    store.Change(Consumer("B", 40));
+    EXPECT_FALSE(manager.ReserveResource("A", "R", 61)) << "what is there when it is read is seen";
+}
+
 TEST_P(ResourceManagerTest, TwoManagersThatCompeteNeverExceedTheTotal)
 {
     constexpr int rounds = 40;

@@ -90,6 +90,23 @@ TEST_F(ResourceManagerWireTest, AResourceIsReadOnceAndTheTestCoversAllOfThem)
     EXPECT_EQ(manager.GetTotal("Q"), 100);
 }
 
+TEST_F(ResourceManagerWireTest, AfterTheFirstUseAReservationTakesOneRoundTripAndTwoWithARefresh)
+{
+    const std::string others = Total(50) + Consumer("B", 5);
+    const std::string held = Total(50) + Consumer("A", 7) + Consumer("B", 5);
+    Play({{GetR, "data\n" + others + ".\n"},
+          {"test-and-merge\n" + others + ".\n" + Consumer("A", 7) + ".\n", Ok},
+          {"test-and-merge\n" + held + ".\n" + Consumer("A", 7) + ".\n", Ok},
+          {GetR, "data\n" + held + ".\n"},
+          {"test-and-merge\n" + held + ".\n" + Consumer("A", 0) + ".\n", Ok}});
+    ResourceManager manager(&_client);
+    EXPECT_EQ(manager.GetUsed("A", "R"), 0);
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 7));
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 7));
+    manager.Refresh();
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 0));
+}
+
 TEST_F(ResourceManagerWireTest, AttemptsGoOnUntilOneSucceeds)
 {
     std::vector<Exchange> exchanges;
