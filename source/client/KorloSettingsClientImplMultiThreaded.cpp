@@ -72,9 +72,10 @@ KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(Korlo
       _pConnection(pConnection),
       _commandMutex(nullptr),
       _sendMutex("sendMutex", 1, 0),
-      _limits(limits),
+      _timeoutMs(limits.connectionMs),
       _requestQueue("KorloSettingsClientImpl::_requestQueue", QueueCapacity),
       _responseQueue("KorloSettingsClientImpl::_responseQueue", QueueCapacity),
+      _limits(limits),
       _stopSignal("stopReader", 1, 0),
       _readerEnded("readerEnded", 1, 0)
 {
@@ -162,7 +163,7 @@ void KorloSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* pCallback,
 /// Returns the number of the connection on which the groups were sent.
 unsigned int KorloSettingsClientImplMultiThreaded::SendSubscribe(const GroupNameCollection& groups) const
 {
-    const SemAutoLock lock(_sendMutex, _limits.connectionMs);
+    const SemAutoLock lock(_sendMutex, _timeoutMs);
     CheckInvariant("Subscribe");
     WriteSubscribe(*_pConnection->GetOstream(), groups);
     _outputFailed = _pConnection->GetOstream()->fail();
@@ -177,7 +178,7 @@ bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCo
     {
         return SendAndAwait(name, std::move(pOwned));
     }
-    const SemAutoLock lock(_sendMutex, _limits.connectionMs);
+    const SemAutoLock lock(_sendMutex, _timeoutMs);
     CheckInvariant(name);
     Send(name, *pOwned);
     return true;
@@ -190,7 +191,7 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
                    "source/client/KorloSettingsClientImplMultiThreaded");
     ResponseStatus status{false, false};
     {
-        const SemAutoLock lock(_sendMutex, _limits.connectionMs);
+        const SemAutoLock lock(_sendMutex, _timeoutMs);
         CheckInvariant(name);
         // A status that waits already is that of a connection which broke while nobody was waiting. It is taken before
         // anything is sent: else the response to this command would be taken for that to a later one.

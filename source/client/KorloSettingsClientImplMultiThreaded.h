@@ -2,6 +2,7 @@
 // The client with a reader thread: it hears of changes and reconnects by itself.
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -111,10 +112,11 @@ private:
     std::unique_ptr<KorloSettingsConnection> _pConnection;
     mutable osa::Mutex _commandMutex;
     mutable osa::Semaphore _sendMutex;
-    const WaitLimits _limits;
+    const std::uint32_t _timeoutMs;                        // how long a caller waits for `_sendMutex`
     mutable osa::tMsgQueue<RemoteCommand*> _requestQueue;  // what is in it belongs to the reader thread
     mutable osa::tMsgQueue<ResponseStatus> _responseQueue;
 
+    const WaitLimits _limits;
     mutable std::atomic<bool> _outputFailed = false;
     std::atomic<unsigned int> _connectionCount = 0;  // tells a subscriber whether the connection is still the same
     osa::Semaphore _stopSignal;                      // ends a pause of the reader thread
