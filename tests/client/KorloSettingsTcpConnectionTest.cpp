@@ -1,9 +1,11 @@
 #include "client/KorloSettingsTcpConnection.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -85,10 +87,18 @@ TEST_F(KorloSettingsTcpConnectionTest, AnAbsentServerCostsTheAttemptsAndAPauseBe
 TEST_F(KorloSettingsTcpConnectionTest, TheFirstAttemptDoesNotWait)
 {
     server.Close();
-    const auto start = Clock::now();
-    EXPECT_EQ(MessageOf([&] { connection.EnsureConnection(1); }), ConnectFailure);
-    EXPECT_LT(Clock::now() - start, 900ms);
-    EXPECT_THAT(log.GetMessages(), ElementsAre(FailureWarning, RetryInformation, FailureWarning));
+    Clock::duration least = 1h;
+    for (int attempt = 0; attempt < 10 && least >= 900ms; ++attempt)  // another process may have had the machine
+    {
+        const auto start = Clock::now();
+        EXPECT_EQ(MessageOf([&] { connection.EnsureConnection(1); }), ConnectFailure);
+        least = std::min<Clock::duration>(least, Clock::now() - start);
+        const std::vector<std::string> messages = log.GetMessages();
+        ASSERT_GE(messages.size(), 3u);
+        EXPECT_THAT(std::vector(messages.end() - 3, messages.end()),
+                    ElementsAre(FailureWarning, RetryInformation, FailureWarning));
+    }
+    EXPECT_LT(least, 900ms);
 }
 
 TEST_F(KorloSettingsTcpConnectionTest, FindsAServerThatComesBetweenTwoAttempts)
