@@ -115,6 +115,11 @@ bool TakesValue(const CLI::Option* pOption)
     return pOption->get_items_expected_max() > 0;
 }
 
+bool IsFlag(const CLI::Option* pOption)
+{
+    return pOption != nullptr && !TakesValue(pOption);
+}
+
 /// Moves the last option of a command, one argument or two, from the end of the operands to `options`.
 bool TakeLastOption(const CLI::App& app, std::size_t fewestOperands, Arguments& operands, Arguments& options)
 {
@@ -161,6 +166,12 @@ Arguments TakeOptions(const CLI::App& app, const Command& command, Arguments& op
     Arguments options;
     while (TakeLastOption(app, first, operands, options))
     {
+    }
+    // With one operand too many, a flag in front of them can only be meant as one: merge --no-persist FILE.
+    while (operands.size() > command.mostOperands && IsFlag(FindOption(app, operands.front())))
+    {
+        options.push_back(operands.front());
+        operands.erase(operands.begin());
     }
     return options;
 }
