@@ -203,9 +203,11 @@ TEST_P(EveryCutTest, ASingleThreadedClientTakesNoPartOfAResultForARefusal)
         for (std::size_t cut = 1; cut < length; ++cut)
         {
             SCOPED_TRACE(cut);
+            IniFile change;
+            change.SetValue("Cut", "at", std::to_string(cut));
             _proxy.Arm(GetParam(), FaultProxy::ToClient, cut);
             // The request is sent again, and finds what it expects the second time, too.
-            ASSERT_TRUE(client.TestAndMerge(Ini(Big), Ini("[Cut]\nat=" + std::to_string(cut) + '\n')));
+            ASSERT_TRUE(client.TestAndMerge(Ini(Big), change));
             ASSERT_TRUE(_proxy.AwaitFault());
         }
     }
