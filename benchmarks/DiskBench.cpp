@@ -21,6 +21,7 @@ using settings::KorloSettingsClient;
 
 constexpr const char* Group = "Counters";
 constexpr std::chrono::milliseconds ChangeEvery{5};
+constexpr std::chrono::milliseconds GetEvery{1};
 constexpr std::chrono::seconds Watched{2};  // several saves
 
 /// Changes a setting now and then, so that the server always has something to save.
@@ -37,18 +38,23 @@ void KeepChanging(const std::stop_token& stop)
     }
 }
 
-/// How long each get takes, in microseconds.
+/// How long each get takes from the moment when it is due, in microseconds. Gets are due at a fixed rate: one that
+/// waits makes those behind it late, and so all that should have been served meanwhile count, not the one that waited
+/// alone. Those that are due still when the time is up count as late as they are.
 std::vector<double> WatchGets(const KorloSettingsClient& client)
 {
     std::vector<double> times;
-    const Clock::time_point end = Clock::now() + Watched;
-    for (Clock::time_point begin = Clock::now(); begin < end;)
+    const Clock::time_point begin = Clock::now();
+    const Clock::time_point end = begin + Watched;
+    for (Clock::time_point due = begin; due < end; due += GetEvery)
     {
-        IniFile settings;
-        client.GetSettings(Group, settings);
-        const Clock::time_point now = Clock::now();
-        times.push_back(std::chrono::duration<double, std::micro>(now - begin).count());
-        begin = now;
+        std::this_thread::sleep_until(due);
+        if (Clock::now() < end)
+        {
+            IniFile settings;
+            client.GetSettings(Group, settings);
+        }
+        times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - due).count());
     }
     return times;
 }
