@@ -63,8 +63,8 @@ TEST_F(ServerProgramTest, EndsAtOnceWhenItCannotServe)
 TEST_F(ServerProgramTest, EndsAtOnceWhenItsAddressIsTaken)
 {
     ServerProcess first({"--user", _user});
-    ChildProcess second({KORLO_SETTINGS_SERVER, "--listen", "127.0.0.1:" + std::to_string(first.GetPort()), "--user",
-                         PathOf("other.ini")});
+    const std::string address = "127.0.0.1:" + std::to_string(first.GetPort());  // the last one given counts
+    ChildProcess second(ServerProcess::Command({"--listen", address, "--user", PathOf("other.ini")}));
     EXPECT_EQ(second.Wait(), 1);
     EXPECT_THAT(second.GetErrors(), HasSubstr("Address already in use"));
 }
