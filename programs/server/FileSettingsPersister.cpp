@@ -91,8 +91,24 @@ void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner&
 {
     if (!SavesNothing() && _file.Exists())
     {
-        _stored = Load();
-        combiner.LoadFromString(*_stored);
+        const std::string text = Load();
+        combiner.LoadFromString(text);
+        NoteStored(text);
+    }
+}
+
+/// What a server left that was killed between its rename and its sync can be read, and lost by a power cut all the
+/// same.
+void FileSettingsPersister::NoteStored(const std::string& text)
+{
+    try
+    {
+        _file.Sync();
+        _stored = text;
+    }
+    catch (const osa::Exception&)
+    {
+        // The next save writes, then, whatever its text.
     }
 }
 

@@ -50,6 +50,7 @@ private:
     bool SavesNothing() const { return _file.GetPath().empty(); }
     void RemoveLeftovers() const;
     std::string Load();
+    void NoteStored(const std::string& text);
     std::string LoadPrevious(const std::string& damage, bool isUnreadable);
 
     const SettingsFiles _defaults;

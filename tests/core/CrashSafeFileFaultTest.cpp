@@ -61,6 +61,7 @@ const Fault Faults[] = {
     {"input/output error", FaultyFileSystem::FailOnce, EIO},
     {"interruption", FaultyFileSystem::FailOnce, EINTR},
     {"short write", FaultyFileSystem::TakeLittle, 0},
+    {"a disk that fills up", FaultyFileSystem::FillUp, ENOSPC},
     {"power cut", FaultyFileSystem::PowerCut, EIO},
     {"power cut after the call", FaultyFileSystem::PowerCutAfter, EIO},
 };
@@ -185,6 +186,31 @@ TEST(CrashSafeFileFaultTest, WhateverCallFailsTheOldOrTheNewContentIsThereAsAWho
                 SCOPED_TRACE(std::string(situation.name) + ", " + fault.name + " at call " + std::to_string(call));
                 hasFailed = FaultRun(situation, fault, call).Run();
             }
+        }
+    }
+}
+
+TEST(CrashSafeFileFaultTest, AFailedSyncOfWhatIsThereNamesPathAndReasonAndClosesTheFile)
+{
+    const TemporaryFolder folder;
+    const std::string path = folder.PathOf("user.ini");
+    WriteFile(path, OldContent);
+    bool hasFailed = true;
+    for (std::size_t call = 0; hasFailed; ++call)
+    {
+        SCOPED_TRACE(call);
+        FaultyFileSystem fileSystem;
+        fileSystem.FailAt(call, FaultyFileSystem::FailOnce, EIO);
+        const CrashSafeFile file(path, CrashSafeFile::KeepNone, 0644, fileSystem);
+
+        const std::string message = MessageOf([&] { file.Sync(); });
+
+        hasFailed = fileSystem.HasFailed();
+        EXPECT_EQ(fileSystem.GetOpenFiles(), 0);
+        // What is closed after a sync that went well has nothing to lose.
+        if (hasFailed && fileSystem.GetCalls().back() != "SyncFolder")
+        {
+            EXPECT_THAT(message, HasSubstr('\'' + path + "': " + std::strerror(EIO)));
         }
     }
 }

@@ -281,6 +281,18 @@ TEST_F(CrashSafeFileTest, TheContentIsOnTheDiskBeforeItTakesTheName)
                                                    "Close", "Link", "Rename", "Unlink", "Rename", "SyncFolder"));
 }
 
+TEST_F(CrashSafeFileTest, SyncsWhatSomebodyElseHasWrittenAndItsFolder)
+{
+    WriteFile(_path, OldContent);
+    FaultyFileSystem fileSystem;
+
+    CrashSafeFile(_path, CrashSafeFile::KeepPrevious, 0644, fileSystem).Sync();
+
+    EXPECT_THAT(fileSystem.GetCalls(), ElementsAre("ReadLink", "OpenForReading", "Sync", "Close", "SyncFolder"));
+    EXPECT_EQ(ContentOf(_path), OldContent);
+    EXPECT_EQ(fileSystem.GetOpenFiles(), 0);
+}
+
 TEST_F(CrashSafeFileTest, AReaderNeverMeetsHalfAFile)
 {
     constexpr int writers = 3;

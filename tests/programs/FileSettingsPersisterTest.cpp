@@ -88,6 +88,28 @@ TEST_F(FileSettingsPersisterTest, ASaveOfTheSameTextWritesNothing)
     EXPECT_GT(_fileSystem.GetCalls().size(), calls);
 }
 
+TEST_F(FileSettingsPersisterTest, WhatWasLoadedCountsAsStoredOnlyOnceItIsOnTheDisk)
+{
+    WriteFile(_path, "[A]\nk=1\n");
+    for (const bool canSync : {true, false})
+    {
+        SCOPED_TRACE(canSync);
+        FaultyFileSystem fileSystem;
+        fileSystem.FailAlwaysAt(canSync ? "" : "SyncFolder", EIO);
+        core::IniFile user;
+        SettingsCombiner combiner(user);
+        FileSettingsPersister persister(SettingsFiles({}), _path, fileSystem);
+        persister.LoadUserSettings(combiner);
+        EXPECT_EQ(user, Ini("[A]\nk=1\n"));
+        EXPECT_EQ(fileSystem.GetCalls().back(), "SyncFolder");
+
+        fileSystem.FailAlwaysAt("", 0);
+        const std::size_t calls = fileSystem.GetCalls().size();
+        persister.SaveUserSettings(Ini("[A]\nk=1\n"));
+        EXPECT_EQ(fileSystem.GetCalls().size() == calls, canSync);
+    }
+}
+
 TEST_F(FileSettingsPersisterTest, AfterAFailureTheSameTextIsWrittenAgain)
 {
     FileSettingsPersister persister(SettingsFiles({}), _path, _fileSystem);

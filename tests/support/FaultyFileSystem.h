@@ -22,6 +22,7 @@ public:
         NoFault,
         FailOnce,       ///< The call has no effect, but an error.
         TakeLittle,     ///< A write takes a part; any other call goes well.
+        FillUp,         ///< A write takes a part, and later ones nothing; any other call goes well.
         PowerCut,       ///< Neither this call nor any later one has an effect.
         PowerCutAfter,  ///< This call has its effect, and nothing is heard of it; later ones have none.
         FailAlways      ///< Every call of this name fails.
@@ -67,7 +68,12 @@ public:
 
     int Write(int file, const char* pData, std::size_t size, std::size_t& count) override
     {
-        const bool isShort = _kind == TakeLittle && _calls.size() == _failAt;
+        const bool isShort = (_kind == TakeLittle || _kind == FillUp) && _calls.size() == _failAt;
+        if (_kind == FillUp && _calls.size() > _failAt && size > 0)
+        {
+            _calls.push_back("Write");
+            return _error;
+        }
         return Call("Write",
                     [&] { return _real.Write(file, pData, isShort ? std::min<std::size_t>(size, 7) : size, count); });
     }
@@ -137,7 +143,7 @@ private:
             return real();
         }
         _hasFailed = true;
-        if (_kind == TakeLittle)
+        if (_kind == TakeLittle || _kind == FillUp)
         {
             return real();
         }

@@ -214,6 +214,25 @@ void CrashSafeFile::Replace(const std::string& content)
     // 3.
     newFile.RenameTo(target);
     // 4.
+    SyncFolderOf(target);
+}
+
+void CrashSafeFile::Sync() const
+{
+    const std::string target = ResolveLinks();
+    int file = -1;
+    Demand("open", _path, [&] { return _fileSystem.OpenForReading(target, file); });
+    const int error = Uninterrupted([&] { return _fileSystem.Sync(file); });
+    _fileSystem.Close(file);
+    if (error != 0)
+    {
+        Fail("sync", _path, error);
+    }
+    SyncFolderOf(target);
+}
+
+void CrashSafeFile::SyncFolderOf(const std::string& target) const
+{
     Demand("sync the folder of", _path, [&] { return _fileSystem.SyncFolder(FolderOf(target)); });
 }
 

@@ -51,6 +51,10 @@ public:
     /// new file is made beside the file, and removed again.
     void CheckReplaceable() const;
 
+    /// Makes what the file holds survive a power cut, whoever wrote it and however far. Throws Exception, naming the
+    /// path and the system's reason.
+    void Sync() const;
+
     /// What the file holds. Throws Exception, naming the path and the system's reason.
     std::string Read() const;
 
@@ -69,6 +73,7 @@ private:
     std::string ResolveLinks() const;
     std::optional<FileStatus> GetReplaceable(const std::string& target) const;
     std::string ReadFile(const std::string& path) const;
+    void SyncFolderOf(const std::string& target) const;
     std::optional<FileStatus> GetStatus(const std::string& path) const;
     void Fill(NewFile& newFile, const std::string& content, const std::optional<FileStatus>& likeThis) const;
     void KeepGeneration(const std::string& target, const FileStatus& status) const;
