@@ -2,6 +2,12 @@
 
 namespace korlo::settings::client
 {
+namespace
+{
+
+constexpr unsigned int LastWordsMs = 1000;
+
+}  // namespace
 
 KorloSettingsConnection::KorloSettingsConnection(bool keepsTransport)
     : _pLogger(core::Logger::GetLogger("KorloSettingsConnection")),
@@ -32,6 +38,11 @@ void KorloSettingsConnection::RequestStop()
     if (!_stopRequested.exchange(true))
     {
         _stopSignal.Release();
+    }
+    const osa::MutexAutoLock lock(&_interruptMutex, osa::Infinite, true);
+    if (_pInterruptible != nullptr)
+    {
+        _pInterruptible->LimitWrites(LastWordsMs);
     }
 }
 

@@ -48,8 +48,8 @@ public:
     bool KeepsTransport() const { return _keepsTransport; }
 
     /// Nobody will need the connection any more: an EnsureConnection that is under way, or comes later, makes no
-    /// further attempt and waits for nothing.
-    void RequestStop();
+    /// further attempt and waits for nothing, and what is still written waits for a second at most.
+    void RequestStop() KORLO_EXCLUDES(_interruptMutex);
 
     /// Ends the streams of a peer that does not end them itself: whoever reads meets the end.
     void Interrupt() KORLO_EXCLUDES(_interruptMutex);
@@ -60,7 +60,7 @@ protected:
     /// Waits before the next attempt, unless somebody asks to stop.
     void Pause(unsigned int durationMs);
 
-    /// @param pSocket what Interrupt closes from now on; borrowed, may be null.
+    /// @param pSocket what Interrupt and RequestStop work on from now on; borrowed, may be null.
     void SetInterruptible(osa::TcpSocket* pSocket) KORLO_EXCLUDES(_interruptMutex);
 
     core::Logger* _pLogger;         // not owned

@@ -1,5 +1,6 @@
 // The multi-threaded client over other connections than a server's: its birth, its end, and what must not happen.
 
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -8,10 +9,15 @@
 #include <string_view>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include "client/KorloSettingsClientImplMultiThreaded.h"
 #include "client/KorloSettingsLocalConnection.h"
+#include "client/KorloSettingsTcpConnection.h"
 #include "client/RemoteCommands.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/PipeStreamPair.h"
@@ -19,6 +25,7 @@
 #include "support/Documents.h"
 #include "support/Files.h"
 #include "support/LogWatch.h"
+#include "support/ScriptedServer.h"
 
 namespace korlo::settings::client
 {
@@ -174,6 +181,39 @@ TEST(KorloSettingsClientImplMultiThreadedLifeTest, AnEndDuringAnAttemptWaitsForT
     EXPECT_EQ(gone.wait_for(15s), std::future_status::ready);
     EXPECT_EQ(ContentOf(wire.requests), "") << "there was no connection to say anything on";
     wire.responses.ClosePipe();
+}
+
+/// Writes to this process's connection to that port until it takes nothing more.
+void FillConnectionTo(unsigned short port)
+{
+    const std::string much(1024 * 1024, '\n');
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    {
+        const int descriptor = std::stoi(entry.path().filename().string());
+        sockaddr_in peer{};
+        socklen_t length = sizeof(peer);
+        if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == port)
+        {
+            pollfd waited{descriptor, POLLOUT, 0};
+            while (::poll(&waited, 1, 100) > 0)
+            {
+                ::send(descriptor, much.data(), much.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            }
+        }
+    }
+}
+
+TEST(KorloSettingsClientImplMultiThreadedLifeTest, AServerThatReadsNothingAnyMoreDoesNotKeepAClientFromItsEnd)
+{
+    ScriptedServer server;
+    auto pClient = std::make_unique<Client>(new KorloSettingsTcpConnection);
+    const std::unique_ptr<ScriptedServer::Peer> pPeer = server.Accept();
+    pClient->MergeSettings(IniFile(), 0);
+    FillConnectionTo(server.GetPort());
+    auto gone = std::async(std::launch::async, [&] { pClient.reset(); });
+    EXPECT_EQ(gone.wait_for(15s), std::future_status::ready);
+    pPeer->Close();  // so that a failure ends, too
 }
 
 TEST(KorloSettingsClientImplMultiThreadedLifeTest, AClientIsConstructedWithoutWaitingForItsConnection)

@@ -350,6 +350,17 @@ TEST(TcpSocketTest, AnInterruptedReadGoesOn)
     sigaction(SIGUSR1, &before, nullptr);
 }
 
+TEST(TcpSocketTest, AWriteThatIsLimitedEndsHoweverLongItMayTake)
+{
+    TcpPair pair;
+    const std::string much(32 * 1024 * 1024, 'm');  // more than the system keeps for a connection
+    pair.client.LimitWrites(10);
+    EXPECT_EQ(pair.client.WriteAll(much.data(), much.size(), Infinite).status, TcpSocket::TimedOut);
+    EXPECT_EQ(pair.client.WriteSome(much.data(), much.size(), Infinite).status, TcpSocket::TimedOut);
+    pair.client.LimitWrites(Infinite);
+    EXPECT_EQ(pair.client.WriteSome(much.data(), much.size(), 0).status, TcpSocket::TimedOut);
+}
+
 TEST(TcpSocketTest, DoesNotPassToProgramsThatThisProcessStarts)
 {
     TcpPair pair;

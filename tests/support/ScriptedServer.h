@@ -68,6 +68,8 @@ public:
     /// Waits for the next client.
     std::unique_ptr<Peer> Accept() { return std::make_unique<Peer>(_listener.Accept()); }
 
+    unsigned short GetPort() const { return _listener.GetPort(); }
+
     /// Refuses all further clients.
     void Close() { _listener.Close(); }
 

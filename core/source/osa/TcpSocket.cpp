@@ -224,7 +224,12 @@ TcpSocket::IoResult TcpSocket::ReadSome(char* bytes, std::size_t size, unsigned 
 TcpSocket::IoResult TcpSocket::WriteSome(const char* bytes, std::size_t size, unsigned int timeoutMs)
 {
     Pieces pieces{Piece(bytes, size), Piece(nullptr, 0)};
-    return size == 0 ? IoResult{Done, 0, 0} : SendSome(_descriptor, Deadline(timeoutMs), pieces);
+    return size == 0 ? IoResult{Done, 0, 0} : SendSome(_descriptor, WriteDeadline(timeoutMs), pieces);
+}
+
+Deadline TcpSocket::WriteDeadline(unsigned int timeoutMs) const
+{
+    return Deadline(std::min<unsigned int>(timeoutMs, _longestWriteMs));  // Infinite is the greatest there is
 }
 
 TcpSocket::IoResult TcpSocket::WriteAll(const char* bytes, std::size_t size, unsigned int timeoutMs)
@@ -235,7 +240,7 @@ TcpSocket::IoResult TcpSocket::WriteAll(const char* bytes, std::size_t size, uns
 TcpSocket::IoResult TcpSocket::WriteAll(const char* head, std::size_t headSize, const char* tail, std::size_t tailSize,
                                         unsigned int timeoutMs)
 {
-    const Deadline deadline(timeoutMs);
+    const Deadline deadline = WriteDeadline(timeoutMs);
     Pieces pieces{Piece(head, headSize), Piece(tail, tailSize)};
     std::size_t written = 0;
     while (written < headSize + tailSize)

@@ -1,9 +1,12 @@
 #pragma once
 // TCP connections.
 
+#include <atomic>
 #include <cstddef>
 #include <mutex>
 #include <string>
+
+#include "korlo/osa/Mutex.h"
 
 struct addrinfo;
 
@@ -19,8 +22,8 @@ class Deadline;
 ///     socket.Connect("korlo-settings-server", 0, 10);
 ///     TcpSocketStream stream(&socket, Infinite);
 ///
-/// Thread safety: one thread reads while another writes; Close and Wake from any thread. Everything else belongs to one
-/// thread.
+/// Thread safety: one thread reads while another writes; Close, Wake and LimitWrites from any thread. Everything else
+/// belongs to one thread.
 class TcpSocket
 {
 public:
@@ -87,6 +90,10 @@ public:
     IoResult WriteAll(const char* head, std::size_t headSize, const char* tail, std::size_t tailSize,
                       unsigned int timeoutMs);
 
+    /// Lets no write that begins from now on take longer than this, whatever its own time-out: for the last words to a
+    /// peer that may not read any more. From any thread.
+    void LimitWrites(unsigned int timeoutMs) { _longestWriteMs = timeoutMs; }
+
     /// Waits until there is something to read, or room to write, as asked for, or Wake was called.
     /// @return the Readiness values that hold. One Wait takes all calls of Wake before it.
     /// Throws Exception when the system has no descriptor left for being woken.
@@ -111,7 +118,10 @@ private:
     void Drop();
     void Prepare(const std::string& peerAddress);
 
+    Deadline WriteDeadline(unsigned int timeoutMs) const;
+
     const bool _noDelay;
+    std::atomic<unsigned int> _longestWriteMs = Infinite;
     std::string _peerAddress;
     int _descriptor = -1;  // changes with _mutex held, while nobody reads or writes
 
