@@ -7,6 +7,7 @@
 #include "ClientInput.h"
 #include "ClientOutput.h"
 #include "NotificationRound.h"
+#include "korlo/osa/Exception.h"
 #include "settings/server/ClientHandler.h"
 
 namespace korlo::daemon
@@ -28,7 +29,8 @@ class ClientConnection::Session : private settings::server::IRequestGate
 public:
     explicit Session(ClientConnection& connection)
         : _queue(*connection._pQueue),
-          _input(*connection._pSocket, _queue, connection._limits.maxMessage),
+          _maxMessage(connection._limits.maxMessage),
+          _input(*connection._pSocket, _queue, _maxMessage),
           _output(_queue),
           _in(&_input),
           _out(&_output),
@@ -61,6 +63,11 @@ private:
             _wasCut = true;  // inside the blocks of the request before this one
             return;
         }
+        if (_handler.GetSubscribedBytes() > _maxMessage)
+        {
+            _queue.Break("it has subscribed to more than " + std::to_string(_maxMessage) + " bytes of groups");
+            throw osa::Exception("too many subscriptions");
+        }
         if (_handler.IsSubscribed())
         {
             _input.ExpectNotifications();
@@ -70,6 +77,7 @@ private:
     }
 
     OutgoingQueue& _queue;
+    const std::size_t _maxMessage;
     ClientInput _input;
     ClientOutput _output;
     std::istream _in;
@@ -103,11 +111,21 @@ void ClientConnection::Stop()
 
 void ClientConnection::Run()
 {
+    // Whatever is thrown here: an owner who is not told would wait for ever.
+    struct Ending
+    {
+        ClientConnection& connection;
+
+        ~Ending()
+        {
+            connection._pQueue->Break(std::string());  // somebody's round may still hold it
+            connection._owner.OnConnectionEnded(connection);
+            connection._pSocket.reset();  // not later: this object may have to wait for somebody to destroy it
+        }
+    };
+    const Ending ending{*this};
     _pLogger->Information("Client '%s' has connected", _peer.c_str());
     Serve();
-    _pQueue->Break(std::string());  // somebody's round may still hold it
-    _owner.OnConnectionEnded(*this);
-    _pSocket.reset();  // not later: this object may have to wait for somebody to destroy it
 }
 
 void ClientConnection::Serve()

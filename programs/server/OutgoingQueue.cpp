@@ -25,17 +25,23 @@ bool OutgoingQueue::Send(const char* bytes, std::size_t size)
     const std::lock_guard lock(_mutex);
     if (!_isBroken)
     {
-        try
-        {
-            SendOrKeep(bytes, size);
-        }
-        catch (
-            const std::exception& exception)  // no memory: the client would get the rest of a message without its head
-        {
-            BreakLocked(exception.what());
-        }
+        Guarded([&] { SendOrKeep(bytes, size); });
     }
     return !_isBroken;
+}
+
+/// No memory, or no descriptor: this client would get a part of a message, and nobody else has to do with it.
+template <typename Step>
+void OutgoingQueue::Guarded(Step step)
+{
+    try
+    {
+        step();
+    }
+    catch (const std::exception& exception)
+    {
+        BreakLocked(exception.what());
+    }
 }
 
 void OutgoingQueue::SendOrKeep(const char* bytes, std::size_t size)
@@ -91,7 +97,7 @@ void OutgoingQueue::SendGathered()
     _isInRound = false;
     if (!_isBroken && !_runs.empty() && !_waitsForRoom)
     {
-        SendPending();
+        Guarded([this] { SendPending(); });
     }
 }
 

@@ -67,6 +67,8 @@ private:
         bool isForeign;  // of other threads
     };
 
+    template <typename Step>
+    void Guarded(Step step);
     bool IsOwnThread() const { return std::this_thread::get_id() == _ownThread; }
     std::size_t SendNow(const char* bytes, std::size_t size);
     void SendPending();

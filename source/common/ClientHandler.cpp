@@ -219,7 +219,10 @@ void ClientHandler::Subscribe(std::istream&)
     common::readDelimitedValues(_pIn, std::inserter(groups, groups.end()));
     if (RequestIsWhole() && !groups.empty())
     {
-        _isSubscribed = true;
+        for (const std::string& group : groups)
+        {
+            _subscribedBytes += group.size() + 1;
+        }
         _pSettingsManager->Subscribe(this, groups);
     }
 }
@@ -291,7 +294,8 @@ void ClientHandler::Info(std::istream& options)
     *_pOut << "Subscribed groups\n-----------------\n";
     for (const std::string& group : groups)
     {
-        *_pOut << group << '\n';
+        // A subscriber within the server's own process may have a name that looks like several lines.
+        group.find('\n') == std::string::npos ? *_pOut << group << '\n' : *_pOut;
     }
     *_pOut << '\n' << std::flush;
 }

@@ -247,10 +247,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         RemoveGroups(changedGroups);
         _settings.MergeSettings(accepted);
         _userSettings.MergeSettings(accepted);
-        for (const std::string& entry : namesAndPatterns)
-        {
-            _userSettings.ValueListAppendUnique(DeletedGroups, entry);
-        }
+        _userSettings.ValueListAppendUnique(DeletedGroups, namesAndPatterns);
         SaveUserSettings();
     }
     AddGroupNames(accepted, changedGroups);

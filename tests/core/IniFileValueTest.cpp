@@ -1,6 +1,7 @@
 // Single values of a document: reading, setting, lists.
 
 #include <climits>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -177,6 +178,22 @@ TEST(IniFileValueTest, AValueListTakesAKeyThatIsFree)
     ini.ValueListAppendUnique("list", "e");
     EXPECT_EQ(ini["list"].size(), 4u);
     EXPECT_TRUE(ini.ContainsSettings(FromText("[list]\n2=b\n3=c\n4=d\n5=e\n")));
+}
+
+TEST(IniFileValueTest, ManyValuesAreAppendedAsOneByOne)
+{
+    IniFile ini;
+    ini.LoadFromString("[list]\n1=a\n4=held\nx=c\n");
+    IniFile oneByOne = ini;
+    const std::set<std::string> added = {"a", "b", "c", "d", "e", "", "f"};
+    ini.ValueListAppendUnique("list", added);
+    for (const std::string& value : added)
+    {
+        oneByOne.ValueListAppendUnique("list", value);
+    }
+    EXPECT_EQ(ini, oneByOne);
+    ini.ValueListAppendUnique("none", std::set<std::string>());
+    EXPECT_EQ(ini, oneByOne);
 }
 
 }  // namespace korlo::core

@@ -1,11 +1,14 @@
 #include "OutgoingQueue.h"
 
 #include <future>
+#include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include "NotificationRound.h"
 #include "support/TcpPair.h"
 
 namespace korlo::daemon
@@ -103,6 +106,31 @@ TEST_F(OutgoingQueueTest, ANotificationThatHasToWaitWakesItsOwnThread)
         std::async(std::launch::async, [&] { return queue.Send(notification.data(), notification.size()); }).get());
     EXPECT_GT(queue.GetPendingBytes(), 0u);
     EXPECT_EQ(waiting.get(), osa::TcpSocket::Woken);
+}
+
+TEST_F(OutgoingQueueTest, WhereNoDescriptorIsLeftTheConnectionAloneIsBroken)
+{
+    const auto pQueue = std::make_shared<OutgoingQueue>(*_pair.pServer, 64 * 1024 * 1024);
+    const std::string much(Much, 'm');
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    std::async(std::launch::async, [&] {
+        NotificationRound round;
+        EXPECT_TRUE(pQueue->Send("gathered", 8));
+        constexpr unsigned int longMs = 100;  // the system still moves bytes to the other end
+        for (const std::size_t size : {much.size(), std::size_t{1}})
+        {
+            while (_pair.pServer->WriteSome(much.data(), size, size == 1 ? 0 : longMs).status == osa::TcpSocket::Done)
+            {
+            }
+        }
+        const rlimit none{3, before.rlim_max};  // which are open already
+        setrlimit(RLIMIT_NOFILE, &none);
+        round.Flush();  // which has to wake the connection's own thread
+        setrlimit(RLIMIT_NOFILE, &before);
+    }).get();
+    EXPECT_TRUE(pQueue->IsBroken());
+    EXPECT_THAT(pQueue->GetReason(), testing::HasSubstr("Too many open files"));
 }
 
 TEST_F(OutgoingQueueTest, TheFirstReasonCounts)

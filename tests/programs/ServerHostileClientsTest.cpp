@@ -88,6 +88,20 @@ TEST_F(ServerHostileClientsTest, AnEndlessGroupList)
     FloodUntilDisconnected("subscribe\n", "Group\n");
 }
 
+TEST_F(ServerHostileClientsTest, SubscriptionsWithoutEnd)
+{
+    RawClient client(_server.GetPort());
+    bool isConnected = true;
+    for (int i = 0; isConnected; ++i)
+    {
+        ASSERT_LT(i, 1000);
+        isConnected = client.Send("subscribe\n" + std::string(1000, 'x') + std::to_string(i) + "\n.\n") &&
+                      client.Get("None").empty() && client.GetStream().good();
+    }
+    _server.GetChild().AwaitErrors("is disconnected, it has subscribed to more than 100000 bytes of groups");
+    ExpectNothingLeft();
+}
+
 TEST_F(ServerHostileClientsTest, ARequestOfExactlyTheLimitIsCarriedOutAndOneByteMoreIsNot)
 {
     const std::string head = "merge\n[A]\nk=";

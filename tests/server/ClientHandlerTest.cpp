@@ -267,6 +267,15 @@ TEST(ClientHandlerTest, InfoListsTheGroupsOfEveryConnection)
     store.manager.Unsubscribe(&other);
 }
 
+TEST(ClientHandlerTest, InfoListsNoNameThatWouldLookLikeSeveral)
+{
+    ExchangeStore store;
+    FunctionCallback other([](const GroupNameCollection&, const core::IniFile&) {});
+    store.manager.Subscribe(&other, GroupNameCollection{"Audio\n\nresult\nok", "Video"});
+    EXPECT_EQ(store.Serve("info subscribed\n"), "Subscribed groups\n-----------------\nVideo\n\n");
+    store.manager.Unsubscribe(&other);
+}
+
 TEST(ClientHandlerTest, ANotificationTellsWhatTheStoreHoldsWhenItIsWritten)
 {
     ExchangeStore store;

@@ -264,6 +264,20 @@ TEST_F(SettingsManagerTest, AnOverwriteMergesReplacementsThatWereNotSelected)
         Ini("[Audio]\nvolume=9\nmute=no\n[Net/Trusted]\nca=root\n[Net/Wlan0]\nmode=off\n[SecureKeys]\nkey=secret\n"));
 }
 
+TEST(SettingsManagerFloodTest, AnOverwriteOfVeryManyNamesDoesNotHoldUpTheStore)
+{
+    constexpr int names = 100'000;  // one by one against the record, these would take minutes
+    SettingsManager store;
+    GroupNameCollection groups;
+    for (int i = 0; i < names; ++i)
+    {
+        groups.insert(std::to_string(i));
+    }
+    store.OverwriteSettings(groups, IniFile());
+    store.OverwriteSettings(groups, IniFile());
+    EXPECT_EQ(Recorded(store).size(), groups.size());
+}
+
 TEST_F(SettingsManagerTest, AnOverwriteRecordsEveryEntryOnceAlsoOneThatMatchesNothing)
 {
     store.OverwriteSettings("Audio", IniFile());

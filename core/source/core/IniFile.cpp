@@ -271,6 +271,28 @@ void IniFile::ValueListAppendUnique(const std::string& group, const std::string&
     }
 }
 
+void IniFile::ValueListAppendUnique(const std::string& group, const std::set<std::string>& added)
+{
+    if (added.empty())
+    {
+        return;
+    }
+    KeyValueMap& values = _groups[group];
+    std::set<std::string> missing = added;
+    for (const auto& [key, value] : values)
+    {
+        missing.erase(value);
+    }
+    std::size_t number = values.size() + 1;
+    for (const std::string& value : missing)
+    {
+        while (!values.try_emplace(std::to_string(number), value).second)
+        {
+            ++number;
+        }
+    }
+}
+
 const IniFile::KeyValueMap& IniFile::operator[](const std::string& group) const
 {
     const KeyValueMap* pValues = _groups.Lookup(group);

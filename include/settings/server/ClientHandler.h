@@ -2,6 +2,7 @@
 // The server's side of one connection of the settings protocol (docs/protocol.md).
 
 #include <atomic>
+#include <cstddef>
 #include <istream>
 #include <ostream>
 #include <sstream>
@@ -60,7 +61,11 @@ public:
 
     /// True once the client has subscribed to anything: other threads may write to `out` from then on. For the thread
     /// that runs Run.
-    bool IsSubscribed() const { return _isSubscribed; }
+    bool IsSubscribed() const { return _subscribedBytes > 0; }
+
+    /// How long the lists of all its subscriptions were: what the store remembers for this client is no more. For the
+    /// thread that runs Run.
+    std::size_t GetSubscribedBytes() const { return _subscribedBytes; }
 
     /// Writes a notification with the current content of the groups; `settings` is not looked at. Groups that a group
     /// list cannot carry are left out.
@@ -99,7 +104,7 @@ private:
     SerializationManager* _pSerializationManager;        // borrowed
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
-    bool _isSubscribed = false;
+    std::size_t _subscribedBytes = 0;
 };
 
 }  // namespace korlo::settings::server

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <istream>
 #include <ostream>
+#include <set>
 #include <streambuf>
 #include <string>
 #include <string_view>
@@ -135,6 +136,10 @@ public:
     /// Treats the group as a list of values: adds `value` under a new key (the next free number, counted from 1) unless
     /// some key of the group holds it already. The group is created if needed.
     void ValueListAppendUnique(const std::string& group, const std::string& value);
+
+    /// The same for each of these values, in their order, at the cost of one walk over the group. Without values
+    /// nothing is created.
+    void ValueListAppendUnique(const std::string& group, const std::set<std::string>& added);
 
     /// Removes the group if it is there.
     void RemoveGroup(const std::string& group) { _groups.erase(group); }
