@@ -100,6 +100,7 @@ public:
         _pServer->Restart(SIGTERM);  // the one that lives to the end and has to show for it
         Drive(actors, _began + _duration, false);
         _world.Stop();
+        CalmNetwork();
         for (const auto& pActor : actors)
         {
             pActor->Join();
@@ -186,6 +187,13 @@ private:
         ++_faults;
     }
 
+    /// A client whose connection stays stalled waits for its answer for ever.
+    void CalmNetwork()
+    {
+        _proxy.Arm(FaultProxy::Reset, FaultProxy::ToServer, static_cast<std::size_t>(-1));  // which is never
+        _proxy.Resume();
+    }
+
     void PrintProgress(const std::vector<std::unique_ptr<Actor>>& actors) const
     {
         unsigned long steps = 0;
@@ -204,8 +212,6 @@ private:
     /// Waits until every client holds what the store holds.
     void Settle(const std::vector<std::unique_ptr<Actor>>& actors)
     {
-        _proxy.Resume();
-        _proxy.Arm(FaultProxy::Reset, FaultProxy::ToServer, static_cast<std::size_t>(-1));  // which is never
         const core::IniFile store = Announce(1);
         _ledger.CheckAll(store);
         _ledger.CheckShared(store.GetIntOrDefault("Soak/Shared", "value", 0) - 1);
