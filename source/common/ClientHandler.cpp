@@ -221,7 +221,7 @@ void ClientHandler::Subscribe(std::istream&)
     {
         for (const std::string& group : groups)
         {
-            _subscribedBytes += group.size() + 1;
+            _subscribedBytes += _subscribed.insert(group).second ? group.size() + 1 : 0;
         }
         _pSettingsManager->Subscribe(this, groups);
     }
@@ -294,8 +294,10 @@ void ClientHandler::Info(std::istream& options)
     *_pOut << "Subscribed groups\n-----------------\n";
     for (const std::string& group : groups)
     {
-        // A subscriber within the server's own process may have a name that looks like several lines.
-        group.find('\n') == std::string::npos ? *_pOut << group << '\n' : *_pOut;
+        if (group.find('\n') == std::string::npos)  // a subscriber in the server's own process may have any name
+        {
+            *_pOut << group << '\n';
+        }
     }
     *_pOut << '\n' << std::flush;
 }

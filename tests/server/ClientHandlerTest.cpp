@@ -244,6 +244,20 @@ TEST(ClientHandlerTest, SubscriptionsEndWithTheConnection)
     }
 }
 
+TEST(ClientHandlerTest, CountsWhatItIsSubscribedToOnceHoweverOftenItIsAsked)
+{
+    ExchangeStore store;
+    std::istringstream in("subscribe\nAudio\nNet/*\n.\nsubscribe\nAudio\n.\nsubscribe\n.\n");
+    std::ostringstream out;
+    ClientHandler handler(&store.env, &in, &out);
+    EXPECT_FALSE(handler.IsSubscribed());
+
+    handler.Run();
+
+    EXPECT_TRUE(handler.IsSubscribed());
+    EXPECT_EQ(handler.GetSubscribedBytes(), std::string("Audio\nNet/*\n").size());
+}
+
 TEST(ClientHandlerTest, AHandlerThatIsDestroyedIsSubscribedNoMore)
 {
     ExchangeStore store;

@@ -9,6 +9,7 @@
 
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Mutex.h"
+#include "settings/GroupNameCollection.h"
 #include "settings/IChangeCallback.h"
 #include "settings/server/ISettingsSerializer.h"
 #include "settings/server/ServerEnv.h"
@@ -61,10 +62,9 @@ public:
 
     /// True once the client has subscribed to anything: other threads may write to `out` from then on. For the thread
     /// that runs Run.
-    bool IsSubscribed() const { return _subscribedBytes > 0; }
+    bool IsSubscribed() const { return !_subscribed.empty(); }
 
-    /// How long the lists of all its subscriptions were: what the store remembers for this client is no more. For the
-    /// thread that runs Run.
+    /// How long a list of all that the client has subscribed to would be. For the thread that runs Run.
     std::size_t GetSubscribedBytes() const { return _subscribedBytes; }
 
     /// Writes a notification with the current content of the groups; `settings` is not looked at. Groups that a group
@@ -104,7 +104,8 @@ private:
     SerializationManager* _pSerializationManager;        // borrowed
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
-    std::size_t _subscribedBytes = 0;
+    GroupNameCollection _subscribed;
+    std::size_t _subscribedBytes = 0;  // of `_subscribed`, as a group list; a name that comes again takes no room
 };
 
 }  // namespace korlo::settings::server
