@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "korlo/osa/Exception.h"
+#include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::daemon
 {
@@ -79,11 +80,14 @@ void FileSettingsPersister::RemoveLeftovers() const
     }
 }
 
+/// Restricted groups stay out here already: a restore, which a client may ask for, takes the defaults as they are.
 void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombiner& combiner)
 {
     for (const std::string& file : _defaults.Find())
     {
-        combiner.LoadFromFile(file);
+        core::IniFile document(file.c_str());
+        settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
+        combiner.LoadFromIni(document);
     }
 }
 

@@ -110,6 +110,18 @@ TEST_F(ServerProgramTest, NoClientCanWriteRestrictedSettings)
     EXPECT_THAT(ContentOf(_user).value(), testing::Not(HasSubstr("SecureR")));
 }
 
+TEST_F(ServerProgramTest, ARestoreBringsInNoRestrictedGroupOfTheDefaults)
+{
+    const std::string defaults = Make("defaults.ini", "[A]\nk=default\n[SecureR]\nk=default\n[TrustedD]\nk=default\n");
+    ServerProcess server(
+        {"--defaults", defaults, "--user", _user, "--restricted", Make("restricted.ini", "[SecureR]\nk=restricted\n")});
+    RawClient client(server.GetPort());
+    client.Send("restore\n*\n.\n");
+    EXPECT_EQ(client.Get("*"), "[A]\nk=default\n[SecureR]\nk=restricted\n");
+    EXPECT_EQ(server.End(), 0);
+    EXPECT_EQ(ContentOf(_user).value(), "[A]\nk=default\n");
+}
+
 TEST_F(ServerProgramTest, KeepsWhatClientsChangeAndWhatTheyErase)
 {
     const std::string defaults = Make("defaults.ini", "[A]\nk=default\n[B]\nk=default\n");
