@@ -98,6 +98,7 @@ public:
         _began = Clock::now();
         Drive(actors, _began + _duration * 2 / 3, true);
         _pServer->Restart(SIGTERM);  // the one that lives to the end and has to show for it
+        UseProxy(true);              // which knows its port
         Drive(actors, _began + _duration, false);
         _world.Stop();
         CalmNetwork();
