@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 
 #include "NotificationRound.h"
+#include "korlo/osa/Exception.h"
 #include "support/TcpPair.h"
 
 namespace korlo::daemon
@@ -108,8 +109,22 @@ TEST_F(OutgoingQueueTest, ANotificationThatHasToWaitWakesItsOwnThread)
     EXPECT_EQ(waiting.get(), osa::TcpSocket::Woken);
 }
 
+/// The undefined-behaviour sanitizer takes a descriptor to look at the first exception of a type.
+std::string TextOfAnException()
+{
+    try
+    {
+        throw osa::Exception("seen before");
+    }
+    catch (const std::exception& exception)
+    {
+        return exception.what();
+    }
+}
+
 TEST_F(OutgoingQueueTest, WhereNoDescriptorIsLeftTheConnectionAloneIsBroken)
 {
+    ASSERT_EQ(TextOfAnException(), "seen before");
     const auto pQueue = std::make_shared<OutgoingQueue>(*_pair.pServer, 64 * 1024 * 1024);
     const std::string much(Much, 'm');
     rlimit before{};
