@@ -1,6 +1,9 @@
 # shellcheck shell=bash
 # What the scripts share: telling what they do, and installing what is missing. Sourced, never run.
 
+# The compiler cache serves every clone of the tree, wherever it lies: paths below it count as relative.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+
 # say TEXT...: a headline.
 say()
 {
