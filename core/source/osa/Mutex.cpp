@@ -27,6 +27,17 @@ void Mutex::Lock(unsigned int timeoutMs) KORLO_NO_THREAD_SAFETY_ANALYSIS
 // As Lock.
 bool Mutex::TryLock(unsigned int timeoutMs) KORLO_NO_THREAD_SAFETY_ANALYSIS
 {
+    if (!Acquire(timeoutMs))
+    {
+        return false;
+    }
+    _holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    ++_depth;
+    return true;
+}
+
+bool Mutex::Acquire(unsigned int timeoutMs)
+{
     if (timeoutMs == Infinite)
     {
         // std::recursive_timed_mutex would tell of too many locks by an exception that is not ours.
@@ -37,18 +48,31 @@ bool Mutex::TryLock(unsigned int timeoutMs) KORLO_NO_THREAD_SAFETY_ANALYSIS
         }
         return true;
     }
-    return timeoutMs == 0 ? _mutex.try_lock() : _mutex.try_lock_for(std::chrono::milliseconds(timeoutMs));
+    if (timeoutMs == 0)
+    {
+        return _mutex.try_lock();
+    }
+    const std::chrono::milliseconds limit(timeoutMs);
+#ifdef __SANITIZE_THREAD__
+    return _mutex.try_lock_until(std::chrono::system_clock::now() + limit);  // it sees no lock by the other clock
+#else
+    return _mutex.try_lock_for(limit);
+#endif
 }
 
-// As Lock.
+// As Lock. std::recursive_timed_mutex would keep a release by the wrong thread to itself.
 void Mutex::Release() KORLO_NO_THREAD_SAFETY_ANALYSIS
 {
-    // std::recursive_timed_mutex would keep a release by the wrong thread to itself.
-    if (pthread_mutex_unlock(_mutex.native_handle()) != 0)
+    if (_holder.load(std::memory_order_relaxed) != std::this_thread::get_id())
     {
         throw LockException("Mutex '" + _name + "' was released by a thread that does not hold it",
                             LockException::NotHeld);
     }
+    if (--_depth == 0)
+    {
+        _holder.store(std::thread::id(), std::memory_order_relaxed);
+    }
+    _mutex.unlock();
 }
 
 namespace

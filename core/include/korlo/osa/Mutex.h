@@ -1,8 +1,10 @@
 #pragma once
 // Mutual exclusion between the threads of one process.
 
+#include <atomic>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "korlo/osa/ThreadAnnotations.h"
 
@@ -34,8 +36,12 @@ public:
     void Release() KORLO_RELEASE();
 
 private:
+    bool Acquire(unsigned int timeoutMs);
+
     const std::string _name;
     std::recursive_timed_mutex _mutex;
+    std::atomic<std::thread::id> _holder;  // no thread's while the lock is free; a thread only ever looks for itself
+    unsigned int _depth = 0;               // how often the holder has taken the lock
 };
 
 /// Holds a mutex from its construction to the end of its scope.
