@@ -4,6 +4,8 @@
 #include <functional>
 #include <sstream>
 
+#include <sys/wait.h>
+
 #include "korlo/osa/Exception.h"
 #include "settings/KorloSettingsClient.h"
 #include "settings/ResourceReserver.h"
@@ -347,12 +349,17 @@ public:
 
     bool Settle(const IniFile&, int round) override
     {
+        BeginAnew();
         const std::string output = ContentOf(_outputPath).value_or(std::string());
         return output.find("[Soak/Final]\nround=" + std::to_string(round) + '\n') != std::string::npos;
     }
 
 protected:
-    void Step() override { _world.Pause(std::chrono::milliseconds(500)); }
+    void Step() override
+    {
+        BeginAnew();
+        _world.Pause(std::chrono::milliseconds(500));
+    }
 
     void Renew() override
     {
@@ -363,6 +370,17 @@ protected:
     }
 
 private:
+    /// The tool ends by itself when the server cannot be reached at its start.
+    void BeginAnew()
+    {
+        siginfo_t ended{};
+        const auto process = static_cast<id_t>(_pChild->GetProcess());
+        if (::waitid(P_PID, process, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0)
+        {
+            Renew();
+        }
+    }
+
     const std::string _outputPath;
     std::unique_ptr<ChildProcess> _pChild;
 };
