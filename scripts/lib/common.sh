@@ -35,7 +35,8 @@ is_installed()
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2> /dev/null)" = installed ]
 }
 
-# packages_of PRESET...: what building and testing them needs, a package a line; "checks" is what looks over the code.
+# packages_of PRESET...: what building and testing them needs, a package a line; "checks" is what looks over the code
+# and the client in PHP of the documents.
 packages_of()
 {
     local name
@@ -43,7 +44,7 @@ packages_of()
         echo cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
         for name in "$@"; do
             case $name in
-                checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
+                checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck php-cli ;;
                 clang) echo clang-14 ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr ;;

@@ -70,7 +70,7 @@ TEST(ServerDocumentTest, TheClientInPhpWorks)
 {
     if (ChildProcess({"sh", "-c", "command -v php"}).Wait() != 0)
     {
-        GTEST_SKIP() << "php is not installed";
+        GTEST_SKIP() << "php is not installed";  // scripts/test installs it; nothing else here needs it
     }
     const TemporaryFolder folder;
     std::ofstream(folder.PathOf("defaults.ini")) << "[Visits]\ncount=6\n";

@@ -227,7 +227,7 @@ private:
         {
             // A client that came back a moment ago may have missed a change: another one follows.
             const core::IniFile settings = Announce(round);
-            std::this_thread::sleep_for(300ms);
+            std::this_thread::sleep_for(300ms);  // nobody tells when it has come to processes and their files
             std::erase_if(waiting, [&](Actor* pActor) { return HasSettled(*pActor, settings, round); });
         }
         for (const Actor* pActor : waiting)
