@@ -24,6 +24,7 @@ if(PROJECT_IS_TOP_LEVEL)
     find_program(CCACHE_PROGRAM ccache)
     mark_as_advanced(CCACHE_PROGRAM)
     if(CCACHE_PROGRAM AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
-        set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+        # Without these two it leaves everything alone that is compiled with precompiled headers.
+        set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
     endif()
 endif()
