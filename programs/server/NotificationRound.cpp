@@ -15,7 +15,7 @@ thread_local NotificationRound* pCurrentRound = nullptr;
 
 }  // namespace
 
-NotificationRound::NotificationRound() : _requestBegan(Clock::now())
+NotificationRound::NotificationRound(ReadClock readClock) : _readClock(readClock), _requestBegan(readClock())
 {
     pCurrentRound = this;
 }
@@ -33,11 +33,11 @@ NotificationRound* NotificationRound::Current()
 
 void NotificationRound::OnRequest()
 {
-    Clock::time_point now = Clock::now();
+    Clock::time_point now = _readClock();
     if (now - _requestBegan > LongRequest)
     {
         Flush();
-        now = Clock::now();  // what the sending took is not the next request's: it would be sent in a hurry as well
+        now = _readClock();  // what the sending took is not the next request's: it would be sent in a hurry as well
     }
     _requestBegan = now;
 }

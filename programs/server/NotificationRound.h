@@ -19,7 +19,11 @@ class OutgoingQueue;
 class NotificationRound
 {
 public:
-    NotificationRound();
+    using Clock = std::chrono::steady_clock;
+    using ReadClock = Clock::time_point (*)();
+
+    /// @param readClock tells the time: what took long is measured by it.
+    explicit NotificationRound(ReadClock readClock = &Clock::now);
     NotificationRound(const NotificationRound&) = delete;
     NotificationRound& operator=(const NotificationRound&) = delete;
 
@@ -39,8 +43,7 @@ public:
     void Add(std::shared_ptr<OutgoingQueue> pQueue);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
+    ReadClock _readClock;
     std::vector<std::shared_ptr<OutgoingQueue>> _queues;
     Clock::time_point _requestBegan;
 };
