@@ -24,8 +24,8 @@ class IConnectionOwner
 public:
     virtual ~IConnectionOwner() = default;
 
-    /// The connection serves no more and its thread is about to end. Stop is not called any more, but other
-    /// connections may still be; whoever destroys this one waits for the thread.
+    /// The connection serves no more and its thread is about to end; its client hears of that when this has returned.
+    /// Stop is not called any more, but other connections may still be; whoever destroys this one waits for the thread.
     virtual void OnConnectionEnded(ClientConnection& connection) = 0;
 };
 
