@@ -16,6 +16,7 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/Files.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::common
 {
@@ -26,13 +27,6 @@ using namespace std::chrono_literals;
 using core::IniFile;
 
 using GroupsOfCalls = std::vector<GroupNameCollection>;
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
-}
 
 GroupNameCollection Subscribed(const CallbackDispatcher& dispatcher)
 {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Documents.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::common
 {
@@ -17,13 +18,6 @@ namespace
 {
 
 using core::IniFile;
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
-}
 
 IniFile WithEmptyGroups(const GroupNameCollection& names)
 {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "korlo/osa/Exception.h"
+#include "support/LockFaults.h"
 
 namespace korlo::osa
 {
@@ -29,23 +30,6 @@ bool OthersCanLock(Mutex& mutex)
         return lock.IsLocked();
     });
 }
-
-/// The text and the error of the LockException that `function` throws.
-template <typename Function>
-std::pair<std::string, int> CaughtFrom(Function function)
-{
-    try
-    {
-        function();
-    }
-    catch (const LockException& exception)
-    {
-        return {exception.what(), exception.GetLockError()};
-    }
-    return {};
-}
-
-using Caught = std::pair<std::string, int>;
 
 // The tests that leave a lock held over several calls, which clang cannot follow, go through these.
 void Lock(Mutex& mutex, unsigned int timeoutMs = Infinite) KORLO_NO_THREAD_SAFETY_ANALYSIS

@@ -4,12 +4,14 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
+#include "support/LockFaults.h"
 
 namespace korlo::osa
 {
@@ -34,22 +36,6 @@ void Release(ReadWriteLock& lock) KORLO_NO_THREAD_SAFETY_ANALYSIS
 {
     lock.Release();
 }
-
-/// The text and the error of the LockException that `function` throws.
-std::pair<std::string, int> CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const LockException& exception)
-    {
-        return {exception.what(), exception.GetLockError()};
-    }
-    return {};
-}
-
-using Caught = std::pair<std::string, int>;
 
 bool CanRead(ReadWriteLock& lock)
 {

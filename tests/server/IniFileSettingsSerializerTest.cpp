@@ -8,6 +8,7 @@
 
 #include "support/Documents.h"
 #include "support/LogCapture.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::server
 {
@@ -17,15 +18,6 @@ namespace
 using core::IniFile;
 
 const IniFileSettingsSerializer Serializer;
-
-std::string Serialized(const IniFile& ini, const GroupNameCollection& groups)
-{
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(groups);
-    std::ostringstream out;
-    Serializer.OnSerialize(ini, matcher, out);
-    return out.str();
-}
 
 std::string RestOf(std::istream& in)
 {
@@ -37,21 +29,21 @@ TEST(IniFileSettingsSerializerTest, WritesOnlyTheSelectedGroupsAsTheDocumentDoes
     const IniFile ini = Ini("[a]\nx=1\n[b]\ny=2\n[c]\nz=3\n");
     std::ostringstream expected;
     ini.SaveGroupToStream(expected, "b");
-    EXPECT_EQ(Serialized(ini, {"b", "bb", "missing"}), expected.str());
+    EXPECT_EQ(Serialized(Serializer, ini, {"b", "bb", "missing"}), expected.str());
 }
 
 TEST(IniFileSettingsSerializerTest, WritesInNameOrderWhateverSelects)
 {
     const IniFile ini = Ini("[a]\nx=1\n[b]\ny=2\n[c]\nz=3\n");
-    EXPECT_EQ(Serialized(ini, {"c", "a*", "b"}), TextOf(ini));
+    EXPECT_EQ(Serialized(Serializer, ini, {"c", "a*", "b"}), TextOf(ini));
     // Unlike SerializeIni of the matcher, this passes no name over.
-    EXPECT_EQ(Serialized(ini, {"b"}), TextOf(Ini("[b]\ny=2\n")));
+    EXPECT_EQ(Serialized(Serializer, ini, {"b"}), TextOf(Ini("[b]\ny=2\n")));
 }
 
 TEST(IniFileSettingsSerializerTest, WritesNothingWhenNothingIsSelected)
 {
-    EXPECT_EQ(Serialized(Ini("[a]\nx=1\n"), {"b", "c*"}), "");
-    EXPECT_EQ(Serialized(IniFile(), {"*"}), "");
+    EXPECT_EQ(Serialized(Serializer, Ini("[a]\nx=1\n"), {"b", "c*"}), "");
+    EXPECT_EQ(Serialized(Serializer, IniFile(), {"*"}), "");
 }
 
 TEST(IniFileSettingsSerializerTest, ReadsUpToTheFullStopAndLeavesTheRest)
@@ -98,7 +90,7 @@ TEST(IniFileSettingsSerializerTest, AnyBytesSurviveABlock)
     ini[""]["k"] = std::string("\0\r\n[x]\n", 7);
 
     std::stringstream stream;
-    stream << Serialized(ini, {"*"}) << ".\nrest";
+    stream << Serialized(Serializer, ini, {"*"}) << ".\nrest";
     IniFile read;
     Serializer.OnDeserialize(stream, read);
     EXPECT_EQ(read, ini);

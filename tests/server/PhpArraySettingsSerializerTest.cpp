@@ -13,6 +13,7 @@
 
 #include "support/Documents.h"
 #include "support/Files.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::server
 {
@@ -22,15 +23,6 @@ namespace
 using core::IniFile;
 
 const PhpArraySettingsSerializer Serializer;
-
-std::string Serialized(const IniFile& ini, const GroupNameCollection& groups)
-{
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(groups);
-    std::ostringstream out;
-    Serializer.OnSerialize(ini, matcher, out);
-    return out.str();
-}
 
 /// Reads the text on top of `ini`; the message of the fault, if any.
 std::string FaultOf(const std::string& text, IniFile& ini)
@@ -127,16 +119,16 @@ Script MakeScript()
 
 TEST(PhpArraySettingsSerializerTest, WritesNestedArraysByteForByte)
 {
-    EXPECT_EQ(Serialized(Ini("[net]\nmode=dhcp\n[ui]\n"), {"*"}),
+    EXPECT_EQ(Serialized(Serializer, Ini("[net]\nmode=dhcp\n[ui]\n"), {"*"}),
               "a:2:{s:3:\"net\";a:1:{s:4:\"mode\";s:4:\"dhcp\";}s:2:\"ui\";a:0:{}}\n\n");
-    EXPECT_EQ(Serialized(Ini("[b]\nz=\na=1\n[a]\n[c]\n"), {"b", "a*", "missing"}),
+    EXPECT_EQ(Serialized(Serializer, Ini("[b]\nz=\na=1\n[a]\n[c]\n"), {"b", "a*", "missing"}),
               "a:2:{s:1:\"a\";a:0:{}s:1:\"b\";a:2:{s:1:\"a\";s:1:\"1\";s:1:\"z\";s:0:\"\";}}\n\n");
 }
 
 TEST(PhpArraySettingsSerializerTest, NothingSelectedIsAnEmptyArrayThatReadsAsNoChange)
 {
-    EXPECT_EQ(Serialized(Ini("[a]\nx=1\n"), {"b"}), "a:0:{}\n\n");
-    EXPECT_EQ(Serialized(IniFile(), {"*"}), "a:0:{}\n\n");
+    EXPECT_EQ(Serialized(Serializer, Ini("[a]\nx=1\n"), {"b"}), "a:0:{}\n\n");
+    EXPECT_EQ(Serialized(Serializer, IniFile(), {"*"}), "a:0:{}\n\n");
 
     IniFile ini = Ini("[a]\nx=1\n");
     EXPECT_EQ(FaultOf("a:0:{}\n\n", ini), "");
@@ -147,7 +139,7 @@ TEST(PhpArraySettingsSerializerTest, LengthsCountBytesAndBytesAreNotEscaped)
 {
     IniFile ini;
     ini["g"][std::string("\0\"", 2)] = "\xC3\xA9\";}\n{";
-    EXPECT_EQ(Serialized(ini, {"g"}),
+    EXPECT_EQ(Serialized(Serializer, ini, {"g"}),
               std::string("a:1:{s:1:\"g\";a:1:{s:2:\"") + '\0' + "\"\";s:7:\"\xC3\xA9\";}\n{\";}}\n\n");
 }
 
@@ -187,7 +179,7 @@ TEST(PhpArraySettingsSerializerTest, NumbersAreWrittenPlainWhateverTheStreamsLoc
     out.imbue(std::locale(std::locale::classic(), new Grouping));
     out << std::hex << std::showbase;
     Serializer.OnSerialize(ini, matcher, out);
-    EXPECT_EQ(out.str(), Serialized(ini, {"g"}));
+    EXPECT_EQ(out.str(), Serialized(Serializer, ini, {"g"}));
 }
 
 TEST(PhpArraySettingsSerializerTest, ReadsGroupsKeysAndEmptyGroups)
@@ -223,7 +215,7 @@ TEST(PhpArraySettingsSerializerTest, StringsOfAnyLengthAreReadWhole)
         IniFile ini;
         ini["g"]["k"] = std::string(length, '"');
         IniFile read;
-        EXPECT_EQ(FaultOf(Serialized(ini, {"*"}), read), "");
+        EXPECT_EQ(FaultOf(Serialized(Serializer, ini, {"*"}), read), "");
         EXPECT_EQ(read, ini);
     }
 }
@@ -263,7 +255,7 @@ TEST(PhpArraySettingsSerializerTest, RandomDocumentsSurvive)
             }
         }
         IniFile read;
-        ASSERT_EQ(FaultOf(Serialized(ini, {"*"}), read), "");
+        ASSERT_EQ(FaultOf(Serialized(Serializer, ini, {"*"}), read), "");
         ASSERT_EQ(read, ini);
     }
 }

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <functional>
 #include <future>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/RecordingPersister.h"
+#include "support/StoreContents.h"
 
 namespace korlo::settings::server
 {
@@ -27,20 +27,6 @@ using core::IniFile;
 
 const std::string Record = "[KorloSettings/Data/DeletedGroups]\n";
 const std::string Priorities = "[KorloSettings/LoadPriority]\n";
-
-IniFile All(const SettingsManager& store)
-{
-    IniFile all;
-    store.GetGroups(all, "*");
-    return all;
-}
-
-IniFile UserLayer(const SettingsManager& store)
-{
-    std::ostringstream out;
-    store.DumpUserSettings(out);
-    return Ini(out.str());
-}
 
 TEST(SettingsManagerLoadTest, ADefaultConstructedStoreIsEmptyAndUnlocked)
 {

@@ -14,6 +14,7 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/RecordingPersister.h"
+#include "support/Selection.h"
 #include "support/StoreModel.h"
 #include "support/StoreScenario.h"
 
@@ -22,7 +23,6 @@ namespace korlo::settings::server
 namespace
 {
 
-using common::GroupNameMatcher;
 using core::IniFile;
 
 std::vector<IniFile> ToInis(const std::vector<Groups>& documents)
@@ -33,13 +33,6 @@ std::vector<IniFile> ToInis(const std::vector<Groups>& documents)
         inis.push_back(ToIni(document));
     }
     return inis;
-}
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
 }
 
 /// Takes groups out of every document.

@@ -14,6 +14,7 @@
 #include "support/Documents.h"
 #include "support/Files.h"
 #include "support/RecordingPersister.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::server
 {
@@ -21,17 +22,9 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using common::GroupNameMatcher;
 using core::IniFile;
 
 using Changes = std::vector<Change>;
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
-}
 
 /// A loaded store and a subscriber to everything.
 class SettingsManagerNotificationTest : public testing::Test

@@ -12,6 +12,8 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/RecordingPersister.h"
+#include "support/Selection.h"
+#include "support/StoreContents.h"
 
 namespace korlo::settings::server
 {
@@ -23,27 +25,6 @@ using core::IniFile;
 
 const std::string DeletedGroups = "KorloSettings/Data/DeletedGroups";
 const std::string Record = "[" + DeletedGroups + "]\n";
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
-}
-
-IniFile All(const SettingsManager& store)
-{
-    IniFile all;
-    store.GetGroups(all, "*");
-    return all;
-}
-
-IniFile UserLayer(const SettingsManager& store)
-{
-    std::ostringstream out;
-    store.DumpUserSettings(out);
-    return Ini(out.str());
-}
 
 /// The names and patterns that the user layer records as erased; each once, or the test fails.
 GroupNameCollection Recorded(const SettingsManager& store)

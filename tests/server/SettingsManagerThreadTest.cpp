@@ -15,6 +15,7 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/RecordingPersister.h"
+#include "support/Selection.h"
 
 namespace korlo::settings::server
 {
@@ -24,13 +25,6 @@ namespace
 using namespace std::chrono_literals;
 using common::GroupNameMatcher;
 using core::IniFile;
-
-GroupNameMatcher MatcherOf(const GroupNameCollection& entries)
-{
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(entries);
-    return matcher;
-}
 
 /// Runs the body on several threads at once, with the number of the thread.
 void OnThreads(int count, const std::function<void(int)>& body)
