@@ -9,10 +9,12 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,19 +44,15 @@ public:
         Pipe in;
         Pipe out;
         Pipe err;
-        _process = ::fork();
-        if (_process == 0)
-        {
-            Become(command, variables, {in[0], out[1], err[1]});
-        }
+        const int error = Spawn(command, EnvironmentWith(variables), {in[0], out[1], err[1]});
         ::close(in[0]);
         ::close(out[1]);
         ::close(err[1]);
         _input = in[1];
         _descriptors = {out[0], err[0]};
-        if (_process < 0)
+        if (error != 0)
         {
-            throw std::runtime_error("Failed to fork");
+            throw std::system_error(error, std::generic_category(), "Failed to start " + command[0]);
         }
     }
 
@@ -131,26 +129,57 @@ private:
         }
     };
 
-    [[noreturn]] static void Become(std::vector<std::string>& command, const Variables& variables,
-                                    const std::array<int, 3>& descriptors)
+    static std::vector<std::string> EnvironmentWith(const Variables& variables)
     {
-        for (int descriptor = 0; descriptor < 3; ++descriptor)
-        {
-            ::dup2(descriptors[static_cast<std::size_t>(descriptor)], descriptor);
-        }
+        std::vector<std::string> environment;
         for (const auto& [name, value] : variables)
         {
-            ::setenv(name.c_str(), value.c_str(), 1);
+            environment.push_back(std::string(name).append("=").append(value));
         }
-        std::signal(SIGPIPE, SIG_DFL);
-        std::vector<char*> arguments;
-        for (std::string& argument : command)
+        for (char** pVariable = environ; *pVariable != nullptr; ++pVariable)
         {
-            arguments.push_back(argument.data());
+            const std::string variable = *pVariable;
+            if (!variables.contains(variable.substr(0, variable.find('='))))
+            {
+                environment.push_back(variable);
+            }
         }
-        arguments.push_back(nullptr);
-        ::execvp(arguments[0], arguments.data());
-        ::_exit(127);
+        return environment;
+    }
+
+    /// Not by fork: the tests have threads, and what those hold stays locked in a forked child.
+    int Spawn(std::vector<std::string>& command, std::vector<std::string> environment,
+              const std::array<int, 3>& descriptors)
+    {
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        for (int descriptor = 0; descriptor < 3; ++descriptor)
+        {
+            ::posix_spawn_file_actions_adddup2(&actions, descriptors[static_cast<std::size_t>(descriptor)], descriptor);
+        }
+        sigset_t usual;
+        ::sigemptyset(&usual);
+        ::sigaddset(&usual, SIGPIPE);
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        ::posix_spawnattr_setsigdefault(&attributes, &usual);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+        const int error = ::posix_spawnp(&_process, command[0].c_str(), &actions, &attributes,
+                                         PointersTo(command).data(), PointersTo(environment).data());
+        ::posix_spawnattr_destroy(&attributes);
+        ::posix_spawn_file_actions_destroy(&actions);
+        return error;
+    }
+
+    static std::vector<char*> PointersTo(std::vector<std::string>& texts)
+    {
+        std::vector<char*> pointers;
+        for (std::string& text : texts)
+        {
+            pointers.push_back(text.data());
+        }
+        pointers.push_back(nullptr);
+        return pointers;
     }
 
     static void Close(int& descriptor)
