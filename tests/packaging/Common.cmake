@@ -3,6 +3,10 @@
 #   WORK      a folder for this linkage         COMPILER    the C++ compiler, LAUNCHER its cache (may be empty)
 cmake_minimum_required(VERSION 3.25)
 
+# The builds lie in different folders; with the sources' paths relative to each, none would find in the compiler cache
+# what another one has compiled.
+unset(ENV{CCACHE_BASEDIR})
+
 set(prefix ${WORK}/prefix)
 if(LINKAGE STREQUAL "shared")
     set(shared ON)
