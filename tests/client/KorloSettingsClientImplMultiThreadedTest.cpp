@@ -256,17 +256,19 @@ TEST_F(KorloSettingsClientImplMultiThreadedTest, RunCommandReturnsWhatTheRespons
     EXPECT_TRUE(pClient->RunCommand("Hello", new FunctionCommand("", SendHello)));
 }
 
+// The reader may find by itself that a request could not be sent, and then connects anew without being cut off. So each
+// connection fails once.
 TEST_F(KorloSettingsClientImplMultiThreadedTest, AConnectionThatIsLostWhileSendingFailsTheCall)
 {
     Connect();
-    const std::string lost = "Hello lost connection to korlo-settings-server";
-    EXPECT_EQ(MessageOf([&] { pClient->RunCommand("Hello", new FunctionCommand("world", FailToSend)); }), lost);
-    EXPECT_EQ(MessageOf([&] { pClient->RunCommand("Hello", new FunctionCommand("", FailToSend)); }), lost);
-    EXPECT_EQ(MessageOf([&] { pClient->MergeSettings(IniFile(), 0); }),
-              "MergeSettings lost connection to korlo-settings-server");
-    Reconnect();
-    EXPECT_EQ(Get().get(), GetFailure) << "nobody waited when the connection broke";
-    ExpectThatGetWorks("1");
+    for (const char* keyword : {"world", ""})
+    {
+        EXPECT_EQ(MessageOf([&] { pClient->RunCommand("Hello", new FunctionCommand(keyword, FailToSend)); }),
+                  "Hello lost connection to korlo-settings-server");
+        Reconnect();
+        EXPECT_EQ(Get().get(), GetFailure) << "nobody waited when the connection broke";
+        ExpectThatGetWorks("1");
+    }
 }
 
 TEST_F(KorloSettingsClientImplMultiThreadedTest, AConnectionThatIsLostWhileWaitingFailsTheCallAndNoOther)
