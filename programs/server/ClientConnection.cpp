@@ -118,8 +118,8 @@ void ClientConnection::Run()
 
         ~Ending()
         {
-            connection._owner.OnConnectionEnded(connection);
-            connection._pQueue->Break(std::string());  // now the client hears of it and may come back
+            connection._owner.OnConnectionEnded(connection);  // before the client hears of it, and may come back
+            connection._pQueue->Break(std::string());         // somebody's round may still hold it
             connection._pSocket.reset();  // not later: this object may have to wait for somebody to destroy it
         }
     };

@@ -24,7 +24,7 @@ class IConnectionOwner
 public:
     virtual ~IConnectionOwner() = default;
 
-    /// The connection serves no more and its thread is about to end; its client hears of that when this has returned.
+    /// The connection serves no more and its thread is about to end; a client that quit hears of it after this.
     /// Stop is not called any more, but other connections may still be; whoever destroys this one waits for the thread.
     virtual void OnConnectionEnded(ClientConnection& connection) = 0;
 };
