@@ -1,6 +1,6 @@
 // Runs the benchmarks and says how they stand to what docs/performance.md promises.
 
-#include "GoalReporter.h"
+#include "support/GoalReporter.h"
 
 namespace
 {

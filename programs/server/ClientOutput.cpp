@@ -5,7 +5,6 @@
 
 namespace korlo::daemon
 {
-
 namespace
 {
 

@@ -11,7 +11,6 @@
 
 namespace korlo::daemon
 {
-
 namespace
 {
 

@@ -7,7 +7,6 @@
 
 namespace korlo::daemon
 {
-
 namespace
 {
 

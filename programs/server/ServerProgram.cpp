@@ -21,7 +21,6 @@
 
 namespace korlo::daemon
 {
-
 namespace
 {
 

@@ -190,7 +190,7 @@ void KorloSettingsClient::Subscribe(IChangeCallback* pCallback, const std::strin
 void KorloSettingsClient::UnSubscribe(IChangeCallback* pCallback)
 {
     common::CallbackDispatcher& dispatcher = _pImpl->_dispatcher;
-    const osa::MutexAutoLock lock(&dispatcher._mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&dispatcher._mutex);
     dispatcher._subscriptions.erase(pCallback);
 }
 

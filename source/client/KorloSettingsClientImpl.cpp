@@ -1,4 +1,4 @@
-#include "KorloSettingsClientImpl.h"
+#include "client/KorloSettingsClientImpl.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "KorloSettingsClientImplLocal.h"
+#include "client/KorloSettingsClientImplLocal.h"
 
 namespace korlo::settings::client
 {

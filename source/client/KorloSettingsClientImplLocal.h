@@ -1,7 +1,7 @@
 #pragma once
 // The client that needs no server: a store in the application's own process.
 
-#include "KorloSettingsClientImpl.h"
+#include "client/KorloSettingsClientImpl.h"
 #include "settings/server/ISettingsPersister.h"
 #include "settings/server/SettingsManager.h"
 

@@ -186,7 +186,7 @@ bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCo
 
 bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const
 {
-    const osa::MutexAutoLock oneAtATime(&_commandMutex, osa::Infinite, true);
+    const osa::MutexAutoLock oneAtATime(&_commandMutex);
     common::Assert(_requestQueue.Size() == 0, "_requestQueue.Size() == 0",
                    "source/client/KorloSettingsClientImplMultiThreaded");
     ResponseStatus status{false, false};

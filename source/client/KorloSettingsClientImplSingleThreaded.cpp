@@ -67,7 +67,7 @@ void KorloSettingsClientImplSingleThreaded::RestoreToDefaults(const GroupNameCol
 
 void KorloSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const
 {
-    const osa::MutexAutoLock lock(&_commandMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_commandMutex);
     for (int attempt = 0; attempt < Attempts; ++attempt)
     {
         try

@@ -39,7 +39,7 @@ void KorloSettingsConnection::RequestStop()
     {
         _stopSignal.Release();
     }
-    const osa::MutexAutoLock lock(&_interruptMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_interruptMutex);
     if (_pInterruptible != nullptr)
     {
         _pInterruptible->LimitWrites(LastWordsMs);
@@ -48,7 +48,7 @@ void KorloSettingsConnection::RequestStop()
 
 void KorloSettingsConnection::Interrupt()
 {
-    const osa::MutexAutoLock lock(&_interruptMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_interruptMutex);
     if (_pInterruptible != nullptr)
     {
         _pInterruptible->Close();
@@ -57,7 +57,7 @@ void KorloSettingsConnection::Interrupt()
 
 void KorloSettingsConnection::SetInterruptible(osa::TcpSocket* pSocket)
 {
-    const osa::MutexAutoLock lock(&_interruptMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_interruptMutex);
     _pInterruptible = pSocket;
 }
 

@@ -39,7 +39,7 @@ public:
     void SendMsg(const T& item) KORLO_EXCLUDES(_mutex)
     {
         {
-            const MutexAutoLock lock(&_mutex, Infinite, true);
+            const MutexAutoLock lock(&_mutex);
             if (_items.size() >= _capacity)
             {
                 throw Exception("Message Queue Is Full");
@@ -56,7 +56,7 @@ public:
         {
             return false;
         }
-        const MutexAutoLock lock(&_mutex, Infinite, true);
+        const MutexAutoLock lock(&_mutex);
         item = _items.front();
         _items.pop();
         return true;
@@ -76,7 +76,7 @@ public:
     /// How many items wait now.
     unsigned int Size() KORLO_EXCLUDES(_mutex)
     {
-        const MutexAutoLock lock(&_mutex, Infinite, true);
+        const MutexAutoLock lock(&_mutex);
         return static_cast<unsigned int>(_items.size());
     }
 

@@ -46,7 +46,7 @@ void CallbackDispatcher::AddCallback(IChangeCallback* pCallback, const GroupName
     {
         throw osa::Exception("%s was NULL", "callback");
     }
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     Merge(pCallback, matcher);
 }
 
@@ -73,7 +73,7 @@ void CallbackDispatcher::Merge(IChangeCallback* pCallback, const GroupNameMatche
 
 void CallbackDispatcher::OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) const
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     if (!_everything.SelectsAny(changedGroups))
     {
         return;
@@ -101,7 +101,7 @@ void CallbackDispatcher::OnChange(const core::IniFile& settings) const
 
 void CallbackDispatcher::GetAllSubscribedGroups(GroupNameCollection& groups) const
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     for (const auto& [pCallback, matcher] : _subscriptions)
     {
         groups.insert(matcher.GetNames().begin(), matcher.GetNames().end());

@@ -177,7 +177,7 @@ void ClientHandler::Quit(std::istream&)
 
 void ClientHandler::Dump(std::istream& options)
 {
-    const osa::MutexAutoLock lock(&_outputMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_outputMutex);
     TakeWord(options) == "all" ? _pSettingsManager->DumpAllSettings(_message)
                                : _pSettingsManager->DumpUserSettings(_message);
     _message << ".\n";
@@ -209,7 +209,7 @@ void ClientHandler::TestAndMerge(std::istream&)
     }
     // The mutex comes after the change, whose notification may have to be written by this very handler.
     const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
-    const osa::MutexAutoLock lock(&_outputMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_outputMutex);
     *_pOut << "result\n" << (merged ? "ok" : "failure") << '\n' << std::flush;
 }
 
@@ -237,7 +237,7 @@ void ClientHandler::GetSections(std::istream& options)
     {
         return;
     }
-    const osa::MutexAutoLock lock(&_outputMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_outputMutex);
     _message << (delimited ? "data\n" : "");
     if (!matcher.IsEmpty())
     {
@@ -290,7 +290,7 @@ void ClientHandler::Info(std::istream& options)
     GroupNameCollection groups;
     _pSettingsManager->GetAllSubscribedGroups(groups);
 
-    const osa::MutexAutoLock lock(&_outputMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_outputMutex);
     *_pOut << "Subscribed groups\n-----------------\n";
     for (const std::string& group : groups)
     {
@@ -331,7 +331,7 @@ void ClientHandler::OnChange(const GroupNameCollection& groups, const core::IniF
 void ClientHandler::Notify(const GroupNameCollection& groups)
 {
     // What the store holds now, read under the mutex: so the last notification that a client gets tells the last state.
-    const osa::MutexAutoLock lock(&_outputMutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_outputMutex);
     const ISettingsSerializer& serializer = Serializer("_pSerializer != __null");
     const std::type_index form = typeid(serializer);
     auto pText = NotificationCache::Instance().Find({_pSettingsManager->GetVersion(), form, groups});

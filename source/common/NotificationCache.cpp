@@ -19,7 +19,7 @@ NotificationCache& NotificationCache::Instance()
 
 std::shared_ptr<const std::string> NotificationCache::Find(const Key& key) const
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     const bool same = _storeVersion == key.storeVersion && _serializer == key.serializer && _groups == key.groups;
     return same ? _pText : nullptr;
 }
@@ -30,7 +30,7 @@ void NotificationCache::Keep(const Key& key, std::shared_ptr<const std::string> 
     {
         return;
     }
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     _pText.reset();  // so that nothing is found should the next line run out of memory
     _groups = key.groups;
     _storeVersion = key.storeVersion;

@@ -1,4 +1,4 @@
-#include "IniFileSettingsSerializer.h"
+#include "server/IniFileSettingsSerializer.h"
 
 #include "korlo/stl/DelimitedStreamBuf.h"
 

@@ -1,4 +1,4 @@
-#include "PhpArraySettingsSerializer.h"
+#include "server/PhpArraySettingsSerializer.h"
 
 #include <algorithm>
 #include <array>

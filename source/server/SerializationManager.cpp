@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "IniFileSettingsSerializer.h"
-#include "PhpArraySettingsSerializer.h"
+#include "server/IniFileSettingsSerializer.h"
+#include "server/PhpArraySettingsSerializer.h"
 
 namespace korlo::settings::server
 {

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <iterator>
 
-#include "StoreLock.h"
 #include "korlo/core/GetSecondFromPairFunctor.h"
+#include "server/StoreLock.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::server
@@ -268,7 +268,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
     GroupNameCollection changedGroups;
     IniFile restored;
     {
-        const osa::MutexAutoLock restoring(&_restoreMutex, osa::Infinite, true);
+        const osa::MutexAutoLock restoring(&_restoreMutex);
         const IniFile defaults = LoadFreshDefaults();
 
         const StoreWriteLock lock(_lock);
@@ -333,7 +333,7 @@ void SettingsManager::Subscribe(IChangeCallback* pCallback, const std::string& n
 
 void SettingsManager::Unsubscribe(IChangeCallback* pCallback)
 {
-    const osa::MutexAutoLock lock(&_dispatcher._mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_dispatcher._mutex);
     _dispatcher._subscriptions.erase(pCallback);
 }
 

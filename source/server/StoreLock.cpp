@@ -1,4 +1,4 @@
-#include "StoreLock.h"
+#include "server/StoreLock.h"
 
 namespace korlo::settings::server
 {

@@ -49,7 +49,7 @@ public:
             Start();
             return true;
         }
-        const osa::MutexAutoLock lock(&_pendingMutex, osa::Infinite, true);
+        const osa::MutexAutoLock lock(&_pendingMutex);
         return ApplyPending();
     }
 
@@ -73,7 +73,7 @@ public:
     void OnChange(const GroupNameCollection& changedGroups, const IniFile& settings) override
     {
         _pLogger->Trace("Gathering a change of %u groups", static_cast<unsigned int>(changedGroups.size()));
-        const osa::MutexAutoLock lock(&_pendingMutex, osa::Infinite, true);
+        const osa::MutexAutoLock lock(&_pendingMutex);
         for (const std::string& group : changedGroups)
         {
             _pending.RemoveGroup(group);

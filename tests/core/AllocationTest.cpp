@@ -87,7 +87,6 @@ void operator delete(void* pBlock, const std::nothrow_t&) noexcept
 
 namespace korlo::core
 {
-
 namespace
 {
 

@@ -17,7 +17,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

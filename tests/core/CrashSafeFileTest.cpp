@@ -19,7 +19,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

@@ -15,7 +15,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

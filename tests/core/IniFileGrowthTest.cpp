@@ -12,7 +12,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

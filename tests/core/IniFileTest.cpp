@@ -16,7 +16,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

@@ -46,7 +46,6 @@ extern "C" void syslog(int priority, const char* format, ...)
 
 namespace korlo::core
 {
-
 namespace
 {
 

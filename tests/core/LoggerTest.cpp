@@ -21,7 +21,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

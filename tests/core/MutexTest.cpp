@@ -10,7 +10,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 
@@ -142,7 +141,7 @@ TEST(MutexTest, ProtectsWhatItGuards)
     const auto count = [&shared] {
         for (int i = 0; i < 10000; ++i)
         {
-            const MutexAutoLock lock(&shared.mutex, Infinite, true);
+            const MutexAutoLock lock(&shared.mutex);
             ++shared.count;
         }
     };
@@ -150,7 +149,7 @@ TEST(MutexTest, ProtectsWhatItGuards)
     count();
     other.get();
 
-    const MutexAutoLock lock(&shared.mutex, Infinite, true);
+    const MutexAutoLock lock(&shared.mutex);
     EXPECT_EQ(shared.count, 20000);
 }
 
@@ -158,7 +157,7 @@ TEST(MutexAutoLockTest, HoldsTheMutexUntilTheEndOfItsScope)
 {
     Mutex mutex("door");
     {
-        const MutexAutoLock lock(&mutex, Infinite, true);
+        const MutexAutoLock lock(&mutex);
         EXPECT_TRUE(lock.IsLocked());
         EXPECT_FALSE(OthersCanLock(mutex));
     }
@@ -190,7 +189,7 @@ TEST(MutexAutoLockTest, RefusesAMutexThatIsNull)
 {
     try
     {
-        const MutexAutoLock lock(nullptr, Infinite, true);
+        const MutexAutoLock lock(nullptr);
         FAIL() << "nothing was thrown";
     }
     catch (const Exception& exception)

@@ -13,7 +13,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

@@ -20,7 +20,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

@@ -26,7 +26,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

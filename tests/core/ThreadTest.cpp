@@ -22,7 +22,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

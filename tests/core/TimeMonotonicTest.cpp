@@ -4,7 +4,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

@@ -1,4 +1,4 @@
-#include "FileAppender.h"
+#include "core/FileAppender.h"
 
 #include <cerrno>
 #include <system_error>
@@ -6,12 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "LogLine.h"
+#include "core/LogLine.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::core
 {
-
 namespace
 {
 

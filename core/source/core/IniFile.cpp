@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 
-#include "IniLoader.h"
-#include "IniParser.h"
-#include "IniWriter.h"
 #include "ReadWholeFile.h"
+#include "core/IniLoader.h"
+#include "core/IniParser.h"
+#include "core/IniWriter.h"
 #include "korlo/core/StringUtil.h"
 #include "korlo/osa/Exception.h"
 

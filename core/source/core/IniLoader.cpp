@@ -1,4 +1,4 @@
-#include "IniLoader.h"
+#include "core/IniLoader.h"
 
 #include <algorithm>
 

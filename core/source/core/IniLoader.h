@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "IniParser.h"
+#include "core/IniParser.h"
 #include "korlo/core/IniFile.h"
 
 namespace korlo::core

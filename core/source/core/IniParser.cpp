@@ -1,4 +1,4 @@
-#include "IniParser.h"
+#include "core/IniParser.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "IniWriter.h"
+#include "core/IniWriter.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -4,17 +4,16 @@
 #include <string>
 #include <vector>
 
-#include "FileAppender.h"
-#include "LogDispatcher.h"
-#include "LoggerRegistry.h"
-#include "StandardStreamAppender.h"
-#include "SyslogAppender.h"
+#include "core/FileAppender.h"
+#include "core/LogDispatcher.h"
+#include "core/LoggerRegistry.h"
+#include "core/StandardStreamAppender.h"
+#include "core/SyslogAppender.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::core
 {
-
 namespace
 {
 

@@ -1,11 +1,11 @@
-#include "LogDispatcher.h"
+#include "core/LogDispatcher.h"
 
 #include <algorithm>
 #include <exception>
 #include <utility>
 
-#include "LoggerRegistry.h"
-#include "StandardStreamAppender.h"
+#include "core/LoggerRegistry.h"
+#include "core/StandardStreamAppender.h"
 
 namespace korlo::core
 {
@@ -24,7 +24,7 @@ LogDispatcher::LogDispatcher()
 
 void LogDispatcher::Dispatch(const Logger& logger, LogLevel level, const std::string& message)
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     const std::shared_ptr<const Entries> pEntries = _pEntries;
     for (const Entry& entry : *pEntries)
     {
@@ -59,7 +59,7 @@ void LogDispatcher::Append(ILogAppender& appender, const Logger& logger, LogLeve
 void LogDispatcher::Add(std::shared_ptr<ILogAppender> pAppender)
 {
     std::shared_ptr<const Entries> pOld;
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     auto pEntries = std::make_shared<Entries>(*_pEntries);
     pEntries->push_back({std::move(pAppender), false});
     pOld = std::exchange(_pEntries, std::move(pEntries));
@@ -68,14 +68,14 @@ void LogDispatcher::Add(std::shared_ptr<ILogAppender> pAppender)
 void LogDispatcher::Clear()
 {
     std::shared_ptr<const Entries> pOld = std::make_shared<Entries>();
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     _pEntries.swap(pOld);
 }
 
 void LogDispatcher::Configure(const std::vector<std::shared_ptr<ILogAppender>>& builtIn, int threshold)
 {
     std::shared_ptr<const Entries> pOld;
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     auto pEntries = std::make_shared<Entries>(*_pEntries);
     std::erase_if(*pEntries, [](const Entry& entry) { return entry.isBuiltIn; });
     for (const std::shared_ptr<ILogAppender>& pAppender : builtIn)

@@ -1,4 +1,4 @@
-#include "LogLine.h"
+#include "core/LogLine.h"
 
 #include <array>
 #include <cerrno>
@@ -11,7 +11,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 

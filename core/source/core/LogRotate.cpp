@@ -11,7 +11,6 @@
 
 namespace korlo::core
 {
-
 namespace
 {
 
@@ -30,13 +29,13 @@ public:
 
     void Set(const std::string& path)
     {
-        const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+        const osa::MutexAutoLock lock(&_mutex);
         _path = path;
     }
 
     std::string Get()
     {
-        const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+        const osa::MutexAutoLock lock(&_mutex);
         return _path;
     }
 

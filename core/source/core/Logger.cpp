@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "FormatText.h"
-#include "LogDispatcher.h"
-#include "LoggerRegistry.h"
+#include "core/LogDispatcher.h"
+#include "core/LoggerRegistry.h"
 
 namespace korlo::core
 {

@@ -1,4 +1,4 @@
-#include "LoggerRegistry.h"
+#include "core/LoggerRegistry.h"
 
 namespace korlo::core
 {
@@ -11,7 +11,7 @@ LoggerRegistry& LoggerRegistry::Instance()
 
 Logger* LoggerRegistry::Get(const std::string& name)
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     std::unique_ptr<Logger>& pLogger = _loggers[name];
     if (!pLogger)
     {
@@ -22,7 +22,7 @@ Logger* LoggerRegistry::Get(const std::string& name)
 
 void LoggerRegistry::SetThresholds(int threshold)
 {
-    const osa::MutexAutoLock lock(&_mutex, osa::Infinite, true);
+    const osa::MutexAutoLock lock(&_mutex);
     _threshold = threshold;
     for (const auto& [name, pLogger] : _loggers)
     {

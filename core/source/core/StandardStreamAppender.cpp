@@ -1,6 +1,6 @@
-#include "StandardStreamAppender.h"
+#include "core/StandardStreamAppender.h"
 
-#include "LogLine.h"
+#include "core/LogLine.h"
 
 namespace korlo::core
 {

@@ -1,10 +1,10 @@
-#include "SyslogAppender.h"
+#include "core/SyslogAppender.h"
 
 #include <algorithm>
 
 #include <syslog.h>
 
-#include "LogLine.h"
+#include "core/LogLine.h"
 
 namespace korlo::core
 {

@@ -9,7 +9,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

@@ -5,8 +5,8 @@
 
 #include <pthread.h>
 
-#include "TimedWait.h"
 #include "korlo/osa/Exception.h"
+#include "osa/TimedWait.h"
 
 namespace korlo::osa
 {
@@ -94,6 +94,10 @@ Mutex* Take(Mutex* pMutex, unsigned int timeoutMs, bool throwOnTimeout) KORLO_NO
 }
 
 }  // namespace
+
+MutexAutoLock::MutexAutoLock(Mutex* pMutex) : MutexAutoLock(pMutex, Infinite, true)
+{
+}
 
 MutexAutoLock::MutexAutoLock(Mutex* pMutex, unsigned int timeoutMs, bool throwOnTimeout)
     : _pHeld(Take(pMutex, timeoutMs, throwOnTimeout))

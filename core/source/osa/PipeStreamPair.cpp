@@ -8,7 +8,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

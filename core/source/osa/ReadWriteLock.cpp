@@ -1,7 +1,7 @@
 #include "korlo/osa/ReadWriteLock.h"
 
-#include "TimedWait.h"
 #include "korlo/osa/Exception.h"
+#include "osa/TimedWait.h"
 
 // While nobody waits, `_state` alone is the lock, and taking and releasing it is one exchange. The first who has to
 // wait sets Contended under `_mutex`. From then on every exchange fails, so that all the rest happens under `_mutex`,
@@ -9,7 +9,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

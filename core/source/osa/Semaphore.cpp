@@ -1,7 +1,7 @@
 #include "korlo/osa/Semaphore.h"
 
-#include "TimedWait.h"
 #include "korlo/osa/Exception.h"
+#include "osa/TimedWait.h"
 
 namespace korlo::osa
 {

@@ -6,7 +6,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 
@@ -36,21 +35,21 @@ Directory& TheDirectory()
 void ServiceDirectory::Register(const std::string& host, const std::string& address, unsigned short port)
 {
     Directory& directory = TheDirectory();
-    const MutexAutoLock lock(&directory.mutex, Infinite, true);
+    const MutexAutoLock lock(&directory.mutex);
     directory.services.insert_or_assign(host, Service{address, port});
 }
 
 void ServiceDirectory::Unregister(const std::string& host)
 {
     Directory& directory = TheDirectory();
-    const MutexAutoLock lock(&directory.mutex, Infinite, true);
+    const MutexAutoLock lock(&directory.mutex);
     directory.services.erase(host);
 }
 
 bool ServiceDirectory::Find(const std::string& host, std::string& address, unsigned short& port)
 {
     Directory& directory = TheDirectory();
-    const MutexAutoLock lock(&directory.mutex, Infinite, true);
+    const MutexAutoLock lock(&directory.mutex);
     const auto found = directory.services.find(host);
     if (found == directory.services.end())
     {

@@ -1,4 +1,4 @@
-#include "SocketAddress.h"
+#include "osa/SocketAddress.h"
 
 #include <algorithm>
 #include <array>

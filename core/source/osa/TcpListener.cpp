@@ -4,14 +4,13 @@
 
 #include <unistd.h>
 
-#include "SocketAddress.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Thread.h"
+#include "osa/SocketAddress.h"
 
 namespace korlo::osa
 {
-
 namespace
 {
 

@@ -12,13 +12,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include "SocketAddress.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/ServiceDirectory.h"
+#include "osa/SocketAddress.h"
 
 namespace korlo::osa
 {
-
 namespace
 {
 

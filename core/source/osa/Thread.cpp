@@ -23,7 +23,6 @@
 
 namespace korlo::osa
 {
-
 namespace
 {
 

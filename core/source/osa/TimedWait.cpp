@@ -1,4 +1,4 @@
-#include "TimedWait.h"
+#include "osa/TimedWait.h"
 
 #include "korlo/osa/Exception.h"
 

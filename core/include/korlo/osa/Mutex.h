@@ -46,13 +46,17 @@ private:
 
 /// Holds a mutex from its construction to the end of its scope.
 ///
-///     const MutexAutoLock lock(&_mutex, Infinite, true);
+///     const MutexAutoLock lock(&_mutex);
 ///
 /// Thread safety: none of its own; it lives and dies on one thread.
 class KORLO_SCOPED_CAPABILITY MutexAutoLock
 {
 public:
-    /// Takes the mutex.
+    /// Takes the mutex, however long that takes.
+    /// @param pMutex borrowed, not null; must outlive this object.
+    explicit MutexAutoLock(Mutex* pMutex) KORLO_ACQUIRE(pMutex);
+
+    /// Takes the mutex, with a time limit.
     /// @param pMutex borrowed, not null; must outlive this object.
     /// @param throwOnTimeout what to do when `timeoutMs` is up: true throws the LockException of Mutex::Lock, false
     ///        goes on without the lock, and the caller must ask IsLocked before it touches what the mutex guards.

@@ -4,8 +4,8 @@
 #include <deque>
 #include <memory>
 
-#include "Documents.h"
 #include "settings/server/SettingsManager.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

@@ -1,4 +1,4 @@
-#include "Documents.h"
+#include "support/Documents.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -5,8 +5,8 @@
 #include <glib.h>
 #include <mutex>
 
-#include "Documents.h"
 #include "settings/KorloSettingsClient.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

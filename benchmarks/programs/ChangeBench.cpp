@@ -8,10 +8,10 @@
 #include <thread>
 #include <unistd.h>
 
-#include "ChildProcess.h"
-#include "Documents.h"
-#include "RedisClient.h"
 #include "settings/KorloSettingsClient.h"
+#include "support/ChildProcess.h"
+#include "support/Documents.h"
+#include "support/RedisClient.h"
 
 namespace korlo::benchmarks
 {

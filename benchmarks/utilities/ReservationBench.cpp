@@ -8,10 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "ChildProcess.h"
-#include "Documents.h"
 #include "settings/KorloSettingsClient.h"
 #include "settings/ResourceReserver.h"
+#include "support/ChildProcess.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <sstream>
 
-#include "Documents.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

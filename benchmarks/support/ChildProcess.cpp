@@ -1,4 +1,4 @@
-#include "ChildProcess.h"
+#include "support/ChildProcess.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -17,9 +17,9 @@
 #include <thread>
 #include <unistd.h>
 
-#include "Documents.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/ServiceDirectory.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

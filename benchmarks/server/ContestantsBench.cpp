@@ -5,7 +5,7 @@
 #include <glib.h>
 #include <memory>
 
-#include "Documents.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

@@ -2,8 +2,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "Documents.h"
 #include "settings/common/GroupNameMatcher.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

@@ -1,4 +1,4 @@
-#include "GoalReporter.h"
+#include "support/GoalReporter.h"
 
 #include <algorithm>
 #include <cstdio>

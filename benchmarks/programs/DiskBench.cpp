@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "ChildProcess.h"
-#include "Documents.h"
 #include "settings/KorloSettingsClient.h"
+#include "support/ChildProcess.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {

@@ -4,8 +4,8 @@
 #include <hiredis/hiredis.h>
 #include <memory>
 
-#include "ChildProcess.h"
 #include "korlo/osa/Exception.h"
+#include "support/ChildProcess.h"
 
 namespace korlo::benchmarks
 {

@@ -4,9 +4,9 @@
 #include <deque>
 #include <string>
 
-#include "Documents.h"
 #include "settings/KorloSettingsClient.h"
 #include "settings/SettingsWatcher.h"
+#include "support/Documents.h"
 
 namespace korlo::benchmarks
 {
