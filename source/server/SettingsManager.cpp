@@ -266,6 +266,10 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
     {
         return;
     }
+    {
+        // A load that was deferred holds this lock and not the other: its filters and the persister serve it alone.
+        const StoreReadLock loaded(_lock);
+    }
     GroupNameCollection changedGroups;
     IniFile restored;
     {
