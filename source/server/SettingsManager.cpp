@@ -16,7 +16,8 @@ namespace
 using common::GroupNameMatcher;
 using core::IniFile;
 
-const std::string DeletedGroups = "KorloSettings/Data/DeletedGroups";
+// Not a string: a store may be a global, loaded before globals of this file would be made and used after they are gone.
+constexpr const char* DeletedGroups = "KorloSettings/Data/DeletedGroups";
 
 /// Stores count their changes from far apart, so that versions of different stores never meet.
 std::uint64_t FirstVersion()
@@ -264,6 +265,10 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
     if (_pPersister == nullptr)
     {
         return;
+    }
+    {
+        // A load that was deferred holds this lock and not the other: its filters and the persister serve it alone.
+        const StoreReadLock loaded(_lock);
     }
     GroupNameCollection changedGroups;
     IniFile restored;

@@ -118,7 +118,7 @@ public:
     /// user layer and the settings. Selected groups that nobody ever changed to last are not removed first, only
     /// overwritten. The record of erased groups stays as it is: at the next load it drops those groups' defaults again
     /// and the copies in the user layer bring the same values back. Does nothing, and notifies nobody, without a
-    /// persister.
+    /// persister. Waits for a load that was deferred before it reads anything.
     void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
 
     /// Asks for calls about changes of the groups; see CallbackDispatcher::AddCallback.
@@ -152,7 +152,7 @@ private:
     common::CallbackDispatcher _dispatcher;
 
     std::uint64_t _version KORLO_GUARDED_BY(_lock);
-    osa::Mutex _restoreMutex;  // one load of defaults at a time through the filters; taken before `_lock`
+    osa::Mutex _restoreMutex;  // one restore at a time reads defaults through the filters; taken before `_lock`
 };
 
 }  // namespace korlo::settings::server
