@@ -9,7 +9,6 @@
 
 #include "common/Assertion.h"
 #include "common/GroupList.h"
-#include "common/NotificationCache.h"
 #include "common/ReadDelimitedValues.h"
 #include "korlo/core/Stopwatch.h"
 #include "settings/server/SerializationManager.h"
@@ -28,6 +27,17 @@ std::string TakeWord(std::istream& line)
     std::string word;
     line >> word;
     return word;
+}
+
+void WriteNotification(std::ostream& out, const GroupNameCollection& groups, const core::IniFile& settings,
+                       const ISettingsSerializer& serializer)
+{
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    out << "async change\n";
+    common::WriteGroupList(out, groups);
+    serializer.OnSerialize(settings, matcher, out);
+    out << ".\n";
 }
 
 }  // namespace
@@ -333,20 +343,7 @@ void ClientHandler::Notify(const GroupNameCollection& groups)
     // What the store holds now, read under the mutex: so the last notification that a client gets tells the last state.
     const osa::MutexAutoLock lock(&_outputMutex);
     const ISettingsSerializer& serializer = Serializer("_pSerializer != __null");
-    const std::type_index form = typeid(serializer);
-    auto pText = NotificationCache::Instance().Find({_pSettingsManager->GetVersion(), form, groups});
-    if (!pText)
-    {
-        common::GroupNameMatcher matcher;
-        matcher.AddNamesAndPatterns(groups);
-        std::ostringstream text;
-        text << "async change\n";
-        common::WriteGroupList(text, groups);
-        const std::uint64_t version = _pSettingsManager->WriteGroups(text, matcher, serializer);
-        text << ".\n";
-        pText = std::make_shared<const std::string>(std::move(text).str());
-        NotificationCache::Instance().Keep({version, form, groups}, pText);
-    }
+    const auto pText = _pSettingsManager->WriteNotification(groups, serializer, &WriteNotification);
     _pOut->write(pText->data(), static_cast<std::streamsize>(pText->size())).flush();
 }
 
