@@ -19,7 +19,7 @@ void* operator new(std::size_t size)
     {
         throw std::bad_alloc();
     }
-    void* const pBlock = std::malloc(size);
+    void* const pBlock = size > heap.largest ? nullptr : std::malloc(size);
     if (pBlock == nullptr)
     {
         throw std::bad_alloc();
