@@ -79,9 +79,10 @@ public:
     /// | "log.stdout" | false   | true: lines to standard output                                                   |
     /// | "log.file"   | none    | path of a file that lines are appended to, made if missing                       |
     ///
-    /// A file that cannot be opened costs a warning, whatever the level but 0, and messages go to the other appenders;
-    /// where there is none, to standard error. Every message reaches either the old set of appenders or the new one,
-    /// never both. Throws nothing but std::bad_alloc.
+    /// Without any of the three outputs, messages go to standard error: only level 0 silences the process. A group that
+    /// is missing therefore means what "using_defs" does. A file that cannot be opened is not an output; it costs a
+    /// warning, at any level but 0. Every message reaches either the old set of appenders or the new one, never both.
+    /// @throws nothing but std::bad_alloc.
     static void ConfigureLogging(const IniFile& settings, const std::string& group);
 
     /// Sets the thresholds of all loggers, present and future, as "log.level" does; the appenders stay.
