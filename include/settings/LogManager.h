@@ -1,5 +1,5 @@
 #pragma once
-// Keeps a process's logging as its settings say.
+// Configures a process's logging from its settings.
 
 #include <memory>
 
@@ -21,8 +21,8 @@ class KorloSettingsClient;
 class LogManager
 {
 public:
-    /// With a single-threaded client, which cannot subscribe, this succeeds with an error in the log, and the logging
-    /// stays as it is now.
+    /// With a single-threaded client, which cannot subscribe, this succeeds with an error in the log, and later changes
+    /// of the group have no effect.
     /// @param pClient borrowed, not null; must outlive the log manager.
     /// @param group the name of the group, not null; copied.
     /// @throws osa::Exception "%s was NULL", and whatever the client throws while the group is read or written.

@@ -93,7 +93,7 @@ void Logger::ConfigureLogging(const IniFile& settings, const std::string& group)
     LogDispatcher::Instance().Configure(appenders, threshold);
     if (!failure.empty() && threshold > 0)
     {
-        // Past the threshold: where only errors are logged, the place to look for them must still be told.
+        // Whatever the threshold: where only errors are logged, a person must still learn why the file stays empty.
         LogDispatcher::Instance().Dispatch(*GetLogger("Logger"), LogLevelWarning, failure);
     }
 }

@@ -13,7 +13,7 @@ class IniFile;
 class Logger;
 class LoggerRegistry;
 
-/// The severities of a message, numbered as syslog numbers them; a trace lies below syslog's last.
+/// The severities of a message, numbered as syslog numbers them; a trace is below the last one of syslog.
 enum LogLevel
 {
     LogLevelError = 3,        ///< An operation was lost.
@@ -30,9 +30,9 @@ class ILogAppender
 public:
     virtual ~ILogAppender() = default;
 
-    /// Takes one message. May log itself (the other appenders hear it, this one does not) and may change the appenders.
+    /// Takes one message. May log itself (the other appenders get it, this one does not) and may change the appenders.
     /// A standard exception that leaves it is dropped. Must not wait for a lock that anybody holds while logging.
-    /// @param message as formatted, control characters and all: who writes lines escapes them first.
+    /// @param message as formatted, with its control characters: an appender that writes lines escapes them first.
     virtual void Append(const Logger& logger, LogLevel level, const std::string& message) = 0;
 };
 
@@ -90,8 +90,8 @@ public:
 
     /// Writes a logrotate stanza for the log file to "korlo-GROUP" in the log rotate folder, with every byte of the
     /// group's name that is no letter, digit or '-' written as `_HH`. The stanza is replaced as a whole, and only when
-    /// it would change. What stands in the way (a folder that may not be written, a path that is not absolute or that
-    /// logrotate would take for something else) costs a warning, nothing more. An empty path does nothing.
+    /// it would change. A failure (a folder that may not be written, a path that is not absolute or that logrotate
+    /// would take for something else) costs a warning, nothing more. An empty path does nothing.
     static void ModifyLogRotateConf(const std::string& file, const std::string& group);
 
     /// Where ModifyLogRotateConf writes from now on; "/etc/logrotate.d" at first.
