@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "common/Assertion.h"
-#include "common/GroupList.h"
+#include "common/Protocol.h"
 #include "common/ReadDelimitedValues.h"
 #include "korlo/core/Stopwatch.h"
 #include "settings/server/SerializationManager.h"
@@ -19,6 +19,8 @@ namespace korlo::settings::server
 {
 namespace
 {
+
+namespace word = common::word;
 
 constexpr const char* Source = "source/common/ClientHandler";
 constexpr std::size_t KeptBytes = 4096;  // of each buffer, that a connection may keep while it waits
@@ -36,10 +38,10 @@ void WriteNotification(std::ostream& out, const GroupNameCollection& groups, con
 {
     common::GroupNameMatcher matcher;
     matcher.AddNamesAndPatterns(groups);
-    out << "async change\n";
+    out << word::AsyncChange << '\n';
     common::WriteGroupList(out, groups);
     serializer.OnSerialize(settings, matcher, out);
-    out << ".\n";
+    out << word::EndOfBlock << '\n';
 }
 
 }  // namespace
@@ -62,7 +64,7 @@ public:
     void Dispatch(ClientHandler& handler, std::istream& words) const
     {
         const std::string command = TakeWord(words);
-        if (command.empty() || command == ".")
+        if (command.empty() || command == word::EndOfBlock)
         {
             return;
         }
@@ -84,16 +86,16 @@ private:
     MsgDispatcher()
         : _pLogger(core::Logger::GetLogger("MsgDispatcher")),
           _commands{
-              {"quit", &ClientHandler::Quit},
-              {"dump", &ClientHandler::Dump},
-              {"merge", &ClientHandler::Merge},
-              {"test-and-merge", &ClientHandler::TestAndMerge},
-              {"subscribe", &ClientHandler::Subscribe},
-              {"get", &ClientHandler::GetSections},
-              {"overwrite", &ClientHandler::Overwrite},
-              {"serialize", &ClientHandler::ChangeSerialization},
-              {"restore", &ClientHandler::RestoreDefaults},
-              {"info", &ClientHandler::Info},
+              {word::Quit, &ClientHandler::Quit},
+              {word::Dump, &ClientHandler::Dump},
+              {word::Merge, &ClientHandler::Merge},
+              {word::TestAndMerge, &ClientHandler::TestAndMerge},
+              {word::Subscribe, &ClientHandler::Subscribe},
+              {word::Get, &ClientHandler::GetSections},
+              {word::Overwrite, &ClientHandler::Overwrite},
+              {word::Serialize, &ClientHandler::ChangeSerialization},
+              {word::Restore, &ClientHandler::RestoreDefaults},
+              {word::Info, &ClientHandler::Info},
           }
     {
     }
@@ -202,16 +204,16 @@ void ClientHandler::Quit(std::istream&)
 void ClientHandler::Dump(std::istream& options)
 {
     const osa::MutexAutoLock lock(&_outputMutex);
-    TakeWord(options) == "all" ? _pSettingsManager->DumpAllSettings(_message)
-                               : _pSettingsManager->DumpUserSettings(_message);
-    _message << ".\n";
+    TakeWord(options) == word::All ? _pSettingsManager->DumpAllSettings(_message)
+                                   : _pSettingsManager->DumpUserSettings(_message);
+    _message << word::EndOfBlock << '\n';
     SendMessage();
 }
 
 void ClientHandler::Merge(std::istream& options)
 {
     const ISettingsSerializer& serializer = Serializer("_pSerializer");
-    const bool persist = TakeWord(options) != "nopersist";
+    const bool persist = TakeWord(options) != word::NoPersist;
     core::IniFile changes;
     serializer.OnDeserialize(*_pIn, changes);
     if (RequestIsWhole())
@@ -234,7 +236,8 @@ void ClientHandler::TestAndMerge(std::istream&)
     // The mutex comes after the change, whose notification may have to be written by this very handler.
     const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
     const osa::MutexAutoLock lock(&_outputMutex);
-    Send(merged ? "result\nok\n" : "result\nfailure\n");
+    _message << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n';
+    SendMessage();
 }
 
 void ClientHandler::Subscribe(std::istream&)
@@ -254,7 +257,7 @@ void ClientHandler::Subscribe(std::istream&)
 void ClientHandler::GetSections(std::istream& options)
 {
     const ISettingsSerializer& serializer = Serializer("_pSerializer");
-    const bool delimited = TakeWord(options) == "delimited";
+    const bool delimited = TakeWord(options) == word::Delimited;
     common::GroupNameMatcher matcher;
     common::readDelimitedValues(_pIn, common::GroupNameMatcherInsertIterator(&matcher));
     if (!RequestIsWhole())
@@ -262,12 +265,18 @@ void ClientHandler::GetSections(std::istream& options)
         return;
     }
     const osa::MutexAutoLock lock(&_outputMutex);
-    _message << (delimited ? "data\n" : "");
+    if (delimited)
+    {
+        _message << word::Data << '\n';
+    }
     if (!matcher.IsEmpty())
     {
         _pSettingsManager->WriteGroups(_message, matcher, serializer);
     }
-    _message << (delimited ? ".\n" : "");
+    if (delimited)
+    {
+        _message << word::EndOfBlock << '\n';
+    }
     SendMessage();
 }
 
@@ -306,7 +315,7 @@ void ClientHandler::RestoreDefaults(std::istream&)
 
 void ClientHandler::Info(std::istream& options)
 {
-    if (TakeWord(options) != "subscribed")
+    if (TakeWord(options) != word::Subscribed)
     {
         return;
     }
@@ -315,7 +324,7 @@ void ClientHandler::Info(std::istream& options)
     _pSettingsManager->GetAllSubscribedGroups(groups);
 
     const osa::MutexAutoLock lock(&_outputMutex);
-    _message << "Subscribed groups\n-----------------\n";
+    _message << word::SubscribedTitle << '\n' << word::SubscribedRule << '\n';
     for (const std::string& group : groups)
     {
         if (group.find('\n') == std::string::npos)  // a subscriber in the server's own process may have any name

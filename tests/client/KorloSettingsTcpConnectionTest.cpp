@@ -33,10 +33,12 @@ protected:
     KorloSettingsTcpConnectionTest()
     {
         core::Logger::GetLogger("KorloSettingsConnection")->SetThreshold(core::LogLevelInformation);
+        connection.HeedStopRequest(&stopRequest);
     }
 
     LogWatch log;
     ScriptedServer server;
+    StopRequest stopRequest;
     KorloSettingsTcpConnection connection;
 };
 
@@ -165,6 +167,22 @@ TEST_F(KorloSettingsTcpConnectionTest, ClosingLeavesThePointersToEnsureConnectio
     EXPECT_EQ(connection.GetOstream(), nullptr);
 }
 
+TEST_F(KorloSettingsTcpConnectionTest, AClosedConnectionIsEstablishedAnew)
+{
+    for (int round = 0; round < 2; ++round)
+    {
+        connection.EnsureConnection(1);
+        EXPECT_TRUE(connection.IsReady());
+        const auto pPeer = server.Accept();
+        *connection.GetOstream() << "hello\n" << std::flush;
+        EXPECT_EQ(pPeer->Read(1), "hello\n");
+        connection.CloseConnection();
+        EXPECT_TRUE(pPeer->MeetsTheEnd());
+    }
+    EXPECT_EQ(MessageOf([&] { connection.EnsureConnection(0); }), ConnectFailure);
+    EXPECT_EQ(connection.GetIstream(), nullptr);
+}
+
 TEST_F(KorloSettingsTcpConnectionTest, DestroyingItEndsTheConnection)
 {
     auto pConnection = std::make_unique<KorloSettingsTcpConnection>();
@@ -180,12 +198,12 @@ TEST_F(KorloSettingsTcpConnectionTest, ARequestToStopEndsThePauseBetweenAttempts
     auto ensured =
         std::async(std::launch::async, [&] { return MessageOf([&] { connection.EnsureConnection(1000); }); });
     ASSERT_TRUE(log.WaitFor(RetryInformation));
-    connection.RequestStop();
+    stopRequest.Make();
     ASSERT_EQ(ensured.wait_for(30s), std::future_status::ready);
     EXPECT_EQ(ensured.get(), ConnectFailure);
 }
 
-TEST_F(KorloSettingsTcpConnectionTest, AnInterruptEndsAReadThatWaits)
+TEST_F(KorloSettingsTcpConnectionTest, ABrokenTransportEndsAReadThatWaits)
 {
     connection.EnsureConnection(1);
     const auto pPeer = server.Accept();
@@ -194,7 +212,7 @@ TEST_F(KorloSettingsTcpConnectionTest, AnInterruptEndsAReadThatWaits)
         return static_cast<bool>(std::getline(*connection.GetIstream(), line));
     });
     EXPECT_EQ(read.wait_for(5ms), std::future_status::timeout);
-    connection.Interrupt();
+    stopRequest.Break();
     ASSERT_EQ(read.wait_for(30s), std::future_status::ready);
     EXPECT_FALSE(read.get());
 }
