@@ -1,8 +1,6 @@
 #include "settings/KorloSettingsClient.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <iterator>
 
 #include "client/KorloSettingsClientImplLocal.h"
 #include "client/KorloSettingsClientImplMultiThreaded.h"
@@ -22,15 +20,8 @@ using client::KorloSettingsClientImplMultiThreaded;
 using client::KorloSettingsClientImplSingleThreaded;
 using client::KorloSettingsLocalConnection;
 using client::KorloSettingsTcpConnection;
+using common::GroupNamesOf;
 using core::IniFile;
-
-GroupNameCollection GroupNamesOf(const IniFile& ini)
-{
-    GroupNameCollection names;
-    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
-                   common::GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
-    return names;
-}
 
 std::unique_ptr<KorloSettingsClientImpl> CreateOverFile(const char* path, const IniFile* pDefaults)
 {
@@ -189,9 +180,7 @@ void KorloSettingsClient::Subscribe(IChangeCallback* pCallback, const std::strin
 
 void KorloSettingsClient::UnSubscribe(IChangeCallback* pCallback)
 {
-    common::CallbackDispatcher& dispatcher = _pImpl->_dispatcher;
-    const osa::MutexAutoLock lock(&dispatcher._mutex);
-    dispatcher._subscriptions.erase(pCallback);
+    _pImpl->_dispatcher.Remove(pCallback);
 }
 
 }  // namespace korlo::settings
