@@ -1,75 +1,25 @@
 // What a connection does where memory runs out, and what it keeps. A program of its own, because it replaces the global
 // operator new.
 
-#include <atomic>
-#include <cstdlib>
 #include <functional>
-#include <limits>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <streambuf>
 #include <string>
 #include <utility>
 
-#include <malloc.h>
-
 #include <gtest/gtest.h>
 
 #include "settings/server/ClientHandler.h"
 #include "support/ExchangeStore.h"
-
-namespace
-{
-
-std::atomic<std::size_t> bytesInUse = 0;
-std::atomic<std::size_t> largest = std::numeric_limits<std::size_t>::max();  // what still can be allocated in one piece
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    void* const pBlock = size > largest ? nullptr : std::malloc(size);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    bytesInUse += malloc_usable_size(pBlock);
-    return pBlock;
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    if (pBlock != nullptr)
-    {
-        bytesInUse -= malloc_usable_size(pBlock);
-        std::free(pBlock);
-    }
-}
-
-void operator delete(void* pBlock, std::size_t) noexcept
-{
-    operator delete(pBlock);
-}
+#include "support/ShortMemory.h"
 
 namespace korlo::settings::server
 {
 namespace
 {
 
-constexpr std::size_t LargeBytes = 1024 * 1024;
-
-/// Lets no block be larger than half of a large value, to the end of its scope.
-///
-/// Thread safety: none of its own; it lives and dies on one thread.
-class ShortMemory
-{
-public:
-    ShortMemory() { largest = LargeBytes / 2; }
-    ShortMemory(const ShortMemory&) = delete;
-    ShortMemory& operator=(const ShortMemory&) = delete;
-    ~ShortMemory() { largest = std::numeric_limits<std::size_t>::max(); }
-};
+constexpr std::size_t LargeBytes = 2 * ShortMemory::LargestBytes;
 
 /// A store with one large group.
 class ClientHandlerMemoryTest : public testing::Test
@@ -161,11 +111,12 @@ TEST_F(ClientHandlerMemoryTest, AConnectionThatWaitsKeepsNoLongCommandLine)
     constexpr std::size_t lineBytes = 15 * LargeBytes;
     constexpr std::size_t littleBytes = 64 * 1024;
     std::size_t whileWaiting = 0;
-    ObservedInput input("info " + std::string(lineBytes, 'x') + '\n', [&] { whileWaiting = bytesInUse; });
+    ObservedInput input("info " + std::string(lineBytes, 'x') + '\n',
+                        [&] { whileWaiting = ShortMemory::GetBytesInUse(); });
     std::istream in(&input);
     std::ostringstream out;
     ClientHandler handler(&store.env, &in, &out);
-    const std::size_t before = bytesInUse;
+    const std::size_t before = ShortMemory::GetBytesInUse();
     handler.Run();
     EXPECT_GT(whileWaiting, 0u);
     EXPECT_LT(whileWaiting, before + littleBytes);
