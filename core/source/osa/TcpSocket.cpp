@@ -287,7 +287,7 @@ int TcpSocket::WakeDescriptor()
     const std::lock_guard lock(_mutex);
     if (_wakeDescriptor < 0)
     {
-        _wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        _wakeDescriptor = eventfd(_readingEnded ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (_wakeDescriptor < 0)
         {
             throw Exception("Failed to make an event for the connection to '%s': %s", _peerAddress.c_str(),
@@ -295,6 +295,20 @@ int TcpSocket::WakeDescriptor()
         }
     }
     return _wakeDescriptor;
+}
+
+void TcpSocket::EndReading()
+{
+    const std::lock_guard lock(_mutex);
+    _readingEnded = true;
+    if (_descriptor >= 0)
+    {
+        shutdown(_descriptor, SHUT_RD);
+    }
+    if (_wakeDescriptor >= 0)
+    {
+        eventfd_write(_wakeDescriptor, 1);
+    }
 }
 
 void TcpSocket::Close()

@@ -22,8 +22,8 @@ class Deadline;
 ///     socket.Connect("korlo-settings-server", 0, 10);
 ///     TcpSocketStream stream(&socket, Infinite);
 ///
-/// Thread safety: one thread reads while another writes; Close, Wake and LimitWrites from any thread. Everything else
-/// belongs to one thread.
+/// Thread safety: one thread reads while another writes; Close, EndReading, Wake and LimitWrites from any thread.
+/// Everything else belongs to one thread.
 class TcpSocket
 {
 public:
@@ -102,6 +102,10 @@ public:
     /// Ends the Wait that is under way or, if none is, the next one.
     void Wake();
 
+    /// Lets the reader meet the end of the stream, once it has taken what has come by then, and ends a Wait as Wake
+    /// does. Writing goes on.
+    void EndReading();
+
     /// Shuts the connection down in both directions and wakes whoever reads, writes or connects. What was written
     /// before is still delivered. The socket cannot be used again.
     void Close();
@@ -128,6 +132,7 @@ private:
     std::mutex _mutex;         // lets Close meet a living descriptor
     bool _closed = false;      // guarded by _mutex
     int _wakeDescriptor = -1;  // guarded by _mutex; made when it is first needed, and then stays
+    bool _readingEnded = false;  // guarded by _mutex; wakes the first Wait, should there be no event yet
 };
 
 }  // namespace korlo::osa
