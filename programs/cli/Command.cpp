@@ -1,89 +1,141 @@
 #include "Command.h"
 
+#include <charconv>
+
 #include "Commands.h"
 
 namespace korlo::settings::cli
 {
+namespace
+{
+
+unsigned long ParseCount(const std::string& text)
+{
+    unsigned long count = 0;
+    const char* pEnd = text.data() + text.size();
+    const auto [pRest, error] = std::from_chars(text.data(), pEnd, count);
+    if (error != std::errc() || pRest != pEnd || count == 0)
+    {
+        throw Failure(StatusWrongCommandLine, "--count takes a whole number above 0, not " + Quoted(text),
+                      "for example --count 1");
+    }
+    return count;
+}
+
+// What commands take of their own.
+constexpr std::span<const Option> NoOptions;
+constexpr Option NoPersist[] = {{"--no-persist", nullptr,
+                                 "Do not save the change: it is gone when the server, or a --local process, ends.",
+                                 [](Invocation& invocation, const std::string&) { invocation.noPersist = true; }}};
+constexpr Option With[] = {{"--with", "FILE", "The document with the new groups; '-' is standard input.",
+                            [](Invocation& invocation, const std::string& value) { invocation.with = value; }}};
+constexpr Option Count[] = {
+    {"--count", "N", "End after N changes.",
+     [](Invocation& invocation, const std::string& value) { invocation.count = ParseCount(value); }}};
+constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user layer alone.",
+                           [](Invocation& invocation, const std::string&) { invocation.all = true; }}};
+
+// What all of them take.
+constexpr Option OfTool[] = {
+    {"--server", "HOST:PORT", "The settings server to talk to.",
+     [](Invocation& invocation, const std::string& value) { invocation.target.server = value; }},
+    {"--local", "FILE", "Work on this file, in this process, without a server.",
+     [](Invocation& invocation, const std::string& value) { invocation.target.localFile = value; }},
+    {"--json", nullptr, "Print results as JSON.",
+     [](Invocation& invocation, const std::string&) { invocation.asJson = true; }},
+    {"--version", nullptr, "Print the version and exit.",
+     [](Invocation& invocation, const std::string&) { invocation.asksForVersion = true; }},
+    {"--help", nullptr, "Print this help and exit; -h does so, too, where it stands alone.",
+     [](Invocation& invocation, const std::string&) { invocation.asksForHelp = true; }},
+};
+
+}  // namespace
+
+std::span<const Option> ToolOptions()
+{
+    return OfTool;
+}
 
 const std::vector<Command>& AllCommands()
 {
     static const std::vector<Command> commands = {
-        {"get", "NAME-OR-PATTERN...", "print groups, or one value",
-         "Prints the groups as INI text. A single '[Group]Key' prints the bare value of that key; among several\n"
-         "operands it adds that key alone. A group whose name begins with '[' is found by a pattern.\n"
-         "Status 1 when there is no such key, or no group matches.",
+        {"get", "NAME-OR-PATTERN...", "Prints groups as INI text, or one bare value.",
          "  korlo-settings --local device.ini get 'Network/*'\n"
          "  korlo-settings --local device.ini get '[Audio]volume'\n"
-         "  korlo-settings --local device.ini --json get Audio Display",
+         "  korlo-settings --local device.ini get Audio Display --json\n",
+         "A single '[Group]Key' prints the bare value of that key; among several operands it adds that key "
+         "alone. A group whose name begins with '[' is found by a pattern. Status 1 when there is no such "
+         "key, or no group matches.",
          1, Command::AnyNumber, NoOptions, RunGet},
-        {"set", "'[Group]Key' VALUE [--no-persist]", "set one value",
-         "VALUE is taken as it is, whatever it begins with. Other keys of the group stay. A missing --local FILE is\n"
-         "made. Status 1 when the group is restricted.",
+        {"set", "'[Group]Key' VALUE", "Sets one value and persists it.",
          "  korlo-settings --local device.ini set '[Audio]volume' 65\n"
-         "  korlo-settings --local device.ini set '[Audio]microphoneGain' -5",
-         2, 2, NoPersistOption, RunSet},
-        {"merge", "[FILE] [--no-persist]", "merge an INI document",
-         "Sets every key of the document in FILE, or on standard input without FILE or with '-', and removes none.\n"
-         "A missing --local FILE is made. Status 1 when all its groups are restricted.",
+         "  korlo-settings --local device.ini set '[Audio]microphoneGain' -5\n",
+         "VALUE is taken as it is, whatever it begins with. Other keys of the group stay. A missing --local "
+         "FILE is created. Status 1 when the group is restricted.",
+         2, 2, NoPersist, RunSet, true},
+        {"merge", "[FILE]", "Sets every key of an INI document and removes none.",
          "  korlo-settings --local device.ini merge night.ini\n"
-         "  korlo-settings --local device.ini merge < night.ini",
-         0, 1, NoPersistOption, RunMerge},
-        {"test-and-merge", "EXPECTED CHANGES", "merge, if nobody was faster",
-         "Merges the INI file CHANGES if the settings hold every value of the INI file EXPECTED at that moment.\n"
-         "Status 1 when they do not; nothing is changed then.",
-         "  korlo-settings --local device.ini test-and-merge seen.ini changes.ini", 2, 2, NoOptions, RunTestAndMerge},
-        {"overwrite", "NAME-OR-PATTERN... [--with FILE]", "replace groups",
-         "Erases the groups and puts those of the INI document in FILE in their place; standard input without --with\n"
-         "or with '-'. A group that the document does not hold is gone. A missing --local FILE is made.",
-         "  korlo-settings --local device.ini overwrite 'Network/*' --with network.ini", 1, Command::AnyNumber,
-         WithOption, RunOverwrite},
-        {"erase", "NAME-OR-PATTERN...", "erase groups",
-         "Their defaults do not come back, either. Status 1 when no group matches, or those that do are restricted.",
-         "  korlo-settings --local device.ini erase Network/Guest", 1, Command::AnyNumber, NoOptions, RunErase},
-        {"restore", "NAME-OR-PATTERN...", "return groups to their defaults",
-         "With --local, the defaults are what FILE holds, so that nothing changes. Status 1 when no group matches.",
-         "  korlo-settings --server 127.0.0.1:4711 restore 'Network/*'", 1, Command::AnyNumber, NoOptions, RunRestore},
-        {"list", "[PATTERN]", "print group names, one a line",
-         "All names without PATTERN. Status 1 when no group matches PATTERN.",
+         "  korlo-settings --local device.ini merge < night.ini\n",
+         "Reads standard input without FILE or with '-'. A missing --local FILE is created. Status 1 when all "
+         "groups of the document are restricted.",
+         0, 1, NoPersist, RunMerge},
+        {"test-and-merge", "EXPECTED CHANGES", "Merges one INI file if the settings hold every value of another.",
+         "  korlo-settings --local device.ini test-and-merge seen.ini changes.ini\n",
+         "Nobody else's change comes between the test and the merge. Status 1 when the settings hold other "
+         "values than EXPECTED; nothing is changed then.",
+         2, 2, NoOptions, RunTestAndMerge},
+        {"overwrite", "NAME-OR-PATTERN...", "Erases groups and puts those of an INI document in their place.",
+         "  korlo-settings --local device.ini overwrite 'Network/*' --with network.ini\n",
+         "Reads standard input without --with. A group that the document does not hold is gone. A missing "
+         "--local FILE is created.",
+         1, Command::AnyNumber, With, RunOverwrite},
+        {"erase", "NAME-OR-PATTERN...", "Erases groups, and records it, so that their defaults do not return.",
+         "  korlo-settings --local device.ini erase Network/Guest\n",
+         "Status 1 when no group matches, or those that do are restricted.", 1, Command::AnyNumber, NoOptions,
+         RunErase},
+        {"restore", "NAME-OR-PATTERN...", "Returns groups to their defaults.",
+         "  korlo-settings --server 127.0.0.1:4711 restore 'Network/*'\n",
+         "With --local, the defaults are what FILE holds, so that nothing changes. Status 1 when no group "
+         "matches.",
+         1, Command::AnyNumber, NoOptions, RunRestore},
+        {"list", "[PATTERN]", "Prints the names of groups, one a line.",
          "  korlo-settings --local device.ini list\n"
-         "  korlo-settings --local device.ini list 'Network/*'",
-         0, 1, NoOptions, RunList},
-        {"watch", "NAME-OR-PATTERN... [--count N]", "print each change as it arrives",
-         "Prints the groups that changed, whole, under a comment with their names; an erased group is named only.\n"
-         "With --json, an object a line. Ends after N changes, or with status 0 on SIGINT and SIGTERM. Goes on when\n"
-         "the server comes back after it was gone; standard error tells of both, and when the watching begins.\n"
-         "With --local, the changes are those of this process: it merges the INI documents on standard input, which\n"
-         "lines of a single '.' separate, into FILE one by one, and ends with them.",
+         "  korlo-settings --local device.ini list 'Network/*'\n",
+         "All names without PATTERN. Status 1 when no group matches PATTERN.", 0, 1, NoOptions, RunList},
+        {"watch", "NAME-OR-PATTERN...", "Prints each change as it arrives, until it is interrupted.",
          "  korlo-settings --local device.ini watch 'Network/*' < changes.ini\n"
-         "  korlo-settings --server 127.0.0.1:4711 --json watch '*' --count 1",
-         1, Command::AnyNumber, CountOption, RunWatch},
-        {"dump", "[--all]", "print the user layer, or all settings",
-         "Prints, as INI text, what clients have changed to last: the user layer of the server, with its notes of\n"
-         "groups that were erased. With --all, all settings. The settings of a --local FILE are defaults; it has no\n"
-         "user layer.",
+         "  korlo-settings --server 127.0.0.1:4711 watch '*' --count 1 --json\n",
+         "Prints the groups that changed, whole, under a comment with their names; an erased group is named "
+         "only. With --json, an object a line. SIGINT and SIGTERM end it with status 0. When the server goes, "
+         "it waits for the server to come back; standard error tells of both, and when the watching begins. "
+         "With --local, the changes are those of this process: it merges the INI documents on standard "
+         "input, which lines of a single '.' separate, into FILE one by one, and ends with them.",
+         1, Command::AnyNumber, Count, RunWatch},
+        {"dump", "", "Prints the user layer, which is what clients persisted, or all settings.",
          "  korlo-settings --server 127.0.0.1:4711 dump\n"
-         "  korlo-settings --server 127.0.0.1:4711 --json dump --all",
-         0, 0, AllOption, RunDump},
-        {"subscribed", "", "print what clients are subscribed to",
-         "Prints the names and patterns that the clients of the server are subscribed to, one a line; with --json an\n"
-         "array. Nobody is subscribed to a --local FILE.",
-         "  korlo-settings --server 127.0.0.1:4711 subscribed", 0, 0, NoOptions, RunSubscribed},
-        {"resource show", "RESOURCE", "print who holds how much of a resource",
-         "Prints the total of the resource, 100 unless the settings say otherwise, and what each consumer holds and\n"
-         "may hold at most.",
+         "  korlo-settings --server 127.0.0.1:4711 dump --all --json\n",
+         "The user layer holds a record of the groups that were erased, too. The settings of a --local FILE "
+         "are defaults; it has no user layer.",
+         0, 0, All, RunDump},
+        {"subscribed", "", "Prints the names and patterns that clients are subscribed to, one a line.",
+         "  korlo-settings --server 127.0.0.1:4711 subscribed\n", "Nobody is subscribed to a --local FILE.", 0, 0,
+         NoOptions, RunSubscribed},
+        {"resource show", "RESOURCE", "Prints the total of a resource, and what each consumer holds of it.",
          "  korlo-settings --server 127.0.0.1:4711 resource show Bandwidth\n"
-         "  korlo-settings --server 127.0.0.1:4711 --json resource show Bandwidth",
-         1, 1, NoOptions, RunResourceShow},
-        {"resource reserve", "RESOURCE CONSUMER UNITS-OR-PERCENT%", "set what a consumer holds of a resource",
-         "The amount is what the consumer holds from then on, in all: a number of units, or a share of the total that\n"
-         "is rounded up to whole units. 0 gives everything back. Status 1, and nothing is changed, when that is more\n"
-         "than the others and the consumer's own cap leave, or the consumer is not allowed to use the resource.",
+         "  korlo-settings --server 127.0.0.1:4711 resource show Bandwidth --json\n",
+         "The total is 100 unless the settings say otherwise.", 1, 1, NoOptions, RunResourceShow},
+        {"resource reserve", "RESOURCE CONSUMER UNITS-OR-PERCENT%", "Sets what a consumer holds of a resource.",
          "  korlo-settings --server 127.0.0.1:4711 resource reserve Bandwidth Camera 20\n"
-         "  korlo-settings --server 127.0.0.1:4711 resource reserve Bandwidth Camera 25%",
+         "  korlo-settings --server 127.0.0.1:4711 resource reserve Bandwidth Camera 25%\n",
+         "The amount is what the consumer holds from then on, in all: a number of units, or a share of the "
+         "total, rounded up to whole units. 0 gives everything back. Status 1, and nothing is changed, when "
+         "that is more than the others and the consumer's own cap leave, or the consumer is not allowed to "
+         "use the resource.",
          3, 3, NoOptions, RunResourceReserve},
-        {"check", "FILE...", "find lines of INI files that make no sense",
-         "Prints each as FILE:LINE: message. Status 1 when there are any, 3 when a file cannot be read.",
-         "  korlo-settings check device.ini network.ini", 1, Command::AnyNumber, NoOptions, RunCheck},
+        {"check", "FILE...", "Finds the lines of INI files that make no sense.",
+         "  korlo-settings check device.ini network.ini\n",
+         "Prints each as FILE:LINE: message. Status 1 when there are any, 3 when a file cannot be read.", 1,
+         Command::AnyNumber, NoOptions, RunCheck},
     };
     return commands;
 }

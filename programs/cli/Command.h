@@ -1,9 +1,10 @@
 #pragma once
-// What a command is, and the table of all of them.
+// What a command and an option are, and the tables of all of them.
 
 #include <cstddef>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,16 +24,21 @@ struct Invocation
     std::optional<std::string> with;    ///< --with FILE
     unsigned long count = 0;            ///< --count N; 0 without limit
     bool all = false;                   ///< --all
+    bool asksForHelp = false;
+    bool asksForVersion = false;
 };
 
-/// The options that commands have of their own; a command takes a set of them.
-enum CommandOption : unsigned
+/// An option of the tool or of a command. To add one, write a row in Command.cpp: of those that all commands
+/// take, or of an array that the rows of commands name.
+struct Option
 {
-    NoOptions = 0,
-    NoPersistOption = 1,
-    WithOption = 2,
-    CountOption = 4,
-    AllOption = 8
+    const char* name;         ///< with its two dashes
+    const char* value;        ///< what the help calls its value; null for a flag
+    const char* description;  ///< a sentence for the help
+
+    /// Notes the option in the invocation. May throw Failure for a value that makes no sense.
+    /// @param value empty for a flag.
+    void (*pStore)(Invocation& invocation, const std::string& value);
 };
 
 /// A command of the tool. To add one, write the function that runs it and a row of the table in Command.cpp.
@@ -41,17 +47,22 @@ struct Command
     static constexpr std::size_t AnyNumber = std::numeric_limits<std::size_t>::max();
 
     const char* name;      ///< one word, or two with a blank between them
-    const char* synopsis;  ///< its operands and options
-    const char* summary;   ///< half a line for the list of commands
-    const char* manual;    ///< the rest of what a person needs to know
-    const char* examples;  ///< lines that can be typed
+    const char* synopsis;  ///< its operands
+    const char* summary;   ///< a sentence
+    const char* examples;  ///< lines that can be typed, as HelpText takes them
+    const char* remarks;   ///< the rest of what a person needs to know
     std::size_t fewestOperands;
     std::size_t mostOperands;
-    unsigned options;  ///< of CommandOption
+    std::span<const Option> options;  ///< its own, beside those of the tool
 
     /// Does the work and writes the results. May throw Failure.
     ExitStatus (*pRun)(const Invocation& invocation);
+
+    bool isLastOperandVerbatim = false;  ///< The last operand may look like an option, see ParseCommandLine.
 };
+
+/// The options that every command takes, in the order in which the help lists them.
+std::span<const Option> ToolOptions();
 
 /// All commands, in the order in which the help lists them.
 const std::vector<Command>& AllCommands();

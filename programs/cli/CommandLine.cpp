@@ -1,13 +1,9 @@
 #include "CommandLine.h"
 
 #include <algorithm>
-#include <iterator>
-#include <memory>
+#include <set>
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
-#include <CLI/Validators.hpp>
+#include "HelpText.h"
 
 namespace korlo::settings::cli
 {
@@ -17,261 +13,256 @@ namespace
 using Arguments = std::vector<std::string>;
 
 constexpr const char* EndOfOptions = "--";
+constexpr const char* ShortHelp = "-h";
+constexpr const char* HintAtHelp = "'korlo-settings --help' lists all that there are";
 
-/// Help as the rest of the tool speaks: the synopsis as it is written in the table.
-class HelpFormatter : public CLI::Formatter
+std::string TermOf(const Option& option)
 {
-public:
-    explicit HelpFormatter(const std::string& synopsis) : _synopsis(synopsis) {}
+    return option.name + (option.value != nullptr ? std::string(" ") + option.value : std::string());
+}
 
-    std::string make_usage(const CLI::App*, std::string) const override
+void AddRows(std::span<const Option> options, std::vector<HelpRow>& rows)
+{
+    for (const Option& option : options)
     {
-        return "Usage: korlo-settings " + _synopsis + '\n';
+        rows.push_back({TermOf(option), option.description});
     }
+}
 
-private:
-    const std::string _synopsis;
-};
-
-std::string CommandList()
+std::string HelpOfTool()
 {
-    constexpr std::size_t column = 20;
-    std::string list = "Commands:\n";
+    std::vector<HelpRow> options;
+    AddRows(ToolOptions(), options);
+    std::vector<HelpRow> commands;
     for (const Command& command : AllCommands())
     {
-        std::string line = std::string("  ") + command.name;
-        line.resize(std::max(line.size() + 1, column), ' ');
-        list += line + command.summary + '\n';
+        commands.push_back({command.name, command.summary});
     }
-    return list +
-           "\n"
-           "'korlo-settings COMMAND --help' says more, with examples. Groups are given by name or by a pattern,\n"
-           "in which '*' stands for anything. Without --server and --local the environment variable\n"
-           "KORLO_SETTINGS_LOCALFILE may name a file, which is then read but never written.\n\n"
-           "Exit status: 0 done; 1 no (no such key, no group matches, other values were found); 2 the command\n"
-           "line was wrong; 3 the server could not be reached or a file could not be used.";
+    return HelpText("korlo-settings [--server HOST:PORT | --local FILE] [--json] COMMAND ...",
+                    "Reads, changes and watches the settings of a device.", options,
+                    "  korlo-settings list 'Network/*'\n"
+                    "  korlo-settings set '[Audio]volume' 65\n"
+                    "  korlo-settings --local device.ini get Audio --json\n",
+                    "'korlo-settings COMMAND --help' says more, with examples. Groups are given by name or by a "
+                    "pattern, in which '*' stands for anything. Options may stand before or after the operands; "
+                    "after a first '--' everything is an operand. Without --server and --local the environment "
+                    "variable KORLO_SETTINGS_LOCALFILE may name a file, which is then read but never written. "
+                    "Exit status: 0 done; 1 no (no such key, no group matches, other values were found); 2 the "
+                    "command line was wrong; 3 the server could not be reached or a file could not be used.") +
+           "\nCommands:\n" + TextOf(commands);
 }
 
-/// What follows the options of the tool, with those put into `invocation`.
-Arguments TakeToolOptions(CLI::App& app, const Arguments& arguments, Invocation& invocation)
+std::string HelpOf(const Command& command)
 {
-    app.prefix_command();
-    app.set_help_flag("-h,--help", "Print this help and exit");
-    app.set_version_flag("--version", std::string("korlo-settings ") + KORLO_VERSION, "Print the version and exit");
-    CLI::Option* pServer = app.add_option("--server", invocation.target.server, "The settings server to talk to");
-    pServer->type_name("HOST:PORT");
-    app.add_option("--local", invocation.target.localFile, "Work on this file, in this process, without a server")
-        ->type_name("FILE")
-        ->excludes(pServer);
-    app.add_flag("--json", invocation.asJson, "Print results as JSON");
-    app.formatter(std::make_shared<HelpFormatter>("[--server HOST:PORT | --local FILE] [--json] COMMAND ..."));
-    app.footer(CommandList());
-    app.parse(Arguments(arguments.rbegin(), arguments.rend()));
-
-    Arguments rest = app.remaining();
-    if (!rest.empty() && rest.front() == EndOfOptions)
+    std::vector<HelpRow> options;
+    AddRows(command.options, options);
+    AddRows(ToolOptions(), options);
+    std::string usage = std::string("korlo-settings [OPTION]... ") + command.name + ' ' + command.synopsis;
+    for (const Option& option : command.options)
     {
-        rest.erase(rest.begin());
+        usage += " [" + TermOf(option) + ']';
     }
-    return rest;
+    return HelpText(usage, command.summary, options, command.examples, command.remarks);
 }
 
-void DeclareCommand(CLI::App& app, const Command& command, Invocation& invocation)
+/// Reads the arguments from the first to the last.
+///
+/// Thread safety: none of its own; the owner guards it.
+class Reader
 {
-    app.set_help_flag("-h,--help", "Print this help and exit");
-    if ((command.options & NoPersistOption) != 0)
-    {
-        app.add_flag("--no-persist", invocation.noPersist,
-                     "Do not save the change: it is gone when the server, or this process on a --local FILE, ends");
-    }
-    if ((command.options & WithOption) != 0)
-    {
-        app.add_option("--with", invocation.with, "The document with the new groups")->type_name("FILE");
-    }
-    if ((command.options & CountOption) != 0)
-    {
-        app.add_option("--count", invocation.count, "End after that many changes")
-            ->type_name("N")
-            ->check(CLI::PositiveNumber);
-    }
-    if ((command.options & AllOption) != 0)
-    {
-        app.add_flag("--all", invocation.all, "Print all settings, not the user layer alone");
-    }
-    app.description(std::string(command.summary) + "\n\n" + command.manual);
-    app.formatter(std::make_shared<HelpFormatter>(std::string("[--server HOST:PORT | --local FILE] [--json] ") +
-                                                  command.name + ' ' + command.synopsis));
-    app.footer(std::string("Examples:\n") + command.examples);
-}
+public:
+    /// @param arguments borrowed; must outlive the reader.
+    explicit Reader(const Arguments& arguments) : _arguments(arguments) {}
 
-/// The option of the command that `argument` names, alone or with its value; null for none.
-const CLI::Option* FindOption(const CLI::App& app, const std::string& argument)
-{
-    return argument.starts_with("--") ? app.get_option_no_throw(argument.substr(0, argument.find('='))) : nullptr;
-}
+    std::variant<CommandRun, Information> Read();
 
-bool TakesValue(const CLI::Option* pOption)
-{
-    return pOption->get_items_expected_max() > 0;
-}
+private:
+    void TakeWord(const std::string& word);
+    void TakeOption(const std::string& argument);
+    bool IsVerbatim() const;
+    bool IsWordAhead() const;
+    const Option* FindOption(const std::string& argument) const;
+    void CheckOperands() const;
+    [[noreturn]] void FailForCommand() const;
 
-bool IsFlag(const CLI::Option* pOption)
-{
-    return pOption != nullptr && !TakesValue(pOption);
-}
+    const Arguments& _arguments;
+    std::size_t _next = 0;               // the argument that is read
+    bool _hasOptions = true;             // until a first "--"
+    std::string _name;                   // the words of the command's name so far
+    const Command* _pCommand = nullptr;  // once its name is complete
+    std::set<std::string> _given;        // options with a value
+    Invocation _invocation;
+};
 
-/// Moves the last option of a command, one argument or two, from the end of the operands to `options`.
-bool TakeLastOption(const CLI::App& app, std::size_t fewestOperands, Arguments& operands, Arguments& options)
+std::variant<CommandRun, Information> Reader::Read()
 {
-    const std::size_t size = operands.size();
-    if (size > fewestOperands)
+    for (; _next < _arguments.size(); ++_next)
     {
-        const CLI::Option* pOption = FindOption(app, operands.back());
-        const bool hasOwnValue = operands.back().find('=') != std::string::npos;
-        if (pOption != nullptr && TakesValue(pOption) == hasOwnValue)
+        const std::string& argument = _arguments[_next];
+        if (!_hasOptions || !argument.starts_with("--") || IsVerbatim())
         {
-            options.push_back(operands.back());
-            operands.pop_back();
+            TakeWord(argument);
+        }
+        else if (argument == EndOfOptions)
+        {
+            _hasOptions = false;
+        }
+        else
+        {
+            TakeOption(argument);
+        }
+    }
+    if (_invocation.asksForVersion)
+    {
+        return Information{std::string("korlo-settings ") + KORLO_VERSION + '\n'};
+    }
+    if (_invocation.asksForHelp || (_hasOptions && _invocation.operands == Arguments{ShortHelp}))
+    {
+        return Information{_pCommand != nullptr ? HelpOf(*_pCommand) : HelpOfTool()};
+    }
+    if (_pCommand == nullptr)
+    {
+        _name.empty() ? throw Failure(StatusWrongCommandLine, "a command is missing", HintAtHelp) : FailForCommand();
+    }
+    CheckOperands();
+    return CommandRun{_pCommand, std::move(_invocation)};
+}
+
+void Reader::TakeWord(const std::string& word)
+{
+    if (_pCommand != nullptr)
+    {
+        _invocation.operands.push_back(word);
+        return;
+    }
+    if (_hasOptions && word == ShortHelp)
+    {
+        _invocation.asksForHelp = true;
+        return;
+    }
+    _name += (_name.empty() ? "" : " ") + word;
+    _pCommand = FindCommand(_name);
+    const bool isBeginning = std::ranges::any_of(
+        AllCommands(), [this](const Command& command) { return std::string(command.name).starts_with(_name + ' '); });
+    if (_pCommand == nullptr && !isBeginning)
+    {
+        FailForCommand();
+    }
+}
+
+void Reader::TakeOption(const std::string& argument)
+{
+    const std::size_t equals = argument.find('=');
+    const std::string name = argument.substr(0, equals);
+    const Option* pOption = FindOption(name);
+    if (pOption == nullptr)
+    {
+        const std::string command = _pCommand != nullptr ? std::string(_pCommand->name) + ' ' : std::string();
+        throw Failure(StatusWrongCommandLine, "unknown option " + Quoted(name),
+                      "after a first '--' everything is an operand; 'korlo-settings " + command +
+                          "--help' lists the options");
+    }
+    if (pOption->value == nullptr && equals != std::string::npos)
+    {
+        throw Failure(StatusWrongCommandLine, name + " takes no value", "write " + name + " alone");
+    }
+    std::string value;
+    if (pOption->value != nullptr)
+    {
+        if (equals == std::string::npos && ++_next == _arguments.size())
+        {
+            throw Failure(StatusWrongCommandLine, name + " needs a value", "write " + TermOf(*pOption));
+        }
+        if (!_given.insert(name).second)
+        {
+            throw Failure(StatusWrongCommandLine, name + " was given twice", "once is enough");
+        }
+        value = equals == std::string::npos ? _arguments[_next] : argument.substr(equals + 1);
+    }
+    pOption->pStore(_invocation, value);
+}
+
+/// True for the last operand of a command for which it may look like an option.
+bool Reader::IsVerbatim() const
+{
+    return _pCommand != nullptr && _pCommand->isLastOperandVerbatim &&
+           _invocation.operands.size() + 1 == _pCommand->mostOperands && !IsWordAhead();
+}
+
+/// True when a word follows, however the argument in hand is read as an option or as "--".
+bool Reader::IsWordAhead() const
+{
+    for (std::size_t at = _next; at < _arguments.size(); ++at)
+    {
+        const std::string& argument = _arguments[at];
+        if (argument == EndOfOptions)
+        {
+            return at + 1 < _arguments.size();
+        }
+        if (!argument.starts_with("--"))
+        {
             return true;
         }
-        if (pOption != nullptr && TakesValue(pOption))
-        {
-            throw Failure(StatusWrongCommandLine, operands.back() + " needs a value",
-                          "behind a first '--' everything is an operand");
-        }
-    }
-    if (size > fewestOperands + 1)
-    {
-        const CLI::Option* pOption = FindOption(app, operands[size - 2]);
-        if (pOption != nullptr && TakesValue(pOption) && operands[size - 2].find('=') == std::string::npos)
-        {
-            options.push_back(operands[size - 2] + '=' + operands.back());
-            operands.resize(size - 2);
-            return true;
-        }
+        const Option* pOption = FindOption(argument);
+        at += pOption != nullptr && pOption->value != nullptr ? 1 : 0;  // an argument without '=', that is
     }
     return false;
 }
 
-/// Takes the options of a command out of its operands.
-Arguments TakeOptions(const CLI::App& app, const Command& command, Arguments& operands)
+/// Null for an unknown name.
+const Option* Reader::FindOption(const std::string& name) const
 {
-    const bool isFixed = command.mostOperands != Command::AnyNumber;
-    const std::size_t first = isFixed ? command.fewestOperands : 0;
-    if (operands.size() > std::max<std::size_t>(first, 1) && operands.front() == EndOfOptions)
+    for (const auto options : {ToolOptions(), _pCommand != nullptr ? _pCommand->options : std::span<const Option>()})
     {
-        operands.erase(operands.begin());
-        return {};
-    }
-    Arguments options;
-    while (TakeLastOption(app, first, operands, options))
-    {
-    }
-    // With one operand too many, a flag in front of them can only be meant as one: merge --no-persist FILE.
-    while (operands.size() > command.mostOperands && IsFlag(FindOption(app, operands.front())))
-    {
-        options.push_back(operands.front());
-        operands.erase(operands.begin());
-    }
-    return options;
-}
-
-void CheckNumberOfOperands(const Command& command, const Arguments& operands)
-{
-    if (operands.size() >= command.fewestOperands && operands.size() <= command.mostOperands)
-    {
-        return;
-    }
-    const bool tooFew = operands.size() < command.fewestOperands;
-    throw Failure(StatusWrongCommandLine,
-                  std::string(command.name) + " was given too " + (tooFew ? "few" : "many") + " arguments",
-                  std::string("it is used as: korlo-settings [OPTION]... ") + command.name + ' ' + command.synopsis);
-}
-
-bool IsHelpFlag(const std::string& argument)
-{
-    return argument == "-h" || argument == "--help";
-}
-
-std::variant<CommandRun, Information> ParseCommand(const Command& command, const Arguments& arguments,
-                                                   Invocation invocation)
-{
-    CLI::App app;
-    DeclareCommand(app, command, invocation);
-    if (arguments.size() == 1 && IsHelpFlag(arguments.front()))
-    {
-        return Information{app.help()};
-    }
-    Arguments operands = arguments;
-    app.parse(TakeOptions(app, command, operands));
-    CheckNumberOfOperands(command, operands);
-    invocation.operands = std::move(operands);
-    return CommandRun{&command, std::move(invocation)};
-}
-
-/// True for the first word of a name of two.
-bool BeginsCommand(const std::string& word)
-{
-    return std::any_of(AllCommands().begin(), AllCommands().end(),
-                       [&word](const Command& command) { return std::string(command.name).starts_with(word + ' '); });
-}
-
-/// Takes the name of a command, one word or two, from the front of the arguments.
-const Command& TakeCommand(Arguments& arguments)
-{
-    std::string name;
-    bool isBeginning = true;
-    for (std::size_t words = 1; isBeginning && words <= arguments.size(); ++words)
-    {
-        name += (name.empty() ? "" : " ") + arguments[words - 1];
-        if (const Command* pCommand = FindCommand(name))
+        for (const Option& option : options)
         {
-            arguments.erase(arguments.begin(), std::next(arguments.begin(), static_cast<std::ptrdiff_t>(words)));
-            return *pCommand;
+            if (name == option.name)
+            {
+                return &option;
+            }
         }
-        isBeginning = BeginsCommand(name);
     }
-    throw Failure(StatusWrongCommandLine,
-                  (name.starts_with('-') ? "unknown option " : "unknown command ") + Quoted(name),
-                  "'korlo-settings --help' lists all that there are");
+    return nullptr;
 }
 
-std::variant<CommandRun, Information> Parse(const Arguments& arguments)
+void Reader::CheckOperands() const
 {
-    CLI::App app("Reads, changes and watches settings.");
-    try
+    const std::size_t count = _invocation.operands.size();
+    if (count < _pCommand->fewestOperands || count > _pCommand->mostOperands)
     {
-        Invocation invocation;
-        Arguments rest = TakeToolOptions(app, arguments, invocation);
-        if (rest.empty())
+        throw Failure(StatusWrongCommandLine,
+                      std::string(_pCommand->name) + " was given too " +
+                          (count < _pCommand->fewestOperands ? "few" : "many") + " arguments",
+                      std::string("it is used as: korlo-settings [OPTION]... ") + _pCommand->name + ' ' +
+                          _pCommand->synopsis);
+    }
+    if (_invocation.target.localFile && _invocation.target.server)
+    {
+        throw Failure(StatusWrongCommandLine, "--local excludes --server", "name a file or a server");
+    }
+}
+
+/// For a name that is unknown, or the first word of others.
+void Reader::FailForCommand() const
+{
+    std::string longer;
+    for (const Command& command : AllCommands())
+    {
+        const std::string name = command.name;
+        if (name.starts_with(_name.substr(0, _name.find(' ')) + ' '))
         {
-            throw Failure(StatusWrongCommandLine, "a command is missing", "'korlo-settings --help' lists them");
+            longer += (longer.empty() ? ": it is " : " or ") + Quoted(name);
         }
-        const Command& command = TakeCommand(rest);
-        return ParseCommand(command, rest, std::move(invocation));
     }
-    catch (const CLI::CallForHelp&)
-    {
-        return Information{app.help()};
-    }
-    catch (const CLI::CallForVersion& version)
-    {
-        return Information{std::string(version.what()) + '\n'};
-    }
+    const std::string unknown = _name.starts_with('-') ? "unknown option " : "unknown command ";
+    throw Failure(StatusWrongCommandLine, unknown + Quoted(_name) + longer, HintAtHelp);
 }
 
 }  // namespace
 
 std::variant<CommandRun, Information> ParseCommandLine(const std::vector<std::string>& arguments)
 {
-    try
-    {
-        return Parse(arguments);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        throw Failure(StatusWrongCommandLine, error.what(), "see 'korlo-settings --help'");
-    }
+    return Reader(arguments).Read();
 }
 
 }  // namespace korlo::settings::cli

@@ -1,7 +1,6 @@
 #pragma once
 // From the arguments of the process to what is to be run.
 
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -26,13 +25,16 @@ struct Information
 
 /// Understands the arguments of the process, without its name.
 ///
-/// Options of the tool stand before the command. An operand may be any text, one that looks like an option, too:
-///  - a command that takes a fixed number of operands takes them first, and its options only behind them:
-///    `set '[G]k' -5`, `set '[G]k' --help`, `set '[G]k' --no-persist --no-persist`; a flag in front of them all counts
-///    when there would be too many otherwise: `merge --no-persist FILE`;
-///  - a command that takes a list of them takes its options from the end of the list, and nothing else of the list as
-///    an option: `get -x`, `watch A --count 3`. After a first "--" they are all operands: `get -- --help`;
-///  - `-h` or `--help` as all that follows the command asks for its help.
+///  - What begins with "--" is an option: one of the tool stands anywhere, one of a command anywhere after the
+///    command's name. Its value is the next argument, whatever it is, or follows a '=': `--with FILE`, `--with=FILE`.
+///    What is no option is refused. A flag may be repeated, an option with a value not.
+///  - Everything else is a word: the name of the command, then its operands, `-5` and `-x` among them.
+///  - After a first "--" everything is a word.
+///  - The last operand of a command that says so (`set`) needs no "--": if no word follows the operand before it, the
+///    next argument is that last operand, whatever it is: `set '[G]k' --json`, `set '[G]k' --json --no-persist`,
+///    `set '[G]k' --`; but `set '[G]k' --no-persist 5` has an option between its operands.
+///  - `--help` anywhere asks for help, and so does `-h` in the place of the command or as the only operand of one. It
+///    is about the command, where one is named. `--version` goes before it.
 ///
 /// @throws Failure with StatusWrongCommandLine.
 std::variant<CommandRun, Information> ParseCommandLine(const std::vector<std::string>& arguments);

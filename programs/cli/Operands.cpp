@@ -59,14 +59,11 @@ GroupNameCollection GroupsOf(const core::IniFile& document)
 void FailForNoMatch(const std::vector<std::string>& operands)
 {
     std::string names;
-    bool looksLikeOption = false;
     for (const std::string& operand : operands)
     {
         names += (names.empty() ? "" : ", ") + Quoted(operand);
-        looksLikeOption = looksLikeOption || operand == "--json" || operand == "--local" || operand == "--server";
     }
-    throw Failure(StatusNo, "no group matches " + names,
-                  looksLikeOption ? "--json, --local and --server stand before the command" : "");
+    throw Failure(StatusNo, "no group matches " + names);
 }
 
 }  // namespace korlo::settings::cli

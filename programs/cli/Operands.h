@@ -23,7 +23,7 @@ GroupNameCollection NamesOf(const std::vector<std::string>& operands);
 /// The names of the document's groups.
 GroupNameCollection GroupsOf(const core::IniFile& document);
 
-/// "no group matches 'A', 'B'", and a hint if a name looks like an option of the tool.
+/// "no group matches 'A', 'B'"
 /// @throws Failure with StatusNo, always.
 [[noreturn]] void FailForNoMatch(const std::vector<std::string>& operands);
 

@@ -6,6 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "HelpText.h"
+
 namespace korlo::daemon
 {
 namespace
@@ -65,14 +67,15 @@ void AddNumber(CLI::App& app, const std::string& name, const std::string& unit, 
 void AddOptions(CLI::App& app, ServerOptions& options)
 {
     constexpr unsigned long long mostBytes = 0x7FFFFFFF;  // what 32 bits can address comes to an end there
-    app.set_version_flag("--version", KORLO_VERSION);
+    app.set_help_flag("-h,--help", "Print this help and exit; so does -h");
+    app.set_version_flag("--version", KORLO_VERSION, "Print the version and exit");
     app.add_option_function<std::string>(
            "--listen", [&options](const std::string& text) { ParseListen(text, options); },
-           "Where clients connect; port 0 picks a free one")
+           "Where clients connect; port 0 picks a free one, an IPv6 address stands in brackets")
         ->type_name("ADDRESS:PORT")
         ->take_last()
         ->default_str("127.0.0.1:4711");
-    app.add_option("--defaults", options.defaults, "Default settings; later ones override earlier ones")
+    app.add_option("--defaults", options.defaults, "Default settings; may be repeated, and later ones win")
         ->type_name("FILE-OR-FOLDER")
         ->allow_extra_args(false);
     app.add_option_function<std::string>(
@@ -81,20 +84,41 @@ void AddOptions(CLI::App& app, ServerOptions& options)
                options.userPath = path;
                options.userPathIsGiven = true;
            },
-           "The file that keeps what clients change")
+           "The file that keeps what clients persist")
         ->type_name("FILE")
         ->take_last()
         ->default_str(options.userPath);
-    app.add_option("--restricted", options.restricted, "Restricted settings, which no client can change")
+    app.add_option("--restricted", options.restricted,
+                   "Restricted settings, which no client can change; may be repeated")
         ->type_name("FILE-OR-FOLDER")
         ->allow_extra_args(false);
-    AddNumber(app, "--save-delay", "MS", "Gather changes for this long before they are saved", options.saveDelayMs, 0,
-              24ull * 60 * 60 * 1000);
-    AddNumber(app, "--max-clients", "N", "Clients at once", options.limits.maxClients, 1, 1'000'000);
-    AddNumber(app, "--max-backlog", "BYTES", "Notifications that may wait for one client", options.limits.maxBacklog, 1,
+    AddNumber(app, "--save-delay", "MS", "Milliseconds for which changes are gathered before they are saved",
+              options.saveDelayMs, 0, 24ull * 60 * 60 * 1000);
+    AddNumber(app, "--max-clients", "N", "The most clients at once", options.limits.maxClients, 1, 1'000'000);
+    AddNumber(app, "--max-backlog", "BYTES", "The most that may wait for one client's socket",
+              options.limits.maxBacklog, 1, mostBytes);
+    AddNumber(app, "--max-message", "BYTES", "The most that one request may hold", options.limits.maxMessage, 1,
               mostBytes);
-    AddNumber(app, "--max-message", "BYTES", "The largest request", options.limits.maxMessage, 1, mostBytes);
-    AddNumber(app, "--log-level", "0..4", "Nothing, errors, warnings, information, traces", options.logLevel, 0, 4);
+    AddNumber(app, "--log-level", "0..4", "What is logged: nothing, errors, warnings, information or traces",
+              options.logLevel, 0, 4);
+}
+
+std::string HelpOf(const CLI::App& app)
+{
+    std::vector<HelpRow> rows;
+    for (const CLI::Option* pOption : app.get_options())
+    {
+        const std::string value = pOption->get_type_name();
+        const std::string standard = pOption->get_default_str();
+        rows.push_back({"--" + pOption->get_lnames().front() + (value.empty() ? "" : ' ' + value),
+                        pOption->get_description() + (standard.empty() ? "." : " (default: " + standard + ").")});
+    }
+    return HelpText("korlo-settings-server [OPTION]...", app.get_description(), rows,
+                    "  korlo-settings-server --defaults defaults.d --restricted restricted.d --user user.ini\n"
+                    "  korlo-settings-server --listen 127.0.0.1:0 --user user.ini --save-delay 2000 --log-level 3\n",
+                    "If an option that takes one value is repeated, the last one wins. Exit status: 0 after SIGTERM or "
+                    "SIGINT; 2 the command line was wrong; 1 an address or a file could not be used, or the last save "
+                    "failed.");
 }
 
 }  // namespace
@@ -102,7 +126,7 @@ void AddOptions(CLI::App& app, ServerOptions& options)
 ServerOptions ParseOptions(int argc, const char* const* argv)
 {
     ServerOptions options;
-    CLI::App app("The settings of a device, for all its programs.", "korlo-settings-server");
+    CLI::App app("Holds the settings of a device and serves them to its programs.");
     AddOptions(app, options);
     try
     {
@@ -110,7 +134,7 @@ ServerOptions ParseOptions(int argc, const char* const* argv)
     }
     catch (const CLI::CallForHelp&)
     {
-        throw EarlyExit(0, app.help());
+        throw EarlyExit(0, HelpOf(app));
     }
     catch (const CLI::CallForVersion&)
     {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include "korlo/core/IniFile.h"
 #include "korlo/osa/Exception.h"
@@ -67,13 +68,18 @@ public:
         }
     }
 
+    /// Replaces the cache as a whole or, if anything throws, not at all: an empty one would stand for the default
+    /// totals and for resources that everybody may use.
     void Refresh()
     {
-        _cache.Clear();
+        _isBehind = true;
+        IniFile current;
         for (const std::string& resource : _knownResources)
         {
-            Read(resource);
+            Read(resource, current);
         }
+        _cache = std::move(current);
+        _isBehind = false;
     }
 
     int GetUsed(const std::string& consumer, const std::string& resource)
@@ -110,6 +116,10 @@ public:
 
     bool Reserve(const std::string& consumer, const std::list<ResourceUsage>& usages)
     {
+        if (_isBehind)
+        {
+            Refresh();
+        }
         for (;;)
         {
             IniFile changes;
@@ -122,9 +132,11 @@ public:
                 }
                 changes.SetInt(ConsumersPrefix(usage.resource) + consumer, CurrentlyUsed, *units);
             }
+            _isBehind = true;  // a client that throws may have written all the same
             if (_pClient->TestAndMerge(_cache, changes))
             {
                 _cache.MergeSettings(changes);
+                _isBehind = false;
                 return true;
             }
             Refresh();  // somebody else was faster: compute everything anew
@@ -136,12 +148,17 @@ private:
     {
         if (!_knownResources.contains(resource))
         {
-            Read(resource);
+            IniFile current;  // read apart: of an answer that is cut short, nothing may stay
+            Read(resource, current);
+            _cache.MergeSettings(current);
             _knownResources.insert(resource);
         }
     }
 
-    void Read(const std::string& resource) { _pClient->GetSettings(GroupOf(resource) + "*", _cache); }
+    void Read(const std::string& resource, IniFile& settings) const
+    {
+        _pClient->GetSettings(GroupOf(resource) + "*", settings);
+    }
 
     std::int64_t UsedByOthers(const std::string& consumer, const std::string& resource) const
     {
@@ -177,6 +194,10 @@ private:
     KorloSettingsClient* const _pClient;  // borrowed
     IniFile _cache;
     std::set<std::string> _knownResources;  // those whose groups are in the cache
+    // A refresh or a reservation threw, so that the store may hold what the cache does not. The test of the next
+    // reservation would miss a consumer that has no group in the cache; it reads everything again first. Getters go on
+    // answering from the figures that were read last.
+    bool _isBehind = false;
 };
 
 ResourceManager::ResourceManager(KorloSettingsClient* pClient) : _pImpl(std::make_unique<ResourceManagerImpl>(pClient))

@@ -150,7 +150,8 @@ TEST_P(SettingsToolResourceTest, NamesMayHoldAnyBytes)
 
 TEST_P(SettingsToolResourceTest, AWrongNumberOfOperandsIsStatusTwo)
 {
-    ExpectResult(Resource({}), 2, "", HasSubstr("unknown command 'resource'"));
+    ExpectResult(Resource({}), 2, "",
+                 HasSubstr("unknown command 'resource': it is 'resource show' or 'resource reserve'"));
     ExpectResult(Resource({"grab"}), 2, "", HasSubstr("unknown command 'resource grab'"));
     ExpectResult(Resource({"show"}), 2, "", HasSubstr("too few arguments"));
     ExpectResult(Resource({"show", "Bus", "audio"}), 2, "", HasSubstr("too many arguments"));

@@ -62,7 +62,7 @@ TEST_F(SettingsToolTest, GetSaysNo)
     ExpectResult(OnFile({"get", "[*]volume"}), 1, "", HasSubstr("there is no setting"));
     ExpectResult(OnFile({"get", "X", "Y*"}), 1, "", noGroup);
     ExpectResult(OnFile({"get", "Net/SecureKey"}), 1, "", HasSubstr("no group matches"));
-    ExpectResult(OnFile({"get", "--json"}), 1, "", HasSubstr("hint: --json"));
+    ExpectResult(OnFile({"get", "--", "--json"}), 1, "", HasSubstr("no group matches '--json'"));
 }
 
 TEST_F(SettingsToolTest, GetPrintsJson)
@@ -70,6 +70,17 @@ TEST_F(SettingsToolTest, GetPrintsJson)
     ExpectResult(OnFileAsJson({"get", "Net/*"}), 0,
                  "{\"Net/Guest\":{\"ssid\":\"Visitors\"},\"Net/Wifi\":{\"channel\":\"6\"}}\n");
     ExpectResult(OnFileAsJson({"get", "[Audio]volume"}), 0, "\"40\"\n");
+}
+
+TEST_F(SettingsToolTest, GetTakesOptionsBeforeAndAfterItsOperands)
+{
+    for (const Arguments& arguments : {Arguments{"get", "Audio", "--json"}, {"get", "--json", "Audio"}})
+    {
+        ExpectResult(OnFile(arguments), 0, "{\"Audio\":{\"volume\":\"40\"}}\n");
+    }
+    ExpectResult(Run({"get", "Audio", "--local", _path}), 0, "[Audio]\nvolume=40\n");
+    ExpectResult(OnFile({"get", "--no-such-option", "Audio"}), 2, "",
+                 AllOf(HasSubstr("unknown option '--no-such-option'"), HasSubstr("hint: after a first '--'")));
 }
 
 TEST_F(SettingsToolTest, ListPrintsNames)

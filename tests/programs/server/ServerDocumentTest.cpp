@@ -73,7 +73,8 @@ TEST(ServerDocumentTest, TheClientInPhpWorks)
         GTEST_SKIP() << "php is not installed";  // scripts/test installs it; nothing else here needs it
     }
     const TemporaryFolder folder;
-    std::ofstream(folder.PathOf("defaults.ini")) << "[Visits]\ncount=6\n";
+    std::ofstream(folder.PathOf("defaults.ini")) << "[Audio]\nvolume=3\n[Guests]\nmost=9\n"
+                                                    "[Network/Ethernet]\ndhcp=1\n[Visits]\ncount=6\n";
     ServerProcess server({"--defaults", folder.PathOf("defaults.ini"), "--user", folder.PathOf("user.ini")});
 
     const std::string document = ContentOf(std::string(KORLO_DOCS) + "/protocol.md").value();
@@ -88,9 +89,10 @@ TEST(ServerDocumentTest, TheClientInPhpWorks)
     ChildProcess client(
         {"php", "-d", "display_errors=stderr", "-d", "error_reporting=-1", folder.PathOf("client.php")});
     EXPECT_EQ(client.Wait(), 0);
-    EXPECT_EQ(client.GetOutput(), "7\n");
+    EXPECT_EQ(client.GetOutput(), "7\nAudio Network/Wifi Visits\n");
     EXPECT_EQ(client.GetErrors(), "");
-    EXPECT_EQ(RawClient(server.GetPort()).Get("*"), "[Audio]\nvolume=7\n[Visits]\ncount=7\n");
+    EXPECT_EQ(RawClient(server.GetPort()).Get("*"),
+              "[Audio]\nvolume=3\n[Network/Wifi]\nssid=Workshop\n[Visits]\ncount=7\n");
 }
 
 TEST(ServerDocumentTest, TheTableGivesTheDefaults)

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/HelpForm.h"
+
 namespace korlo::daemon
 {
 namespace
@@ -114,6 +116,14 @@ TEST(ServerOptionsTest, AnswerQuestions)
     EXPECT_THAT(Refusal({"--help"}).what(), HasSubstr("--max-backlog"));
     EXPECT_EQ(Refusal({"--version"}).GetStatus(), 0);
     EXPECT_THAT(Refusal({"--version"}).what(), testing::StartsWith("korlo-settings-server "));
+}
+
+TEST(ServerOptionsTest, HelpHasTheFormOfAllPrograms)
+{
+    const std::string help = Refusal({"--help"}).what();
+    ExpectHelpForm(help, "korlo-settings-server");
+    EXPECT_THAT(help, HasSubstr("(default: 127.0.0.1:4711)"));
+    EXPECT_EQ(help, Refusal({"-h"}).what());
 }
 
 }  // namespace
