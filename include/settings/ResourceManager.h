@@ -12,7 +12,7 @@ namespace korlo::settings
 class KorloSettingsClient;
 
 /// Accounts for resources: each has a total of units, perhaps a list of the consumers that may use it, and for each
-/// consumer what it uses now and perhaps a cap. All of it lies in the settings:
+/// consumer what it uses now and perhaps a cap. All of it is kept in the settings:
 ///
 /// | group                                  | key              | meaning                            | when absent   |
 /// |----------------------------------------|------------------|------------------------------------|---------------|
@@ -22,7 +22,7 @@ class KorloSettingsClient;
 /// | the same                               | MaxAllowed       | the most that it may hold          | no cap        |
 ///
 /// A reservation is a test-and-merge of everything that it was computed from: if anybody changed any of it meanwhile,
-/// the manager reads it again and tries anew. A consumer whose CurrentlyUsed appears between the reading and the
+/// the manager reads it again and retries. A consumer whose CurrentlyUsed appears between the reading and the
 /// writing is not seen; where the total must never be exceeded, let every consumer's group hold CurrentlyUsed=0
 /// beforehand. The name of a consumer holds no '/': what follows it is taken for a subgroup, and not counted by the
 /// others.

@@ -44,6 +44,8 @@ public:
 
     /// What the consumer holds.
     int GetCurrentUsage() const;
+
+    /// The units that there are.
     int GetTotalResources() const;
 
     /// Whether the consumer may use the resource, by what was read last; the first call of all reads it.

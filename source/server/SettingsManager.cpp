@@ -35,12 +35,6 @@ GroupNameMatcher MatcherOf(const std::string& nameOrPattern)
     return matcher;
 }
 
-void AddGroupNames(const IniFile& ini, GroupNameCollection& names)
-{
-    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
-                   common::GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
-}
-
 }  // namespace
 
 SettingsManager::SettingsManager()
@@ -152,12 +146,7 @@ void SettingsManager::RemoveErasedGroups()
 void SettingsManager::GetGroups(IniFile& out, const GroupNameMatcher& matcher) const
 {
     const StoreReadLock lock(_lock);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(_settings, matched);
-    for (const std::string& group : matched)
-    {
-        out.MergeSettings(_settings, group);
-    }
+    matcher.MergeMatchingGroups(_settings, out);
 }
 
 void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) const
@@ -273,7 +262,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         _userSettings.ValueListAppendUnique(DeletedGroups, namesAndPatterns);
         SaveUserSettings();
     }
-    AddGroupNames(accepted, changedGroups);
+    changedGroups.merge(common::GroupNamesOf(accepted));
     _dispatcher.OnChange(changedGroups, accepted);
 }
 
@@ -303,17 +292,12 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
         matcher.GetMatchingGroups(_userSettings, changedGroups);
         RemoveGroups(changedGroups);
 
-        GroupNameCollection restoredGroups;
-        matcher.GetMatchingGroups(defaults, restoredGroups);
-        for (const std::string& group : restoredGroups)
-        {
-            _userSettings.MergeSettings(defaults, group);
-            _settings.MergeSettings(defaults, group);
-            restored.MergeSettings(defaults, group);
-        }
+        matcher.MergeMatchingGroups(defaults, restored);
+        _userSettings.MergeSettings(restored);
+        _settings.MergeSettings(restored);
         SaveUserSettings();
-        changedGroups.merge(restoredGroups);
     }
+    changedGroups.merge(common::GroupNamesOf(restored));
     _dispatcher.OnChange(changedGroups, restored);
 }
 
@@ -360,8 +344,7 @@ void SettingsManager::Subscribe(IChangeCallback* pCallback, const std::string& n
 
 void SettingsManager::Unsubscribe(IChangeCallback* pCallback)
 {
-    const osa::MutexAutoLock lock(&_dispatcher._mutex);
-    _dispatcher._subscriptions.erase(pCallback);
+    _dispatcher.Remove(pCallback);
 }
 
 void SettingsManager::GetAllSubscribedGroups(GroupNameCollection& groups) const

@@ -139,7 +139,7 @@ public:
                 _isBehind = false;
                 return true;
             }
-            Refresh();  // somebody else was faster: compute everything anew
+            Refresh();  // somebody else was faster: compute everything again
         }
     }
 
@@ -170,7 +170,8 @@ private:
         {
             std::string_view name = std::string_view(group->first).substr(prefix.size());
             name = name.substr(0, name.find('/'));
-            // A consumer's subgroups follow its own group, as a rule; a name that comes back later counts again.
+            // A consumer's subgroups follow its own group, as a rule, and are skipped as the name kept last. Where "A+"
+            // sorts between "A" and "A/Detail", A counts twice: too much rather than too little.
             if (name != last && name != consumer)
             {
                 used += _cache.GetIntOrDefault(prefix + std::string(name), CurrentlyUsed, 0);
@@ -192,7 +193,7 @@ private:
     }
 
     KorloSettingsClient* const _pClient;  // borrowed
-    IniFile _cache;
+    IniFile _cache;  // all that was read: a reservation tests all of it, and so everything that it was computed from
     std::set<std::string> _knownResources;  // those whose groups are in the cache
     // A refresh or a reservation threw, so that the store may hold what the cache does not. The test of the next
     // reservation would miss a consumer that has no group in the cache; it reads everything again first. Getters go on
