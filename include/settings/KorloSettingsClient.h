@@ -46,15 +46,16 @@ class KorloSettingsClientImpl;
 ///   tries to connect five times, a second apart). A request whose connection breaks before its answer is sent again:
 ///   a change may be made twice, and TestAndMerge reports the last attempt.
 /// - LocalMultiThreaded and LocalSingleThreaded: as their counterparts, over a connection that does not break.
+/// - A client made by Confirming: what failed, with which server and why, as said there.
 /// - All modes but Local: "Group name '%s' cannot be sent: it is a full stop or holds a line break", before anything is
 ///   sent.
 ///
-/// Nothing limits the wait for a server that is connected and does not answer.
+/// Nothing but Confirming limits the wait for a server that is connected and does not answer.
 ///
-/// Thread safety: all methods, from any thread, in every mode. A single-threaded client serves one call at a time, a
-/// multi-threaded one one call that awaits an answer at a time; the others wait, without a limit, before their own
-/// limits begin. Destroy the client when no call is under way, and never in a callback. What a callback may do, and on
-/// which thread it runs: see IChangeCallback.
+/// Thread safety: all methods, from any thread, in every mode. A single-threaded or confirming client serves one call
+/// at a time, a multi-threaded one one call that awaits an answer at a time; the others wait, without a limit, before
+/// their own limits begin. Destroy the client when no call is under way, and never in a callback. What a callback may
+/// do, and on which thread it runs: see IChangeCallback.
 class KorloSettingsClient
 {
 public:
@@ -91,7 +92,7 @@ public:
     /// not.
     ///
     ///     KorloSettingsClient client = KorloSettingsClient::Confirming("panel.local:4711");
-    ///     client.SetValue("[Network]mode", "dhcp");  // it is so now, and on the server's disk
+    ///     client.SetValue("[Network]mode", "dhcp");  // the server has it now
     ///
     /// @param address HOST:PORT, [IPV6]:PORT or unix:PATH; see ServerAddress. An address is used whatever the
     ///        environment says. Empty: if KORLO_SETTINGS_LOCALFILE is set, the client is a local one, whose changes are
