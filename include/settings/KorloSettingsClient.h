@@ -7,6 +7,7 @@
 #include "korlo/core/IniFile.h"
 #include "settings/GroupNameCollection.h"
 #include "settings/IChangeCallback.h"
+#include "settings/IConnectionCallback.h"
 #include "settings/SettingLocator.h"
 
 namespace korlo::settings
@@ -51,6 +52,25 @@ public:
     /// The same with the application's defaults, which only a local client uses; they are copied. Values of the file
     /// that KORLO_SETTINGS_LOCALFILE names override them key by key.
     KorloSettingsClient(OperationMode mode, const core::IniFile& defaults);
+
+    /// A client for tools and scripts, which want to know what became of a change. It connects at once or throws, never
+    /// connects again, and returns from a change when the server has carried it out. It waits 15 seconds at most for an
+    /// answer, or for the next part of a long one. It refuses subscriptions as the single-threaded mode does. When it
+    /// is destroyed it waits, 5 seconds at most, until the server has ended the connection.
+    ///
+    /// After any failure on the way to an answer the connection is closed, and every later call throws at once; the
+    /// text of the failure says what failed, with which server and why, and of a change that it may have been made or
+    /// not.
+    ///
+    ///     KorloSettingsClient client = KorloSettingsClient::Confirming("panel.local:4711");
+    ///     client.SetValue("[Network]mode", "dhcp");  // it is so now, and on the server's disk
+    ///
+    /// @param address HOST:PORT, [IPV6]:PORT or unix:PATH; see ServerAddress. An address is used whatever the
+    ///        environment says. Empty: if KORLO_SETTINGS_LOCALFILE is set, the client is a local one, whose changes are
+    ///        carried out when they return; else the server is looked for where the other modes look.
+    /// @throws osa::Exception for an address that makes no sense, naming it; when nobody accepts a connection there
+    ///         within 5 seconds, naming it and the reason.
+    static KorloSettingsClient Confirming(const std::string& address);
 
     KorloSettingsClient(const KorloSettingsClient&) = delete;
     KorloSettingsClient& operator=(const KorloSettingsClient&) = delete;
@@ -111,7 +131,23 @@ public:
     /// is destroyed.
     void UnSubscribe(IChangeCallback* pCallback);
 
+    /// Tells `pCallback` whether the client has a connection: now, on the calling thread, and then, with a
+    /// multi-threaded client, at each change of that, on its reader thread: true when callers may send and all
+    /// subscriptions have been made again, false when the connection is lost. The end of the client itself is not
+    /// reported. When it returns, no call to an earlier callback is under way, unless it was the callback that called.
+    ///
+    /// Local modes, LocalMultiThreaded and LocalSingleThreaded among them, are always connected. A single-threaded or
+    /// confirming client has no thread that could notice a change: its callback is called now and never again, by a
+    /// single-threaded one with what its last call found (false before the first), by a confirming one with false after
+    /// a failure.
+    ///
+    /// @param pCallback takes the place of the one before. Borrowed; must stay alive until another one, or null, is set
+    ///        or the client is destroyed. What it throws from the call made here passes out, and it is then not set.
+    void SetConnectionCallback(IConnectionCallback* pCallback);
+
 private:
+    explicit KorloSettingsClient(std::unique_ptr<client::KorloSettingsClientImpl> pImpl);
+
     std::unique_ptr<client::KorloSettingsClientImpl> _pImpl;
 };
 

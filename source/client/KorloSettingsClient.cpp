@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <utility>
 
+#include "client/KorloSettingsClientImplConfirming.h"
 #include "client/KorloSettingsClientImplLocal.h"
 #include "client/KorloSettingsClientImplMultiThreaded.h"
 #include "client/KorloSettingsClientImplSingleThreaded.h"
@@ -17,12 +19,15 @@ namespace
 {
 
 using client::KorloSettingsClientImpl;
+using client::KorloSettingsClientImplConfirming;
 using client::KorloSettingsClientImplLocal;
 using client::KorloSettingsClientImplMultiThreaded;
 using client::KorloSettingsClientImplSingleThreaded;
 using client::KorloSettingsLocalConnection;
 using client::KorloSettingsTcpConnection;
 using core::IniFile;
+
+constexpr const char* LocalFileVariable = "KORLO_SETTINGS_LOCALFILE";
 
 GroupNameCollection GroupNamesOf(const IniFile& ini)
 {
@@ -49,13 +54,13 @@ std::unique_ptr<KorloSettingsClientImpl> CreateOverFile(const char* path, const 
 template <typename Impl, typename Connection>
 std::unique_ptr<KorloSettingsClientImpl> CreateOver()
 {
-    return std::make_unique<Impl>(new Connection);
+    return std::make_unique<Impl>(std::make_unique<Connection>());
 }
 
 /// @param pDefaults may be null.
 std::unique_ptr<KorloSettingsClientImpl> CreateImpl(KorloSettingsClient::OperationMode mode, const IniFile* pDefaults)
 {
-    if (const char* path = std::getenv("KORLO_SETTINGS_LOCALFILE"))
+    if (const char* path = std::getenv(LocalFileVariable))
     {
         return CreateOverFile(path, pDefaults);
     }
@@ -84,6 +89,17 @@ KorloSettingsClient::KorloSettingsClient(OperationMode mode) : _pImpl(CreateImpl
 KorloSettingsClient::KorloSettingsClient(OperationMode mode, const IniFile& defaults)
     : _pImpl(CreateImpl(mode, &defaults))
 {
+}
+
+KorloSettingsClient::KorloSettingsClient(std::unique_ptr<KorloSettingsClientImpl> pImpl) : _pImpl(std::move(pImpl))
+{
+}
+
+KorloSettingsClient KorloSettingsClient::Confirming(const std::string& address)
+{
+    const char* const localFile = address.empty() ? std::getenv(LocalFileVariable) : nullptr;
+    return KorloSettingsClient(localFile != nullptr ? CreateOverFile(localFile, nullptr)
+                                                    : std::make_unique<KorloSettingsClientImplConfirming>(address));
 }
 
 KorloSettingsClient::~KorloSettingsClient() = default;
@@ -192,6 +208,11 @@ void KorloSettingsClient::UnSubscribe(IChangeCallback* pCallback)
     common::CallbackDispatcher& dispatcher = _pImpl->_dispatcher;
     const osa::MutexAutoLock lock(&dispatcher._mutex);
     dispatcher._subscriptions.erase(pCallback);
+}
+
+void KorloSettingsClient::SetConnectionCallback(IConnectionCallback* pCallback)
+{
+    _pImpl->SetConnectionCallback(pCallback);
 }
 
 }  // namespace korlo::settings

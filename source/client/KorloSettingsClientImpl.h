@@ -3,8 +3,10 @@
 
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
+#include "korlo/osa/Mutex.h"
 #include "settings/GroupNameCollection.h"
 #include "settings/IChangeCallback.h"
+#include "settings/IConnectionCallback.h"
 #include "settings/common/CallbackDispatcher.h"
 
 namespace korlo::settings
@@ -21,7 +23,8 @@ namespace client
 class KorloSettingsClientImpl
 {
 public:
-    KorloSettingsClientImpl();
+    /// @param isConnected what a connection callback hears at first.
+    explicit KorloSettingsClientImpl(bool isConnected);
     KorloSettingsClientImpl(const KorloSettingsClientImpl&) = delete;
     KorloSettingsClientImpl& operator=(const KorloSettingsClientImpl&) = delete;
     virtual ~KorloSettingsClientImpl();
@@ -36,7 +39,16 @@ public:
     virtual void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) = 0;
     virtual void RestoreToDefaults(const GroupNameCollection& groups) = 0;
 
+    /// See KorloSettingsClient::SetConnectionCallback.
+    void SetConnectionCallback(IConnectionCallback* pCallback) KORLO_EXCLUDES(_callbackMutex);
+
 protected:
+    /// Keeps the state of the connection for a callback that is set later.
+    void NoteConnection(bool isConnected) const KORLO_EXCLUDES(_callbackMutex);
+
+    /// The same, and calls the callback if the state is another one now. With none of the client's locks held.
+    void ReportConnection(bool isConnected) KORLO_EXCLUDES(_callbackMutex);
+
     /// Adds what an answer held to the caller's document.
     static void AddReceived(core::IniFile& received, core::IniFile& settings);
 
@@ -44,6 +56,11 @@ protected:
 
     core::Logger* _pLogger;                  // not owned
     common::CallbackDispatcher _dispatcher;  // the application's subscribers
+
+private:
+    mutable osa::Mutex _callbackMutex;  // held while the callback runs, which may take every lock of the client
+    IConnectionCallback* _pConnectionCallback KORLO_GUARDED_BY(_callbackMutex) = nullptr;  // not owned
+    mutable bool _isConnected KORLO_GUARDED_BY(_callbackMutex);
 };
 
 }  // namespace client

@@ -36,7 +36,8 @@ void KorloSettingsClientImplLocal::LocalPersister::SaveUserSettings(const core::
 }
 
 KorloSettingsClientImplLocal::KorloSettingsClientImplLocal(const core::IniFile* pDefaults)
-    : _persister(pDefaults),
+    : KorloSettingsClientImpl(true),  // it is its own server
+      _persister(pDefaults),
       _settingsManager(&_persister, nullptr, nullptr, false)
 {
 }

@@ -2,16 +2,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
-#include <limits>
 #include <stdexcept>
+#include <utility>
 
-#include "client/FirstWord.h"
 #include "client/RemoteCommands.h"
 #include "common/Assertion.h"
-#include "common/DelimitedIstream.h"
-#include "common/GroupList.h"
-#include "common/ReadDelimitedValues.h"
+#include "common/Protocol.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::settings::client
@@ -25,11 +21,34 @@ constexpr unsigned short QueueCapacity = 1;
 constexpr int ConnectionAttempts = 3;
 constexpr unsigned int DoNotWait = 0;
 
-void WriteSubscribe(std::ostream& out, const GroupNameCollection& groups)
+/// Runs one step of the reader thread's cycle, which goes on whatever the step throws; false if it threw.
+/// @param log is called with the reason. What it throws in turn, for want of memory, stays unsaid.
+template <typename Step, typename Log>
+bool Survive(const Step& step, const Log& log)
 {
-    out << "subscribe\n";
-    common::WriteGroupList(out, groups);
-    out.flush();
+    const auto logSafely = [&log](const char* reason) {
+        try
+        {
+            log(reason);
+        }
+        catch (...)
+        {
+        }
+    };
+    try
+    {
+        step();
+        return true;
+    }
+    catch (const std::exception& exception)
+    {
+        logSafely(exception.what());
+    }
+    catch (...)
+    {
+        logSafely("unknown");
+    }
+    return false;
 }
 
 }  // namespace
@@ -68,40 +87,44 @@ private:
 
 KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection,
                                                                            const WaitLimits& limits)
-    : _thread("KorloSettings", this, StackBytes, Priority),
-      _pConnection(pConnection),
+    : KorloSettingsClientImplMultiThreaded(std::unique_ptr<KorloSettingsConnection>(pConnection), limits)
+{
+}
+
+KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(
+    std::unique_ptr<KorloSettingsConnection> pConnection, const WaitLimits& limits)
+    : KorloSettingsClientImpl(pConnection->KeepsTransport()),  // within the process, it is always connected
+      _thread("KorloSettings", this, StackBytes, Priority),
+      _pConnection(std::move(pConnection)),
       _commandMutex(nullptr),
       _sendMutex("sendMutex", 1, 0),
       _timeoutMs(limits.connectionMs),
       _requestQueue("KorloSettingsClientImpl::_requestQueue", QueueCapacity),
       _responseQueue("KorloSettingsClientImpl::_responseQueue", QueueCapacity),
-      _limits(limits),
-      _stopSignal("stopReader", 1, 0),
-      _readerEnded("readerEnded", 1, 0)
+      _limits(limits)
 {
+    _pConnection->HeedStopRequest(&_stopRequested);
     _thread.Run();
 }
 
 KorloSettingsClientImplMultiThreaded::~KorloSettingsClientImplMultiThreaded()
 {
-    _stopRequested = true;
-    _stopSignal.Release();
-    _pConnection->RequestStop();
+    _stopRequested.Make();
     try
     {
         const SemAutoLock lock(_sendMutex, _limits.quitMs);
         if (std::ostream* pOut = _pConnection->GetOstream())
         {
-            *pOut << "quit\n" << std::flush;
+            common::RequestWriter(*pOut).Quit();
         }
     }
     catch (...)
     {
         // The reader thread holds the semaphore while there is no connection: then nobody needs to be told.
     }
-    if (!_readerEnded.TryLock(_limits.quitMs))
+    if (!_stopRequested.AwaitEnd(_limits.quitMs))
     {
-        _pConnection->Interrupt();  // a server that does not answer to "quit"
+        _stopRequested.Break();  // a server that does not answer to "quit"
     }
     _thread.Join();
 }
@@ -165,9 +188,8 @@ unsigned int KorloSettingsClientImplMultiThreaded::SendSubscribe(const GroupName
 {
     const SemAutoLock lock(_sendMutex, _timeoutMs);
     CheckInvariant("Subscribe");
-    WriteSubscribe(*_pConnection->GetOstream(), groups);
-    _outputFailed = _pConnection->GetOstream()->fail();
-    return _connectionCount;
+    WriteOrDrop([&](std::ostream& out) { common::RequestWriter(out).Subscribe(groups); });
+    return _connectionCount;  // a lost one is replaced by one that subscribes everything
 }
 
 bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCommand* pCommand) const
@@ -200,7 +222,6 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
             FailToCommunicate(name);
         }
         Send(name, *pCommand);
-        _requestQueue.SendMsg(pCommand.get());
         static_cast<void>(pCommand.release());  // the reader thread's from here on
     }
     _responseQueue.GetMsg(status, osa::Infinite);
@@ -211,15 +232,47 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
     return status.result;
 }
 
+/// Queues the command, too, if it awaits a response.
 void KorloSettingsClientImplMultiThreaded::Send(const char* name, RemoteCommand& command) const
 {
-    std::ostream& out = *_pConnection->GetOstream();
-    command.SendRequest(out);
-    if (out.fail())
+    const bool isSent = WriteOrDrop([&](std::ostream& out) {
+        command.SendRequest(out);
+        if (!out.fail() && !command.GetResponseKeyword().empty())
+        {
+            _requestQueue.SendMsg(&command);
+        }
+    });
+    if (!isSent)
     {
-        _outputFailed = true;
         throw osa::Exception("%s lost connection to korlo-settings-server", name);
     }
+}
+
+/// Drops the connection unless the request was written, and the command queued, as a whole; false if it was lost. With
+/// the send semaphore held.
+template <typename Write>
+bool KorloSettingsClientImplMultiThreaded::WriteOrDrop(const Write& write) const
+{
+    std::ostream& out = *_pConnection->GetOstream();
+    const auto drop = [&] {
+        out.setstate(std::ios_base::badbit);  // nobody writes behind it, until there is another connection
+        _outputFailed = true;
+        _stopRequested.Break();
+    };
+    try
+    {
+        write(out);
+    }
+    catch (...)
+    {
+        drop();
+        throw;
+    }
+    if (out.fail())
+    {
+        drop();
+    }
+    return !out.fail();
 }
 
 void KorloSettingsClientImplMultiThreaded::CheckInvariant(const char* name) const
@@ -240,23 +293,49 @@ void KorloSettingsClientImplMultiThreaded::FailToCommunicate(const char* name) c
     throw osa::Exception("%s failed to communicate with korlo-settings-server", name);
 }
 
+// The cycle of the reader thread. `_sendMutex` starts taken, belongs to this thread in every state but Reading, and is
+// left taken for good at the end, when nobody may call any more. Nothing that a step throws ends the thread.
+//
+// state         | entered from                  | what happens                                       | next
+// --------------|-------------------------------|----------------------------------------------------|-------------
+// Connecting    | start, Disconnected           | up to three attempts to connect; without success a | Resubscribing
+//               |                               | pause of a second, and again                       |
+// Resubscribing | Connecting                    | one request subscribes everything that callbacks   | Reading
+//               |                               | asked for                                          |
+// Reading       | Resubscribing                 | `_sendMutex` is released, "connected" reported;    | Disconnected
+//               |                               | each line is a notification, which is delivered,   |
+//               |                               | or a response, which is handed to its caller       |
+// Disconnected  | Reading when a read fails, a  | "not connected" is reported and `_sendMutex` taken | Connecting
+//               | request was lost, or a line   | (not from Resubscribing); a pause of a second; the |
+//               | or a callback throws;         | command that awaits its response is dropped, and   |
+//               | Resubscribing when it throws  | its caller, or the next one, told of the failure   |
+// the end       | Connecting, once the          |                                                    |
+//               | destructor has asked for it   |                                                    |
 void KorloSettingsClientImplMultiThreaded::Run()
 {
-    // The cycle. `_sendMutex` starts taken, belongs to this thread in every step but ReadUntilLost, and is left taken
-    // for good at the end, when nobody may call any more.
     while (EstablishConnection())
     {
-        Resubscribe();
-        _pLogger->Information("Connected to korlo-settings-server, releasing semaphore");
-        _sendMutex.Release();
-        ReadUntilLost();
+        if (Survive([this] { Resubscribe(); }))
+        {
+            _sendMutex.Release();
+            Report(true);
+            Survive([this] { ReadUntilLost(); });
+            Report(false);
+            _sendMutex.Lock(osa::Infinite);
+        }
         LeaveConnection();
     }
-    _readerEnded.Release();
+    _stopRequested.SayEnded();
 }
 
 void KorloSettingsClientImplMultiThreaded::Stop()
 {
+}
+
+template <typename Step>
+bool KorloSettingsClientImplMultiThreaded::Survive(const Step& step) const
+{
+    return client::Survive(step, [this](const char* reason) { _pLogger->Error("Caught %s", reason); });
 }
 
 /// Returns true with both streams there, or false when the client is being destroyed: also when that began during the
@@ -265,64 +344,54 @@ bool KorloSettingsClientImplMultiThreaded::EstablishConnection()
 {
     while (!_stopRequested)
     {
-        _pLogger->Information("(re)Connecting to korlo-setting server");
-        try
-        {
-            Connect();
-        }
-        catch (const std::exception& exception)
-        {
-            _pLogger->Warning("Connect() failed: %s", exception.what());
-        }
-        catch (...)
-        {
-            _pLogger->Warning("Connect() failed: %s", "unknown");
-        }
+        client::Survive([this] { Connect(); },
+                        [this](const char* reason) { _pLogger->Warning("Connect() failed: %s", reason); });
         if (_pConnection->GetIstream() != nullptr && _pConnection->GetOstream() != nullptr)
         {
             return !_stopRequested;
         }
-        _pLogger->Warning("Attempting to reconnect in 1 second");
-        Pause();
+        Survive([this] { _pLogger->Warning("Attempting to reconnect in 1 second"); });
+        _stopRequested.Pause(_limits.pauseMs);
     }
     return false;
 }
 
 void KorloSettingsClientImplMultiThreaded::Connect() const
 {
+    _pLogger->Information("(re)Connecting to korlo-setting server");
     _pConnection->EnsureConnection(ConnectionAttempts);
 }
 
 void KorloSettingsClientImplMultiThreaded::Resubscribe()
 {
     ++_connectionCount;  // before the groups are gathered: see Subscribe
+    _outputFailed = false;
     GroupNameCollection groups;
     _dispatcher.GetAllSubscribedGroups(groups);
     if (!groups.empty())
     {
         _pLogger->Information("Resubscribing %d groups", static_cast<int>(groups.size()));
-        WriteSubscribe(*_pConnection->GetOstream(), groups);
+        WriteOrDrop([&](std::ostream& out) { common::RequestWriter(out).Subscribe(groups); });
     }
-    _outputFailed = _pConnection->GetOstream()->fail();
+    _pLogger->Information("Connected to korlo-settings-server, releasing semaphore");
+}
+
+/// A connection within the process is never lost, as far as anybody is concerned; and an owner who destroys the client
+/// wants to hear no more of it.
+void KorloSettingsClientImplMultiThreaded::Report(bool isConnected)
+{
+    if (!_pConnection->KeepsTransport() && !_stopRequested)
+    {
+        Survive([this, isConnected] { ReportConnection(isConnected); });
+    }
 }
 
 void KorloSettingsClientImplMultiThreaded::ReadUntilLost()
 {
-    try
+    std::istream& in = *_pConnection->GetIstream();
+    for (std::string line; !_outputFailed && std::getline(in, line) && in.good();)
     {
-        std::istream& in = *_pConnection->GetIstream();
-        for (std::string line; !_outputFailed && std::getline(in, line) && in.good();)
-        {
-            ReadLine(line);
-        }
-    }
-    catch (const std::exception& exception)
-    {
-        _pLogger->Error("Caught %s", exception.what());
-    }
-    catch (...)
-    {
-        _pLogger->Error("Caught %s", "an exception of an unknown kind");
+        ReadLine(line);
     }
 }
 
@@ -332,29 +401,30 @@ void KorloSettingsClientImplMultiThreaded::ReadLine(const std::string& line)
     {
         throw std::runtime_error("Unexpected empty line returned from tcp connection with korlo-settings-server");
     }
-    const std::string keyword(FirstWord(line));
-    keyword == "async" ? HandleNotification() : HandleResponse(keyword);
+    const std::string_view keyword = common::FirstWord(line);
+    keyword == common::word::Async ? HandleNotification() : HandleResponse(keyword);
 }
 
 void KorloSettingsClientImplMultiThreaded::HandleNotification()
 {
     std::istream& in = *_pConnection->GetIstream();
     GroupNameCollection groups;
-    common::readDelimitedValues(&in, std::inserter(groups, groups.end()));
     core::IniFile settings;
-    stl::DelimitedIstream body(&in, ".");
-    settings.LoadFromStream(body);
+    common::ResponseReader(in).ReadNotification(groups, settings);
     if (in.good())  // else the connection was cut inside the message, and what came of it tells nothing
     {
         _dispatcher.OnChange(groups, settings);
     }
 }
 
-void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& keyword)
+void KorloSettingsClientImplMultiThreaded::HandleResponse(std::string_view keyword)
 {
+    std::istream& in = *_pConnection->GetIstream();
     if (_abandonedResponses > 0)
     {
-        SkipResponse(keyword);
+        // The caller that awaited it was told of a failure, and the next caller must not take it for its own.
+        --_abandonedResponses;
+        common::ResponseReader(in).Skip(keyword);
         return;
     }
     RemoteCommand* pQueued = nullptr;
@@ -369,7 +439,6 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& key
         return;
     }
     std::unique_ptr<RemoteCommand> pCommand(pQueued);
-    std::istream& in = *_pConnection->GetIstream();
     ResponseStatus status{false, false};
     if (!pCommand->GetResponseKeyword().empty() && pCommand->GetResponseKeyword() == keyword)
     {
@@ -391,37 +460,13 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(const std::string& key
     _responseQueue.SendMsg(status);
 }
 
-/// The caller that awaited this response was told of a failure, and the next caller must not take it for its own.
-void KorloSettingsClientImplMultiThreaded::SkipResponse(const std::string& keyword)
-{
-    --_abandonedResponses;
-    std::istream& in = *_pConnection->GetIstream();
-    if (keyword == "data")
-    {
-        stl::DelimitedIstream body(&in, ".");
-        body.ignore(std::numeric_limits<std::streamsize>::max());
-    }
-    else
-    {
-        in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    }
-}
-
-/// Whatever fails here is logged: the cycle goes on, and the thread with it.
+/// With the send semaphore held, until there is a connection again.
 void KorloSettingsClientImplMultiThreaded::LeaveConnection()
 {
-    _sendMutex.Lock(osa::Infinite);  // until there is a connection again
-    try
-    {
-        Pause();
-        CleanRequestQueue();
-        _responseQueue.SendMsg(ResponseStatus{false, false});
-    }
-    catch (const std::exception& exception)
-    {
-        _pLogger->Error("Caught %s", exception.what());
-    }
-    _pConnection->CloseConnection();
+    _stopRequested.Pause(_limits.pauseMs);
+    Survive([this] { CleanRequestQueue(); });
+    PostFailure();
+    Survive([this] { _pConnection->CloseConnection(); });
     _pConnection->ForgetStreams();
 }
 
@@ -429,20 +474,24 @@ void KorloSettingsClientImplMultiThreaded::CleanRequestQueue()
 {
     while (_requestQueue.Size() != 0)
     {
-        _pLogger->Information("cleaning request queue");
         RemoteCommand* pQueued = nullptr;
         _requestQueue.GetMsg(pQueued, osa::Infinite);
         const std::unique_ptr<RemoteCommand> pCommand(pQueued);
         _abandonedResponses += _pConnection->KeepsTransport() ? 1 : 0;
+        _pLogger->Information("cleaning request queue");
     }
 }
 
-/// One second, or until the client is being destroyed.
-void KorloSettingsClientImplMultiThreaded::Pause()
+/// Whoever awaits a response would wait for ever without it: so a status for which there is no memory is posted later.
+/// A queue that is full holds one that nobody has met yet, which is as good.
+void KorloSettingsClientImplMultiThreaded::PostFailure()
 {
-    if (!_stopRequested)
+    while (!Survive([this] {
+        _responseQueue.SendMsg(ResponseStatus{false, false});
+    }) && _responseQueue.Size() == 0 &&
+           !_stopRequested)
     {
-        _stopSignal.TryLock(_limits.pauseMs);
+        _stopRequested.Pause(_limits.pauseMs);
     }
 }
 

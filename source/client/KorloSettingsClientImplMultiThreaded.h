@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "client/KorloSettingsClientImpl.h"
 #include "client/KorloSettingsConnection.h"
 #include "client/RemoteCommand.h"
+#include "client/StopRequest.h"
 #include "client/tMsgQueue.h"
 #include "korlo/osa/Mutex.h"
 #include "korlo/osa/Semaphore.h"
@@ -42,6 +44,9 @@ struct WaitLimits
 /// `_sendMutex` held; that a write failed, the reader learns from `_outputFailed`. The stream pointers change only on
 /// the reader thread with `_sendMutex` held.
 ///
+/// A request that could not be made whole, for want of memory or of a connection, drops the connection: what there is
+/// of it must not become the head of another request, nor its response be taken for another one's.
+///
 /// A failure status is posted whenever the connection is lost, whether or not a caller waits. Left over by a connection
 /// that broke while nobody waited, it makes exactly one later call fail, before that call sends anything.
 ///
@@ -60,6 +65,8 @@ public:
     /// Starts the reader thread and does not wait for the connection.
     /// @param pConnection taken.
     explicit KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection, const WaitLimits& limits = {});
+    explicit KorloSettingsClientImplMultiThreaded(std::unique_ptr<KorloSettingsConnection> pConnection,
+                                                  const WaitLimits& limits = {});
 
     /// Tells the server "quit" if there is a connection, and waits for the reader thread: for the connection attempt
     /// that is under way, and no longer.
@@ -95,20 +102,25 @@ private:
     void CheckInvariant(const char* name) const;
     [[noreturn]] void FailToCommunicate(const char* name) const;
 
+    template <typename Write>
+    bool WriteOrDrop(const Write& write) const;
+
+    template <typename Step>
+    bool Survive(const Step& step) const;
     bool EstablishConnection();
     void Connect() const;
     void Resubscribe();
+    void Report(bool isConnected);
     void ReadUntilLost();
     void ReadLine(const std::string& line);
     void HandleNotification();
-    void HandleResponse(const std::string& keyword);
-    void SkipResponse(const std::string& keyword);
+    void HandleResponse(std::string_view keyword);
     void LeaveConnection();
     void CleanRequestQueue();
-    void Pause();
+    void PostFailure();
 
     osa::Thread _thread;
-    std::atomic<bool> _stopRequested = false;
+    mutable StopRequest _stopRequested;  // lent to the connection
     std::unique_ptr<KorloSettingsConnection> _pConnection;
     mutable osa::Mutex _commandMutex;
     mutable osa::Semaphore _sendMutex;
@@ -119,8 +131,6 @@ private:
     const WaitLimits _limits;
     mutable std::atomic<bool> _outputFailed = false;
     std::atomic<unsigned int> _connectionCount = 0;  // tells a subscriber whether the connection is still the same
-    osa::Semaphore _stopSignal;                      // ends a pause of the reader thread
-    osa::Semaphore _readerEnded;
     unsigned int _abandonedResponses = 0;  // the reader thread's; to requests whose callers have failed meanwhile
 };
 

@@ -1,18 +1,15 @@
 #include "client/KorloSettingsConnection.h"
 
+#include <utility>
+
+#include "korlo/osa/Thread.h"
+
 namespace korlo::settings::client
 {
-namespace
-{
-
-constexpr unsigned int LastWordsMs = 1000;
-
-}  // namespace
 
 KorloSettingsConnection::KorloSettingsConnection(bool keepsTransport)
     : _pLogger(core::Logger::GetLogger("KorloSettingsConnection")),
-      _keepsTransport(keepsTransport),
-      _stopSignal("stopConnecting", 1, 0)
+      _keepsTransport(keepsTransport)
 {
 }
 
@@ -33,37 +30,17 @@ void KorloSettingsConnection::ForgetStreams()
     _pOut = nullptr;
 }
 
-void KorloSettingsConnection::RequestStop()
-{
-    if (!_stopRequested.exchange(true))
-    {
-        _stopSignal.Release();
-    }
-    const osa::MutexAutoLock lock(&_interruptMutex);
-    if (_pInterruptible != nullptr)
-    {
-        _pInterruptible->LimitWrites(LastWordsMs);
-    }
-}
-
-void KorloSettingsConnection::Interrupt()
-{
-    const osa::MutexAutoLock lock(&_interruptMutex);
-    if (_pInterruptible != nullptr)
-    {
-        _pInterruptible->Close();
-    }
-}
-
-void KorloSettingsConnection::SetInterruptible(osa::TcpSocket* pSocket)
-{
-    const osa::MutexAutoLock lock(&_interruptMutex);
-    _pInterruptible = pSocket;
-}
-
 void KorloSettingsConnection::Pause(unsigned int durationMs)
 {
-    _stopSignal.TryLock(durationMs);
+    _pStopRequest != nullptr ? _pStopRequest->Pause(durationMs) : osa::Thread::CurrentThread::Sleep(durationMs);
+}
+
+void KorloSettingsConnection::SetBreaker(StopRequest::Breaker breaker)
+{
+    if (_pStopRequest != nullptr)
+    {
+        _pStopRequest->SetBreaker(std::move(breaker));
+    }
 }
 
 }  // namespace korlo::settings::client

@@ -1,21 +1,18 @@
 #pragma once
 // A pair of streams on which a client speaks the settings protocol.
 
-#include <atomic>
 #include <istream>
 #include <ostream>
 
+#include "client/StopRequest.h"
 #include "korlo/core/Logger.h"
-#include "korlo/osa/Mutex.h"
-#include "korlo/osa/Semaphore.h"
-#include "korlo/osa/TcpSocket.h"
 
 namespace korlo::settings::client
 {
 
 /// One way to reach the settings server: it establishes and drops the streams, and owns them.
 ///
-/// Thread safety: one thread at a time, but RequestStop and Interrupt from any thread.
+/// Thread safety: one thread at a time. Another one ends what it waits for by the StopRequest.
 class KorloSettingsConnection
 {
 public:
@@ -47,21 +44,20 @@ public:
     /// from before then still come.
     bool KeepsTransport() const { return _keepsTransport; }
 
-    /// Nobody will need the connection any more: an EnsureConnection that is under way, or comes later, makes no
-    /// further attempt and waits for nothing, and what is still written waits for a second at most.
-    void RequestStop() KORLO_EXCLUDES(_interruptMutex);
-
-    /// Ends the streams of a peer that does not end them itself: whoever reads meets the end.
-    void Interrupt() KORLO_EXCLUDES(_interruptMutex);
+    /// Once that request is made, an EnsureConnection that is under way, or comes later, makes no further attempt and
+    /// waits for nothing; and its breaker ends the streams. To be called before the first EnsureConnection; a
+    /// connection without a request never stops trying.
+    /// @param pStopRequest borrowed, not null; must outlive the connection.
+    void HeedStopRequest(StopRequest* pStopRequest) { _pStopRequest = pStopRequest; }
 
 protected:
-    bool StopRequested() const { return _stopRequested; }
+    bool StopRequested() const { return _pStopRequest != nullptr && *_pStopRequest; }
 
     /// Waits before the next attempt, unless somebody asks to stop.
     void Pause(unsigned int durationMs);
 
-    /// @param pSocket what Interrupt and RequestStop work on from now on; borrowed, may be null.
-    void SetInterruptible(osa::TcpSocket* pSocket) KORLO_EXCLUDES(_interruptMutex);
+    /// @param breaker of the transport from now on; empty before it goes.
+    void SetBreaker(StopRequest::Breaker breaker);
 
     core::Logger* _pLogger;         // not owned
     std::istream* _pIn = nullptr;   // borrowed from the transport
@@ -69,10 +65,7 @@ protected:
 
 private:
     const bool _keepsTransport;
-    std::atomic<bool> _stopRequested = false;
-    osa::Semaphore _stopSignal;  // raised once, for the one thread that may pause
-    osa::Mutex _interruptMutex;
-    osa::TcpSocket* _pInterruptible KORLO_GUARDED_BY(_interruptMutex) = nullptr;
+    StopRequest* _pStopRequest = nullptr;  // not owned
 };
 
 }  // namespace korlo::settings::client

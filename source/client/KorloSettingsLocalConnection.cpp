@@ -1,5 +1,6 @@
 #include "client/KorloSettingsLocalConnection.h"
 
+#include "common/Protocol.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::settings::client
@@ -26,8 +27,10 @@ KorloSettingsLocalConnection::KorloSettingsLocalConnection()
 
 KorloSettingsLocalConnection::~KorloSettingsLocalConnection()
 {
-    *_requests.GetOstream() << "quit\n" << std::flush;
-    _pThread.reset();  // joins
+    SetBreaker({});
+    common::RequestWriter(*_requests.GetOstream()).Quit();
+    _requests.ClosePipe();  // for a handler that waits for the rest of a request which could not be written
+    _pThread.reset();       // joins
 }
 
 void KorloSettingsLocalConnection::EnsureConnection(int)
@@ -38,6 +41,12 @@ void KorloSettingsLocalConnection::EnsureConnection(int)
     {
         throw osa::Exception("KorloSettingsLocalConnection: Connection is in invalid state");
     }
+    SetBreaker([this](StopRequest::Urgency urgency) {
+        if (urgency == StopRequest::AtOnce)
+        {
+            _requests.ClosePipe();  // the handler meets the end, and closes the other one
+        }
+    });
     _pIn = pIn;
     _pOut = pOut;
 }

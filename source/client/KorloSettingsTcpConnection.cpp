@@ -1,7 +1,6 @@
 #include "client/KorloSettingsTcpConnection.h"
 
 #include "korlo/osa/Exception.h"
-#include "korlo/osa/Mutex.h"
 
 namespace korlo::settings::client
 {
@@ -10,6 +9,7 @@ namespace
 
 constexpr const char* ConnectFailure = "Failed to connect to korlo-settings-server";
 constexpr unsigned int PauseMs = 1000;
+constexpr unsigned int LastWordsMs = 1000;
 constexpr unsigned int ConnectTimeoutMs = 10;  // the server is on this machine
 constexpr unsigned short NoDelay = 1;
 constexpr unsigned short PortOfHost = 0;  // the one that goes with the host's name
@@ -23,6 +23,10 @@ KorloSettingsTcpConnection::~KorloSettingsTcpConnection()
 
 void KorloSettingsTcpConnection::EnsureConnection(int retries)
 {
+    if (_pStream == nullptr)
+    {
+        ForgetStreams();  // those that CloseConnection left behind, which are gone
+    }
     for (int attempt = 0; !IsReady() && attempt < retries && !StopRequested(); ++attempt)
     {
         CloseConnection();
@@ -61,12 +65,14 @@ void KorloSettingsTcpConnection::TryToConnect()
     _pStream = std::make_unique<osa::TcpSocketStream>(_pSocket.get(), osa::Infinite);
     _pIn = _pStream.get();
     _pOut = &_pStream->GetOstream();
-    SetInterruptible(_pSocket.get());
+    SetBreaker([pSocket = _pSocket.get()](StopRequest::Urgency urgency) {
+        urgency == StopRequest::AtOnce ? pSocket->Close() : pSocket->LimitWrites(LastWordsMs);
+    });
 }
 
 void KorloSettingsTcpConnection::CloseConnection()
 {
-    SetInterruptible(nullptr);
+    SetBreaker({});
     _pStream.reset();
     _pSocket.reset();
 }

@@ -1,7 +1,6 @@
 #include "client/RemoteCommands.h"
 
-#include "common/GroupList.h"
-#include "korlo/stl/DelimitedStreamBuf.h"
+#include "common/Protocol.h"
 #include "settings/server/SettingsManager.h"
 
 namespace korlo::settings::client
@@ -9,13 +8,10 @@ namespace korlo::settings::client
 namespace
 {
 
-constexpr const char* NoResponse = "";
+using common::RequestWriter;
+using common::ResponseReader;
 
-void WriteBody(std::ostream& out, const core::IniFile& settings)
-{
-    settings.SaveToStream(out);
-    out << ".\n";
-}
+constexpr const char* NoResponse = "";
 
 }  // namespace
 
@@ -27,7 +23,7 @@ bool RemoteCommand::HandleResponse(std::istream&)
 }
 
 GetSettingsCommand::GetSettingsCommand(const GroupNameCollection* pGroups, core::IniFile* pResult)
-    : RemoteCommand("data"),
+    : RemoteCommand(common::word::Data),
       _pGroups(pGroups),
       _pResult(pResult)
 {
@@ -36,15 +32,12 @@ GetSettingsCommand::GetSettingsCommand(const GroupNameCollection* pGroups, core:
 
 void GetSettingsCommand::SendRequest(std::ostream& out)
 {
-    out << "get delimited\n";
-    common::WriteGroupList(out, *_pGroups);
-    out.flush();
+    RequestWriter(out).Get(*_pGroups);
 }
 
 bool GetSettingsCommand::HandleResponse(std::istream& in)
 {
-    stl::DelimitedStreamBuf body(&in, ".");
-    _pResult->LoadFromStream(body);
+    ResponseReader(in).ReadSettings(*_pResult);
     return true;
 }
 
@@ -57,13 +50,11 @@ MergeCommand::MergeCommand(const core::IniFile* pChanges, unsigned int flags)
 
 void MergeCommand::SendRequest(std::ostream& out)
 {
-    out << "merge" << ((_flags & server::SettingsManager::DoNotPersist) != 0 ? " nopersist" : "") << '\n';
-    WriteBody(out, *_pChanges);
-    out.flush();
+    RequestWriter(out).Merge(*_pChanges, (_flags & server::SettingsManager::DoNotPersist) == 0);
 }
 
 TestAndMergeCommand::TestAndMergeCommand(const core::IniFile* pExpected, const core::IniFile* pChanges)
-    : RemoteCommand("result"),
+    : RemoteCommand(common::word::Result),
       _pExpected(pExpected),
       _pChanges(pChanges)
 {
@@ -71,20 +62,12 @@ TestAndMergeCommand::TestAndMergeCommand(const core::IniFile* pExpected, const c
 
 void TestAndMergeCommand::SendRequest(std::ostream& out)
 {
-    out << "test-and-merge\n";
-    WriteBody(out, *_pExpected);
-    WriteBody(out, *_pChanges);
-    out.flush();
+    RequestWriter(out).TestAndMerge(*_pExpected, *_pChanges);
 }
 
 bool TestAndMergeCommand::HandleResponse(std::istream& in)
 {
-    std::string line;
-    std::getline(in, line);
-    if (line == "ok")
-    {
-        _outcome = true;
-    }
+    _outcome = ResponseReader(in).ReadOutcome() || _outcome;
     return _outcome;
 }
 
@@ -98,10 +81,7 @@ OverwriteCommand::OverwriteCommand(const GroupNameCollection* pGroups, const cor
 
 void OverwriteCommand::SendRequest(std::ostream& out)
 {
-    out << "overwrite\n";
-    common::WriteGroupList(out, *_pGroups);
-    WriteBody(out, *_pSettings);
-    out.flush();
+    RequestWriter(out).Overwrite(*_pGroups, *_pSettings);
 }
 
 RestoreToDefaultsCommand::RestoreToDefaultsCommand(const GroupNameCollection* pGroups)
@@ -113,9 +93,7 @@ RestoreToDefaultsCommand::RestoreToDefaultsCommand(const GroupNameCollection* pG
 
 void RestoreToDefaultsCommand::SendRequest(std::ostream& out)
 {
-    out << "restore\n";
-    common::WriteGroupList(out, *_pGroups);
-    out.flush();
+    RequestWriter(out).Restore(*_pGroups);
 }
 
 }  // namespace korlo::settings::client

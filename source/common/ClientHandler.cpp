@@ -8,8 +8,8 @@
 #include <string>
 
 #include "common/Assertion.h"
-#include "common/GroupList.h"
 #include "common/NotificationCache.h"
+#include "common/Protocol.h"
 #include "common/ReadDelimitedValues.h"
 #include "korlo/core/Stopwatch.h"
 #include "settings/server/SerializationManager.h"
@@ -19,6 +19,8 @@ namespace korlo::settings::server
 {
 namespace
 {
+
+namespace word = common::word;
 
 constexpr const char* Source = "source/common/ClientHandler";
 
@@ -50,7 +52,7 @@ public:
     void Dispatch(ClientHandler& handler, std::istream& words) const
     {
         const std::string command = TakeWord(words);
-        if (command.empty() || command == ".")
+        if (command.empty() || command == word::EndOfBlock)
         {
             return;
         }
@@ -72,16 +74,16 @@ private:
     MsgDispatcher()
         : _pLogger(core::Logger::GetLogger("MsgDispatcher")),
           _commands{
-              {"quit", &ClientHandler::Quit},
-              {"dump", &ClientHandler::Dump},
-              {"merge", &ClientHandler::Merge},
-              {"test-and-merge", &ClientHandler::TestAndMerge},
-              {"subscribe", &ClientHandler::Subscribe},
-              {"get", &ClientHandler::GetSections},
-              {"overwrite", &ClientHandler::Overwrite},
-              {"serialize", &ClientHandler::ChangeSerialization},
-              {"restore", &ClientHandler::RestoreDefaults},
-              {"info", &ClientHandler::Info},
+              {word::Quit, &ClientHandler::Quit},
+              {word::Dump, &ClientHandler::Dump},
+              {word::Merge, &ClientHandler::Merge},
+              {word::TestAndMerge, &ClientHandler::TestAndMerge},
+              {word::Subscribe, &ClientHandler::Subscribe},
+              {word::Get, &ClientHandler::GetSections},
+              {word::Overwrite, &ClientHandler::Overwrite},
+              {word::Serialize, &ClientHandler::ChangeSerialization},
+              {word::Restore, &ClientHandler::RestoreDefaults},
+              {word::Info, &ClientHandler::Info},
           }
     {
     }
@@ -178,16 +180,16 @@ void ClientHandler::Quit(std::istream&)
 void ClientHandler::Dump(std::istream& options)
 {
     const osa::MutexAutoLock lock(&_outputMutex);
-    TakeWord(options) == "all" ? _pSettingsManager->DumpAllSettings(_message)
-                               : _pSettingsManager->DumpUserSettings(_message);
-    _message << ".\n";
+    TakeWord(options) == word::All ? _pSettingsManager->DumpAllSettings(_message)
+                                   : _pSettingsManager->DumpUserSettings(_message);
+    _message << word::EndOfBlock << '\n';
     SendMessage();
 }
 
 void ClientHandler::Merge(std::istream& options)
 {
     const ISettingsSerializer& serializer = Serializer("_pSerializer");
-    const bool persist = TakeWord(options) != "nopersist";
+    const bool persist = TakeWord(options) != word::NoPersist;
     core::IniFile changes;
     serializer.OnDeserialize(*_pIn, changes);
     if (RequestIsWhole())
@@ -210,7 +212,7 @@ void ClientHandler::TestAndMerge(std::istream&)
     // The mutex comes after the change, whose notification may have to be written by this very handler.
     const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
     const osa::MutexAutoLock lock(&_outputMutex);
-    *_pOut << "result\n" << (merged ? "ok" : "failure") << '\n' << std::flush;
+    *_pOut << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n' << std::flush;
 }
 
 void ClientHandler::Subscribe(std::istream&)
@@ -230,7 +232,7 @@ void ClientHandler::Subscribe(std::istream&)
 void ClientHandler::GetSections(std::istream& options)
 {
     const ISettingsSerializer& serializer = Serializer("_pSerializer");
-    const bool delimited = TakeWord(options) == "delimited";
+    const bool delimited = TakeWord(options) == word::Delimited;
     common::GroupNameMatcher matcher;
     common::readDelimitedValues(_pIn, common::GroupNameMatcherInsertIterator(&matcher));
     if (!RequestIsWhole())
@@ -238,12 +240,18 @@ void ClientHandler::GetSections(std::istream& options)
         return;
     }
     const osa::MutexAutoLock lock(&_outputMutex);
-    _message << (delimited ? "data\n" : "");
+    if (delimited)
+    {
+        _message << word::Data << '\n';
+    }
     if (!matcher.IsEmpty())
     {
         _pSettingsManager->WriteGroups(_message, matcher, serializer);
     }
-    _message << (delimited ? ".\n" : "");
+    if (delimited)
+    {
+        _message << word::EndOfBlock << '\n';
+    }
     SendMessage();
 }
 
@@ -282,7 +290,7 @@ void ClientHandler::RestoreDefaults(std::istream&)
 
 void ClientHandler::Info(std::istream& options)
 {
-    if (TakeWord(options) != "subscribed")
+    if (TakeWord(options) != word::Subscribed)
     {
         return;
     }
@@ -291,7 +299,7 @@ void ClientHandler::Info(std::istream& options)
     _pSettingsManager->GetAllSubscribedGroups(groups);
 
     const osa::MutexAutoLock lock(&_outputMutex);
-    *_pOut << "Subscribed groups\n-----------------\n";
+    *_pOut << word::SubscribedTitle << '\n' << word::SubscribedRule << '\n';
     for (const std::string& group : groups)
     {
         if (group.find('\n') == std::string::npos)  // a subscriber in the server's own process may have any name
@@ -340,10 +348,10 @@ void ClientHandler::Notify(const GroupNameCollection& groups)
         common::GroupNameMatcher matcher;
         matcher.AddNamesAndPatterns(groups);
         std::ostringstream text;
-        text << "async change\n";
+        text << word::AsyncChange << '\n';
         common::WriteGroupList(text, groups);
         const std::uint64_t version = _pSettingsManager->WriteGroups(text, matcher, serializer);
-        text << ".\n";
+        text << word::EndOfBlock << '\n';
         pText = std::make_shared<const std::string>(std::move(text).str());
         NotificationCache::Instance().Keep({version, form, groups}, pText);
     }

@@ -33,10 +33,12 @@ protected:
     KorloSettingsTcpConnectionTest()
     {
         core::Logger::GetLogger("KorloSettingsConnection")->SetThreshold(core::LogLevelInformation);
+        connection.HeedStopRequest(&stopRequest);
     }
 
     LogWatch log;
     ScriptedServer server;
+    StopRequest stopRequest;
     KorloSettingsTcpConnection connection;
 };
 
@@ -180,12 +182,12 @@ TEST_F(KorloSettingsTcpConnectionTest, ARequestToStopEndsThePauseBetweenAttempts
     auto ensured =
         std::async(std::launch::async, [&] { return MessageOf([&] { connection.EnsureConnection(1000); }); });
     ASSERT_TRUE(log.WaitFor(RetryInformation));
-    connection.RequestStop();
+    stopRequest.Make();
     ASSERT_EQ(ensured.wait_for(30s), std::future_status::ready);
     EXPECT_EQ(ensured.get(), ConnectFailure);
 }
 
-TEST_F(KorloSettingsTcpConnectionTest, AnInterruptEndsAReadThatWaits)
+TEST_F(KorloSettingsTcpConnectionTest, ABrokenTransportEndsAReadThatWaits)
 {
     connection.EnsureConnection(1);
     const auto pPeer = server.Accept();
@@ -194,7 +196,7 @@ TEST_F(KorloSettingsTcpConnectionTest, AnInterruptEndsAReadThatWaits)
         return static_cast<bool>(std::getline(*connection.GetIstream(), line));
     });
     EXPECT_EQ(read.wait_for(5ms), std::future_status::timeout);
-    connection.Interrupt();
+    stopRequest.Break();
     ASSERT_EQ(read.wait_for(30s), std::future_status::ready);
     EXPECT_FALSE(read.get());
 }
