@@ -141,7 +141,14 @@ private:
         }
     }
 
-    void Read(const std::string& resource) { _pClient->GetSettings(GroupOf(resource) + "*", _cache); }
+    /// A name with a line break could not be sent: a star in its place selects the groups too. What else comes with
+    /// them does no harm.
+    void Read(const std::string& resource)
+    {
+        std::string pattern = GroupOf(resource) + "*";
+        std::ranges::replace(pattern, '\n', '*');
+        _pClient->GetSettings(pattern, _cache);
+    }
 
     std::int64_t UsedByOthers(const std::string& consumer, const std::string& resource) const
     {
