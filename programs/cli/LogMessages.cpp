@@ -15,9 +15,6 @@ namespace
 using core::Logger;
 using core::LogLevel;
 
-constexpr const char* ClientLog = "KorloSettings";
-constexpr const char* ConnectionLog = "KorloSettingsConnection";
-
 /// Thread safety: as ILogAppender says.
 class MessageAppender : public core::ILogAppender
 {
@@ -35,41 +32,6 @@ private:
     std::string _last;
 };
 
-/// Thread safety: as ILogAppender says.
-class ReconnectionAppender : public core::ILogAppender
-{
-public:
-    void Append(const Logger& logger, LogLevel level, const std::string& message) override
-    {
-        if (logger.GetName() != ClientLog && logger.GetName() != ConnectionLog)
-        {
-            _other.Append(logger, level, message);
-        }
-        else if (message.starts_with("Connected"))
-        {
-            SetConnected(true);
-        }
-        else if (message.starts_with("(re)Connecting"))
-        {
-            SetConnected(false);
-        }
-    }
-
-private:
-    void SetConnected(bool isConnected)
-    {
-        if (_isConnected != isConnected)
-        {
-            _isConnected = isConnected;
-            WriteMessage(isConnected ? "the settings server is back"
-                                     : "the settings server is gone; waiting for it to come back");
-        }
-    }
-
-    MessageAppender _other;
-    bool _isConnected = true;
-};
-
 }  // namespace
 
 void LogAsMessages()
@@ -78,11 +40,12 @@ void LogAsMessages()
     Logger::AddAppender(std::make_shared<MessageAppender>());
 }
 
-void LogReconnections()
+void SilenceConnection()
 {
-    Logger::ClearAppenders();
-    Logger::AddAppender(std::make_shared<ReconnectionAppender>());
-    Logger::GetLogger(ClientLog)->SetThreshold(core::LogLevelInformation);
+    for (const char* name : {"KorloSettings", "KorloSettingsConnection"})
+    {
+        Logger::GetLogger(name)->SetThreshold(0);
+    }
 }
 
 }  // namespace korlo::settings::cli

@@ -7,8 +7,8 @@ namespace korlo::settings::cli
 /// Writes what is logged to standard error from now on, but not a message that only repeats the one before.
 void LogAsMessages();
 
-/// The same, for a client that is connected and only hears of changes from now on: of all that the client says, this
-/// tells only that the connection is lost, and that there is one again.
-void LogReconnections();
+/// Nothing of what the multi-threaded client says about its connection from now on: who watches is told of that in a
+/// better way.
+void SilenceConnection();
 
 }  // namespace korlo::settings::cli

@@ -3,6 +3,7 @@
 #include "Failure.h"
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -54,6 +55,20 @@ GroupNameCollection GroupsOf(const core::IniFile& document)
         names.insert(names.end(), name);
     }
     return names;
+}
+
+core::IniFile SelectGroups(const core::IniFile& document, const GroupNameCollection& namesAndPatterns)
+{
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(namesAndPatterns);
+    GroupNameCollection matched;
+    matcher.GetMatchingGroups(document, matched);
+    core::IniFile selected;
+    for (const std::string& group : matched)
+    {
+        selected.MergeSettings(document, group);
+    }
+    return selected;
 }
 
 void FailForNoMatch(const std::vector<std::string>& operands)

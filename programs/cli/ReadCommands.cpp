@@ -3,7 +3,6 @@
 #include "Json.h"
 #include "Operands.h"
 #include "StandardStreams.h"
-#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -31,7 +30,7 @@ ExitStatus PrintValue(const Invocation& invocation)
 {
     const std::string& operand = invocation.operands.front();
     const SettingLocator locator = ParseLocator(operand);
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const IniFile settings = session.Read({locator.group});
     if (!settings.HasValue(locator.group, locator.key))
     {
@@ -72,15 +71,7 @@ Selection::Selection(const std::vector<std::string>& operands)
 
 IniFile Selection::From(const IniFile& settings) const
 {
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(whole);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(settings, matched);
-    IniFile selected;
-    for (const std::string& group : matched)
-    {
-        selected.MergeSettings(settings, group);
-    }
+    IniFile selected = SelectGroups(settings, whole);
     for (const SettingLocator& locator : single)
     {
         if (settings.HasValue(locator.group, locator.key))
@@ -100,7 +91,7 @@ ExitStatus RunGet(const Invocation& invocation)
         return PrintValue(invocation);
     }
     const Selection selection(invocation.operands);
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const IniFile settings = selection.From(session.Read(selection.groups));
     if (settings.empty())
     {
@@ -113,7 +104,7 @@ ExitStatus RunGet(const Invocation& invocation)
 ExitStatus RunList(const Invocation& invocation)
 {
     const std::string pattern = invocation.operands.empty() ? "*" : invocation.operands.front();
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const GroupNameCollection names = GroupsOf(session.Read({pattern}));
     if (names.empty() && !invocation.operands.empty())
     {
@@ -125,7 +116,7 @@ ExitStatus RunList(const Invocation& invocation)
 
 ExitStatus RunDump(const Invocation& invocation)
 {
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const std::string text = session.Dump(invocation.all);
     WriteOutput(invocation.asJson ? JsonOf(ReadQuietly(text)) : text);
     return StatusDone;
@@ -133,7 +124,7 @@ ExitStatus RunDump(const Invocation& invocation)
 
 ExitStatus RunSubscribed(const Invocation& invocation)
 {
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const GroupNameCollection groups = session.GetSubscribedGroups();
     WriteOutput(invocation.asJson ? JsonOf(groups) : LinesOf(groups));
     return StatusDone;

@@ -9,11 +9,11 @@
 namespace korlo::settings::cli
 {
 
-ExitStatus ReportRestricted(const core::IniFile& changes)
+ExitStatus ReportRestricted(const GroupNameCollection& groups)
 {
     std::string names;
     std::size_t count = 0;
-    for (const auto& [name, values] : changes)
+    for (const std::string& name : groups)
     {
         if (server::GroupDiscriminator::IsRestrictedGroup(name))
         {
@@ -26,7 +26,7 @@ ExitStatus ReportRestricted(const core::IniFile& changes)
         return StatusDone;
     }
     WriteMessage("restricted groups cannot be changed: " + names);
-    return count == changes.size() ? StatusNo : StatusDone;
+    return count == groups.size() ? StatusNo : StatusDone;
 }
 
 }  // namespace korlo::settings::cli
