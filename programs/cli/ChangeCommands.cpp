@@ -1,6 +1,5 @@
 #include "Commands.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "settings/server/SettingsManager.h"
 
 namespace korlo::settings::cli

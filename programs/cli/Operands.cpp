@@ -1,9 +1,9 @@
 #include "Operands.h"
 
-#include "Failure.h"
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
 #include "settings/common/GroupNameMatcher.h"
+#include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::cli
 {
@@ -79,6 +79,26 @@ void FailForNoMatch(const std::vector<std::string>& operands)
         names += (names.empty() ? "" : ", ") + Quoted(operand);
     }
     throw Failure(StatusNo, "no group matches " + names);
+}
+
+ExitStatus ReportRestricted(const GroupNameCollection& groups)
+{
+    std::string names;
+    std::size_t count = 0;
+    for (const std::string& name : groups)
+    {
+        if (server::GroupDiscriminator::IsRestrictedGroup(name))
+        {
+            names += (names.empty() ? "" : ", ") + Quoted(name);
+            ++count;
+        }
+    }
+    if (count == 0)
+    {
+        return StatusDone;
+    }
+    WriteMessage("restricted groups cannot be changed: " + names);
+    return count == groups.size() ? StatusNo : StatusDone;
 }
 
 }  // namespace korlo::settings::cli

@@ -3,6 +3,7 @@
 #include "Json.h"
 #include "Operands.h"
 #include "StandardStreams.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
 {
@@ -82,6 +83,36 @@ IniFile Selection::From(const IniFile& settings) const
     return selected;
 }
 
+using BadLines = std::vector<std::pair<std::string, core::IniFile::BadLine>>;
+
+/// False when the file cannot be read.
+bool Check(const std::string& file, BadLines& found)
+{
+    try
+    {
+        for (const core::IniFile::BadLine& line : core::IniFile::FindBadLines(file.c_str()))
+        {
+            found.emplace_back(file, line);
+        }
+        return true;
+    }
+    catch (const osa::Exception& error)
+    {
+        WriteMessage(Reason(error.what()));
+        return false;
+    }
+}
+
+std::string TextOf(const BadLines& badLines)
+{
+    std::string text;
+    for (const auto& [file, line] : badLines)
+    {
+        text += file + ':' + std::to_string(line.number) + ": " + line.reason + '\n';
+    }
+    return text;
+}
+
 }  // namespace
 
 ExitStatus RunGet(const Invocation& invocation)
@@ -128,6 +159,22 @@ ExitStatus RunSubscribed(const Invocation& invocation)
     const GroupNameCollection groups = session.GetSubscribedGroups();
     WriteOutput(invocation.asJson ? JsonOf(groups) : LinesOf(groups));
     return StatusDone;
+}
+
+ExitStatus RunCheck(const Invocation& invocation)
+{
+    BadLines badLines;
+    bool allRead = true;
+    for (const std::string& file : invocation.operands)
+    {
+        allRead = Check(file, badLines) && allRead;
+    }
+    WriteOutput(invocation.asJson ? JsonOf(badLines) : TextOf(badLines));
+    if (!allRead)
+    {
+        return StatusUnusable;
+    }
+    return badLines.empty() ? StatusDone : StatusNo;
 }
 
 }  // namespace korlo::settings::cli

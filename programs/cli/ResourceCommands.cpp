@@ -6,7 +6,6 @@
 #include "Commands.h"
 #include "Json.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "StandardStreams.h"
 #include "korlo/core/StringUtil.h"
 #include "settings/KorloSettingsClient.h"

@@ -8,10 +8,9 @@
 #include "IniText.h"
 #include "Interruption.h"
 #include "Json.h"
-#include "LogMessages.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "StandardStreams.h"
+#include "korlo/core/Logger.h"
 #include "settings/IChangeCallback.h"
 #include "settings/IConnectionCallback.h"
 
@@ -159,7 +158,10 @@ ExitStatus RunWatch(const Invocation& invocation)
     }
     else
     {
-        SilenceConnection();
+        for (const char* log : {"KorloSettings", "KorloSettingsConnection"})
+        {
+            core::Logger::GetLogger(log)->SetThreshold(0);  // the reporter says it in fewer words
+        }
         WriteMessage("watching");  // whoever waits for this line misses no change after it
         interruption.Wait(Interruption::NoInput);
     }
