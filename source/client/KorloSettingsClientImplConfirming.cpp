@@ -75,7 +75,7 @@ void KorloSettingsClientImplConfirming::RunCommand(const char* name, RemoteComma
         NoteConnection(!IsConnected);
         const bool isRead = command.GetResponseKeyword() == common::word::Data;
         throw osa::Exception("'%s' failed with the settings server at '%s': %s%s", name, _server.c_str(),
-                             exception.what(), isRead ? "" : "; the change may have been made or not");
+                             exception.what(), isRead ? "" : "; a change may or may not be made");
     }
 }
 
@@ -103,7 +103,7 @@ void KorloSettingsClientImplConfirming::ReadResponse(RemoteCommand& command) con
     in.getline(line.data(), line.size());
     if (std::string_view(line.data()) != command.GetResponseKeyword() && !in.eof())
     {
-        throw osa::Exception("what it answers is no settings protocol; is it a settings server?");
+        throw osa::Exception("something else than a settings server seems to answer there");
     }
     CheckStreams();
     command.HandleResponse(in);
