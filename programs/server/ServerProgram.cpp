@@ -91,11 +91,11 @@ int RunServer(int argc, const char* const* argv)
 {
     try
     {
-        const ServerOptions options = ParseOptions(argc, argv);
+        ServerOptions options = ParseOptions(argc, argv);
         ConfigureMemory();
         TakeOverSignals();
         core::Logger::SetLevel(options.logLevel);
-        AllowClients(options.limits.maxClients);
+        options.limits.maxClients = AllowClients(options.limits.maxClients);
         return Run(options);
     }
     catch (const EarlyExit& exit)
