@@ -354,11 +354,12 @@ void CrashSafeFile::Fill(NewFile& newFile, const std::string& content, const std
 
 void CrashSafeFile::KeepGeneration(const std::string& target, const FileStatus& status) const
 {
+    const std::string previous = target + '~';
     std::string link;
     const auto add = [&](const std::string& name) { return _fileSystem.Link(target, name); };
     if (TakeNameBeside(target, link, add) == 0)
     {
-        const int error = Uninterrupted([&] { return _fileSystem.Rename(link, target + '~'); });
+        const int error = Uninterrupted([&] { return _fileSystem.Rename(link, previous); });
         // Whatever became of it: a rename between two links to one file does nothing, and leaves both.
         Uninterrupted([&] { return _fileSystem.Unlink(link); });
         if (error != 0)
@@ -371,7 +372,7 @@ void CrashSafeFile::KeepGeneration(const std::string& target, const FileStatus& 
     // Not every file system has links, and not every process may make one to a file that it does not own.
     NewFile copy(_fileSystem, target, 0600);
     Fill(copy, ReadFile(target), status);
-    copy.RenameTo(target + '~');
+    copy.RenameTo(previous);
 }
 
 }  // namespace korlo::osa
