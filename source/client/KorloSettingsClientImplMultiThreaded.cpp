@@ -316,7 +316,7 @@ void KorloSettingsClientImplMultiThreaded::Run()
         if (Survive([this] { Resubscribe(); }))
         {
             _sendMutex.Release();
-            Report(true);
+            Report(!_outputFailed);
             Survive([this] { ReadUntilLost(); });
             Report(false);
             _sendMutex.Lock(osa::Infinite);
