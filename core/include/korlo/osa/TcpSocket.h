@@ -16,7 +16,9 @@ namespace korlo::osa
 class Deadline;
 
 /// One end of a TCP connection. Interrupted system calls are resumed, no signal is raised for a peer that has gone, and
-/// the connection does not pass to programs that this process starts.
+/// the connection does not pass to programs that this process starts. A peer that vanished is detected after two
+/// minutes: the connection is then lost. So it is where a peer is there, but takes nothing for two minutes of what was
+/// written; the system does not tell the two apart.
 ///
 ///     TcpSocket socket(1);
 ///     socket.Connect("korlo-settings-server", 0, 10);
