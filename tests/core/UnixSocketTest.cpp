@@ -102,6 +102,7 @@ TEST(UnixSocketTest, ConnectsToAPathWhateverThePort)
         TcpSocket client(1);
         EXPECT_EQ(CaughtFrom([&] { client.Connect(listener.GetAddress().c_str(), port, 0); }), "");
         EXPECT_EQ(client.GetPeerAddress(), listener.GetAddress());
+        EXPECT_EQ(client.GetPeerIdentity(), nullptr);
         EXPECT_NE(listener.Accept(), nullptr);
     }
 }

@@ -11,6 +11,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Thread.h"
+#include "osa/PeerIdentityReader.h"
 #include "osa/SocketAddress.h"
 #include "osa/SocketFile.h"
 
@@ -151,6 +152,10 @@ std::unique_ptr<TcpSocket> TcpListener::Accept()
         }
         _exhausted = false;
         pSocket->Adopt(descriptor);
+        if (_isUnix)
+        {
+            pSocket->_pPeerIdentity = std::make_unique<const PeerIdentity>(ReadPeerIdentity(descriptor));
+        }
         pSocket->Prepare(peer, _isUnix ? _address : peer.GetText());
         return pSocket;
     }

@@ -409,6 +409,11 @@ const std::string& TcpSocket::GetPeerAddress() const
     return _peerAddress;
 }
 
+const PeerIdentity* TcpSocket::GetPeerIdentity() const
+{
+    return _pPeerIdentity.get();
+}
+
 bool TcpSocket::IsClosed()
 {
     const std::lock_guard lock(_mutex);

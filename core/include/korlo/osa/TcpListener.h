@@ -58,7 +58,8 @@ public:
     /// Where it listens, as ADDRESS:PORT, an IPv6 address in square brackets, or unix:PATH.
     const std::string& GetAddress() const;
 
-    /// Waits for the next connection, which sends each write at once. Null once the listener is closed.
+    /// Waits for the next connection, which sends each write at once. Null once the listener is closed. On a
+    /// Unix-domain socket the connection knows who its client is.
     ///
     /// A connection that broke before it was accepted is passed over. While this process has no descriptor or memory
     /// left, one warning is logged and the wait goes on, so that it accepts again as soon as it can. Throws Exception

@@ -3,10 +3,12 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "korlo/osa/Mutex.h"
+#include "korlo/osa/PeerIdentity.h"
 
 namespace korlo::osa
 {
@@ -117,6 +119,10 @@ public:
     /// Unix-domain socket, at either end, it is the address of the listener: what a client calls itself means nothing.
     const std::string& GetPeerAddress() const;
 
+    /// Who the client is, taken once, when a TcpListener accepted it on a Unix-domain socket; null over TCP and for a
+    /// socket that was connected from here.
+    const PeerIdentity* GetPeerIdentity() const;
+
 private:
     friend class TcpListener;
 
@@ -134,6 +140,7 @@ private:
     std::atomic<unsigned int> _longestWriteMs = Infinite;
     std::string _peerAddress;
     bool _isUnix = false;
+    std::unique_ptr<const PeerIdentity> _pPeerIdentity;
     int _descriptor = -1;  // changes with _mutex held, while nobody reads or writes
 
     std::mutex _mutex;         // lets Close meet a living descriptor
