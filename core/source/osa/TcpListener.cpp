@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <optional>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -37,6 +38,40 @@ int MakeEvent()
     return descriptor;
 }
 
+/// -1 when the descriptor is no socket.
+int Option(int descriptor, int name)
+{
+    int value = -1;
+    socklen_t length = sizeof(value);
+    return getsockopt(descriptor, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
+}
+
+/// What keeps a descriptor from being listened on; empty when nothing does.
+std::string Unfitness(int descriptor)
+{
+    if (fcntl(descriptor, F_GETFD) < 0)
+    {
+        return SystemReason(errno);
+    }
+    switch (Option(descriptor, SO_TYPE))
+    {
+    case -1:
+        return "it is no socket";
+    case SOCK_STREAM:
+        break;
+    case SOCK_DGRAM:
+        return "it is a datagram socket, and clients need a stream socket";
+    default:
+        return "it is no stream socket";
+    }
+    const int domain = Option(descriptor, SO_DOMAIN);
+    if (domain != AF_INET && domain != AF_INET6 && domain != AF_UNIX)
+    {
+        return "it is neither a TCP nor a Unix-domain socket";
+    }
+    return Option(descriptor, SO_ACCEPTCONN) == 1 ? "" : "it does not listen";
+}
+
 bool IsExhaustion(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
@@ -67,14 +102,14 @@ bool IsPassing(int error)
 
 }  // namespace
 
-TcpListener::TcpListener() : _wakeDescriptor(MakeEvent())
+TcpListener::TcpListener(bool isPassed) : _isPassed(isPassed), _wakeDescriptor(MakeEvent())
 {
 }
 
 // From here on the object is complete: what throws below is cleaned up by the destructor.
 
 TcpListener::TcpListener(const std::string& address, unsigned short port, const SocketFileRights& rights)
-    : TcpListener()
+    : TcpListener(false)
 {
     if (const std::optional<std::string> path = UnixPathOf(address))
     {
@@ -95,6 +130,21 @@ TcpListener::TcpListener(const std::string& address, unsigned short port, const 
             ThrowListenFailed(AddressText(address, port), reason);
         }
     }
+    ReadAddress();
+}
+
+TcpListener::TcpListener(int descriptor) : TcpListener(true)
+{
+    const std::string unfitness = Unfitness(descriptor);
+    if (!unfitness.empty())
+    {
+        throw Exception("Failed to listen on descriptor %d: %s", descriptor, unfitness.c_str());
+    }
+    _descriptor = descriptor;
+    // Another process may take the client that the wait has found: an accept that blocks would not hear of a Close
+    // then.
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     ReadAddress();
 }
 
@@ -199,7 +249,7 @@ void TcpListener::Close()
         return;
     }
     eventfd_write(_wakeDescriptor, 1);  // which nobody takes back: every wait ends, those to come as well
-    if (_descriptor < 0)
+    if (_isPassed || _descriptor < 0)
     {
         return;
     }

@@ -46,6 +46,13 @@ public:
     /// Throws Exception, naming address and port, or the path, and the reason; nothing is left behind then.
     TcpListener(const std::string& address, unsigned short port, const SocketFileRights& rights = {});
 
+    /// Listens on a socket that was made elsewhere and passed to this process, by a service manager. Its other owners
+    /// keep it: it is never shut down, nor is its file removed, and who connects while nobody accepts waits for the
+    /// next one who does. It becomes non-blocking, for all of its owners, and is closed on exec in this process.
+    /// @param descriptor of a stream socket, TCP or Unix-domain, that listens; owned from now on.
+    /// Throws Exception, naming the descriptor and the reason, for any other; it stays the caller's then, unchanged.
+    explicit TcpListener(int descriptor);
+
     TcpListener(const TcpListener&) = delete;
     TcpListener& operator=(const TcpListener&) = delete;
 
@@ -55,7 +62,8 @@ public:
     /// The port that is listened on, never 0 over TCP and always 0 on a Unix-domain socket.
     unsigned short GetPort() const;
 
-    /// Where it listens, as ADDRESS:PORT, an IPv6 address in square brackets, or unix:PATH.
+    /// Where it listens, as ADDRESS:PORT, an IPv6 address in square brackets, or unix:PATH. A passed socket that has a
+    /// name in place of a file is unix:@NAME, with any bytes in the name.
     const std::string& GetAddress() const;
 
     /// Waits for the next connection, which sends each write at once. Null once the listener is closed. On a
@@ -67,11 +75,12 @@ public:
     std::unique_ptr<TcpSocket> Accept();
 
     /// Ends the listening and wakes every thread in Accept. Connections that nobody accepted are reset, the port is
-    /// free, and the socket's file is removed if it is still the one that this listener made.
+    /// free, and the socket's file is removed if it is still the one that this listener made. Of a passed socket
+    /// nothing but the wait in Accept ends.
     void Close();
 
 private:
-    TcpListener();
+    explicit TcpListener(bool isPassed);
 
     bool ListenOn(const SocketAddress& address, std::string& reason);
     void ReadAddress();
@@ -79,12 +88,13 @@ private:
     void HandleFailure(int error);
     void RefuseWaiting() const;
 
+    const bool _isPassed;
     const int _wakeDescriptor;  // readable from Close on
     int _descriptor = -1;       // set during construction
     bool _isUnix = false;
     std::string _address;
     unsigned short _port = 0;
-    std::unique_ptr<SocketFile> _pFile;  // whoever sets _closed removes it
+    std::unique_ptr<SocketFile> _pFile;  // of a socket that is not passed; whoever sets _closed removes it
 
     std::atomic<bool> _closed = false;
     std::atomic<bool> _exhausted = false;  // the last attempt found no descriptor or memory
