@@ -96,7 +96,7 @@ std::string ConnectReason(const SocketAddress& address, int error)
 {
     struct stat found = {};
     const bool isVisible = stat(UnixPathOf(address.GetText()).value_or("").c_str(), &found) == 0;
-    const std::string reason = SystemReason(error);
+    std::string reason = SystemReason(error);
     switch (error)
     {
     case EACCES:
