@@ -59,13 +59,7 @@ std::optional<int> UnitsOfShare(double share, int available)
 class ResourceManager::ResourceManagerImpl
 {
 public:
-    explicit ResourceManagerImpl(KorloSettingsClient* pClient) : _pClient(pClient)
-    {
-        if (pClient == nullptr)
-        {
-            throw osa::Exception("%s was NULL", "client");
-        }
-    }
+    explicit ResourceManagerImpl(KorloSettingsClient* pClient) : _pClient(osa::NotNull(pClient, "client")) {}
 
     void Refresh()
     {

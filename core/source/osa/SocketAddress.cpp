@@ -4,11 +4,11 @@
 #include <array>
 #include <cerrno>
 #include <limits>
-#include <system_error>
 
 #include <netinet/in.h>
 #include <poll.h>
 
+#include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 
 namespace korlo::osa
@@ -57,11 +57,6 @@ unsigned short PortOf(const sockaddr* pAddress)
         return ntohs(reinterpret_cast<const sockaddr_in6*>(pAddress)->sin6_port);
     }
     return 0;
-}
-
-std::string SystemReason(int error)
-{
-    return std::generic_category().message(error);
 }
 
 Deadline::Deadline(unsigned int timeoutMs)

@@ -26,9 +26,6 @@ std::string AddressText(const std::string& address, unsigned short port);
 /// 0 when the address has no port.
 unsigned short PortOf(const sockaddr* pAddress);
 
-/// The system's text for an errno value.
-std::string SystemReason(int error);
-
 /// The moment, on the monotonic clock, at which a time-out is up.
 class Deadline
 {
