@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <string>
-#include <system_error>
 #include <utility>
 
+#include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 
 namespace korlo::daemon
@@ -115,7 +115,7 @@ void ClientInput::Receive()
     _ended = result.status != osa::TcpSocket::Done;
     if (result.status == osa::TcpSocket::Failed)
     {
-        _queue.Break("the connection was lost: " + std::generic_category().message(result.error));
+        _queue.Break("the connection was lost: " + osa::SystemReason(result.error));
     }
 }
 

@@ -1,8 +1,8 @@
 #include "OutgoingQueue.h"
+#include "korlo/osa/Exception.h"
 
 #include <algorithm>
 #include <exception>
-#include <system_error>
 
 namespace korlo::daemon
 {
@@ -166,7 +166,7 @@ std::size_t OutgoingQueue::SendNow(const char* bytes, std::size_t size)
     const osa::TcpSocket::IoResult result = _socket.WriteSome(bytes, size, DoNotWait);
     if (result.status == osa::TcpSocket::Failed)
     {
-        BreakLocked("the connection was lost: " + std::generic_category().message(result.error));
+        BreakLocked("the connection was lost: " + osa::SystemReason(result.error));
     }
     return result.bytes;
 }

@@ -3,7 +3,6 @@
 #include <array>
 #include <exception>
 #include <string_view>
-#include <system_error>
 
 #include "client/KorloSettingsTcpConnection.h"
 #include "client/RemoteCommands.h"
@@ -127,7 +126,7 @@ void KorloSettingsClientImplConfirming::CheckStreams() const
         throw osa::Exception("there was no answer for %u milliseconds", _limits.answerMs);
     }
     throw osa::Exception("it ended the connection (%s)", probe.status == osa::TcpSocket::Failed
-                                                             ? std::generic_category().message(probe.error).c_str()
+                                                             ? osa::SystemReason(probe.error).c_str()
                                                              : "without an answer");
 }
 

@@ -307,6 +307,18 @@ TEST(AllocationTest, ATextThatRunsOutOfMemoryIsNotCutUnnoticed)
     }
 }
 
+TEST(AllocationTest, AMessageThatRunsOutOfMemoryEndsNothingButItself)
+{
+    const Logger* const pLogger = Logger::GetLogger("AllocationTest");
+    const std::string value(1000, 'x');
+    Logger::ClearAppenders();
+    heap.failAfter = 0;
+    EXPECT_NO_THROW(pLogger->Error("a value that fits no short text: %s", value.c_str()));
+    const bool hasFailed = heap.failAfter < 0;
+    heap.failAfter = -1;
+    EXPECT_TRUE(hasFailed);
+}
+
 TEST(AllocationTest, SettingAValueWithoutMemoryLeavesTheOldOneOrNone)
 {
     const std::string group = "a group that fits no short string";

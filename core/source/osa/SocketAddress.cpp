@@ -8,12 +8,12 @@
 #include <limits>
 #include <memory>
 #include <string_view>
-#include <system_error>
 
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/un.h>
 
+#include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 
 namespace korlo::osa
@@ -134,11 +134,6 @@ std::string AddressText(const std::string& address, unsigned short port)
 {
     const bool isIpv6 = address.find(':') != std::string::npos;
     return (isIpv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
-}
-
-std::string SystemReason(int error)
-{
-    return std::generic_category().message(error);
 }
 
 Deadline::Deadline(unsigned int timeoutMs)

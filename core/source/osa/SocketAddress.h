@@ -51,9 +51,6 @@ SocketAddresses ResolvePath(const std::string& path, std::string& reason);
 /// The same text as that of SocketAddress.
 std::string AddressText(const std::string& address, unsigned short port);
 
-/// The system's text for an errno value.
-std::string SystemReason(int error);
-
 /// The moment, on the monotonic clock, at which a time-out is up.
 class Deadline
 {

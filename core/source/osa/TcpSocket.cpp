@@ -238,10 +238,7 @@ TcpSocket::~TcpSocket()
 
 void TcpSocket::Connect(const char* host, unsigned short port, unsigned int timeoutMs)
 {
-    if (host == nullptr)
-    {
-        throw Exception("%s was NULL", "Host");
-    }
+    NotNull(host, "Host");
     if (_descriptor >= 0)
     {
         throw Exception("Failed to connect to '%s': the socket is connected to '%s'", host, _peerAddress.c_str());
