@@ -40,9 +40,17 @@ private:
     throw osa::Exception("Failed to %s '%s': %s", verb, path, std::strerror(error));
 }
 
+void CheckSize(const char* path, std::size_t size, std::size_t mostBytes)
+{
+    if (size > mostBytes)
+    {
+        throw osa::Exception("Failed to read '%s': it holds more than %zu bytes", path, mostBytes);
+    }
+}
+
 }  // namespace
 
-std::string ReadWholeFile(const char* path)
+std::string ReadWholeFile(const char* path, std::size_t mostBytes)
 {
     if (path == nullptr)
     {
@@ -57,6 +65,10 @@ std::string ReadWholeFile(const char* path)
     if (fstat(file.Get(), &status) != 0)
     {
         Fail("read", path);
+    }
+    if (S_ISREG(status.st_mode))
+    {
+        CheckSize(path, static_cast<std::size_t>(status.st_size), mostBytes);
     }
     // One byte more than the file is said to hold, so that its end is met without a second round; a pipe or a file
     // of /proc says 0 and is read in steps.
@@ -74,6 +86,7 @@ std::string ReadWholeFile(const char* path)
             break;
         }
         length += got < 0 ? 0 : static_cast<std::size_t>(got);
+        CheckSize(path, length, mostBytes);
         if (length == text.size())
         {
             text.resize(text.size() * 2 + 4096);
