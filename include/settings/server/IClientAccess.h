@@ -47,7 +47,8 @@ public:
 /// One client. What it may do changes when the device's rules do, while it is connected; so GetRights is asked once at
 /// the start of each request and of each notification, and one set of rights decides about all of it.
 ///
-/// Thread safety: all methods, from any thread: a notification is made on the thread that made the change.
+/// Thread safety: GetRights from any thread, for a notification is made on the thread that made the change; OnRefused
+/// from the thread that serves the client's requests.
 class IClientAccess
 {
 public:
@@ -56,7 +57,7 @@ public:
     /// What the client may do now; never null. An object that was returned before says what it said.
     virtual std::shared_ptr<const IAccessRights> GetRights() const = 0;
 
-    /// Hears that a change was refused as a whole. May log; must not throw, nor call the handler that tells.
+    /// Hears that a change was refused as a whole. Must not call the handler that tells.
     /// @param operation as the protocol's command is named, with its option: "merge", "merge nopersist",
     ///        "test-and-merge", "overwrite", "restore".
     /// @param refused the groups and entries that were not allowed, as the client named them.

@@ -80,6 +80,13 @@ std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity
     return pRights;
 }
 
+ClientAccess::ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description)
+    : _control(control),
+      _client(client),
+      _refusalLog(description)
+{
+}
+
 std::shared_ptr<const IAccessRights> ClientAccess::GetRights() const
 {
     const osa::MutexAutoLock lock(&_mutex);
@@ -90,9 +97,12 @@ std::shared_ptr<const IAccessRights> ClientAccess::GetRights() const
     return _pRights;
 }
 
-void ClientAccess::OnRefused(const std::string&, const settings::GroupNameCollection&)
+void ClientAccess::OnRefused(const std::string& operation, const settings::GroupNameCollection& refused)
 {
     ++_refusals;
+    osa::TimeStruct now;
+    osa::TimeMonotonic(now);
+    _refusalLog.Add(operation, refused, now);
 }
 
 }  // namespace korlo::daemon

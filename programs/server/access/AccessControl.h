@@ -13,6 +13,7 @@
 #include "access/AccessRules.h"
 #include "access/ClientRights.h"
 #include "access/IUserDatabase.h"
+#include "access/RefusalLog.h"
 #include "korlo/osa/Mutex.h"
 #include "korlo/osa/ThreadAnnotations.h"
 #include "settings/server/IClientAccess.h"
@@ -68,18 +69,19 @@ private:
 
 /// One connection's access. It asks the control anew when the rules have changed, and at no other time.
 ///
-/// Thread safety: as IClientAccess.
+/// Thread safety: as IClientAccess; GetRefusals from any thread.
 class ClientAccess : public settings::server::IClientAccess
 {
 public:
     /// @param control borrowed; must outlive this object and the rights that it gave.
-    ClientAccess(AccessControl& control, const ClientIdentity& client) : _control(control), _client(client) {}
+    /// @param description of the client, for people.
+    ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description);
     ClientAccess(const ClientAccess&) = delete;
     ClientAccess& operator=(const ClientAccess&) = delete;
 
     std::shared_ptr<const settings::server::IAccessRights> GetRights() const override KORLO_EXCLUDES(_mutex);
 
-    /// Counts it.
+    /// Counts the change, and warns of it as RefusalLog does.
     void OnRefused(const std::string& operation, const settings::GroupNameCollection& refused) override;
 
     /// How many changes of this client were refused.
@@ -89,6 +91,7 @@ private:
     AccessControl& _control;
     const ClientIdentity _client;
     std::atomic<std::uint64_t> _refusals = 0;
+    RefusalLog _refusalLog;  // of the thread that serves the requests
 
     mutable osa::Mutex _mutex;  // taken before that of the control
     mutable std::uint64_t _generation KORLO_GUARDED_BY(_mutex) = 0;

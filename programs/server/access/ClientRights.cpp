@@ -83,7 +83,7 @@ ClientRights::Verdict ClientRights::VerdictOn(const std::string& group) const
     }
     const Verdict verdict = WorkOut(group);
     const std::size_t bytes = group.size() + BytesOfAVerdict;
-    if (bytes > MostBytesKept / 64)
+    if (bytes > MostBytesKept / 256)
     {
         return verdict;  // no real group: a name that would push out the verdicts on many
     }
@@ -99,8 +99,12 @@ ClientRights::Verdict ClientRights::VerdictOn(const std::string& group) const
 
 ClientRights::Verdict ClientRights::WorkOut(const std::string& group) const
 {
-    return {Decide(AccessKind::Read, group, EntryKind::Name).isAllowed,
-            Decide(AccessKind::Change, group, EntryKind::Name).isAllowed};
+    const AccessDecision change = Decide(AccessKind::Change, group, EntryKind::Name);
+    if (change.isAllowed || change.reason == Reason::Denied)
+    {
+        return {change.isAllowed, change.isAllowed};
+    }
+    return {Decide(AccessKind::Read, group, EntryKind::Name).isAllowed, false};
 }
 
 AccessDecision ClientRights::Decide(AccessKind kind, const std::string& entry, EntryKind entryKind) const

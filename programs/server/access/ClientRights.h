@@ -53,8 +53,8 @@ struct AccessDecision
 class ClientRights : public settings::server::IAccessRights
 {
 public:
-    /// About 4,000 groups, or fewer of longer names; then it begins anew.
-    static constexpr std::size_t MostBytesKept = 512 * 1024;
+    /// About 16,000 groups, or fewer of longer names; then it begins anew.
+    static constexpr std::size_t MostBytesKept = 2 * 1024 * 1024;
 
     /// @param pRules kept for as long as this object lives.
     /// @param applicable which of them are about the client.

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "support/FakeUsers.h"
+#include "support/LogCapture.h"
 
 namespace korlo::daemon
 {
@@ -61,7 +62,7 @@ std::shared_ptr<const AccessRules> Rules()
 
 std::string ReadableBy(const ClientIdentity& client, AccessControl& control)
 {
-    const auto pRights = ClientAccess(control, client).GetRights();
+    const auto pRights = ClientAccess(control, client, "x").GetRights();
     std::string text;
     for (const char* group : {"OfAll", "OfSome", "OfTcp", "OfUnix", "OfNone"})
     {
@@ -87,7 +88,7 @@ TEST(AccessControlTest, UserZeroAndTheServersOwnUserMayDoEverything)
     AccessControl control(Rules(), Own);
     for (const uid_t user : {uid_t{0}, Own})
     {
-        const auto pRights = ClientAccess(control, {user, {}, true}).GetRights();
+        const auto pRights = ClientAccess(control, {user, {}, true}, "x").GetRights();
         EXPECT_TRUE(pRights->MayReadEverything() && pRights->MayChangeEverything());
         EXPECT_TRUE(pRights->MayRead("X") && pRights->MayReadAllOf("*") && pRights->MayChange("X") &&
                     pRights->MayChangeAllOf("*"));
@@ -115,7 +116,7 @@ TEST(AccessControlTest, TheOverflowUserIsNeverTheServersOwn)
 TEST(AccessControlTest, WithoutRulesEverybodyMayDoEverything)
 {
     AccessControl control(nullptr, Own);
-    EXPECT_TRUE(ClientAccess(control, Tcp).GetRights()->MayChangeEverything());
+    EXPECT_TRUE(ClientAccess(control, Tcp, "x").GetRights()->MayChangeEverything());
     EXPECT_EQ(control.Explain(Tcp, AccessKind::Change, "X").reason, Reason::NoRules);
     EXPECT_TRUE(control.Explain(Tcp, AccessKind::Change, "X").isAllowed);
 }
@@ -123,9 +124,9 @@ TEST(AccessControlTest, WithoutRulesEverybodyMayDoEverything)
 TEST(AccessControlTest, ClientsOfTheSameRulesShareTheirRights)
 {
     AccessControl control(Rules(), Own);
-    const ClientAccess web(control, Web);
-    const ClientAccess service(control, Service);
-    const ClientAccess tcp(control, Tcp);
+    const ClientAccess web(control, Web, "x");
+    const ClientAccess service(control, Service, "x");
+    const ClientAccess tcp(control, Tcp, "x");
     EXPECT_EQ(web.GetRights(), service.GetRights());
     EXPECT_NE(web.GetRights(), tcp.GetRights());
     EXPECT_LT(sizeof(ClientAccess), 512u);
@@ -136,7 +137,7 @@ TEST(AccessControlTest, RightsGoWithTheLastClientThatHasThem)
     AccessControl control(Rules(), Own);
     std::weak_ptr<const settings::server::IAccessRights> pRights;
     {
-        const ClientAccess web(control, Web);
+        const ClientAccess web(control, Web, "x");
         pRights = web.GetRights();
         EXPECT_FALSE(pRights.expired());
     }
@@ -147,7 +148,7 @@ TEST(AccessControlTest, RightsGoWithTheLastClientThatHasThem)
 TEST(AccessControlTest, OtherRulesActAtOnceOnStandingConnections)
 {
     AccessControl control(Rules(), Own);
-    const ClientAccess web(control, Web);
+    const ClientAccess web(control, Web, "x");
     const auto pBefore = web.GetRights();
     EXPECT_TRUE(pBefore->MayRead("OfAll"));
     control.Replace(Share({ReadRule("other", "Other")}));
@@ -164,7 +165,7 @@ TEST(AccessControlTest, ARequestIsAnsweredByOneSetOfRulesWhileTheyChange)
     const auto pFirst = Share({ReadRule("a", "A")});
     const auto pSecond = Share({ReadRule("b", "B")});
     AccessControl control(pFirst, Own);
-    ClientAccess access(control, Web);
+    ClientAccess access(control, Web, "x");
     std::atomic<bool> hasEnded = false;
     std::vector<std::thread> threads;
     std::atomic<int> mixtures = 0;
@@ -203,13 +204,16 @@ TEST(AccessControlTest, ExplainsWhatDecides)
     EXPECT_TRUE(control.Explain({0, {}, true}, AccessKind::Read, "DeviceSecure").isAllowed);
 }
 
-TEST(AccessControlTest, RefusalsAreCounted)
+TEST(AccessControlTest, RefusalsAreCountedAndLogged)
 {
     AccessControl control(Rules(), Own);
-    ClientAccess access(control, Web);
+    ClientAccess access(control, Web, "user www-data");
+    const LogCapture log;
     access.OnRefused("merge", {"A", "B"});
-    access.OnRefused("overwrite", {"A*"});
+    access.OnRefused("overwrite", {"A"});
     EXPECT_EQ(access.GetRefusals(), 2u);
+    EXPECT_THAT(log.GetMessages(), ::testing::ElementsAre("4 Access: user www-data: merge of 'A' is refused",
+                                                          "4 Access: user www-data: merge of 'B' is refused"));
 }
 
 }  // namespace korlo::daemon

@@ -155,7 +155,7 @@ TEST(AccessDocumentTest, EachRuleSetDecidesAsTheTableBesideItSays)
             EXPECT_EQ(DecidedBy(decision), row[4]);
             if (decision.reason != Reason::Restricted)
             {
-                const auto pRights = ClientAccess(control, *client).GetRights();
+                const auto pRights = ClientAccess(control, *client, "x").GetRights();
                 EXPECT_EQ(kind == AccessKind::Read ? pRights->MayReadAllOf(row[2]) : pRights->MayChangeAllOf(row[2]),
                           decision.isAllowed);
             }

@@ -208,14 +208,15 @@ TEST(ClientRightsTest, TheRuleThatDecidesIsNamedWithFileAndLine)
 TEST(ClientRightsTest, VerdictsThatAreKeptStayTrueAndBounded)
 {
     const auto pRights = RightsFrom({Rule("a", {"1*"}, {"2*"}, {"*9"})});
+    const std::string middle(1000, 'x');
     for (int round = 0; round < 2; ++round)
     {
-        for (int number = 0; number < 20'000; ++number)
+        for (int number = 0; number < 4000; ++number)
         {
-            const std::string group = std::to_string(number);
+            const std::string group = std::to_string(number) + middle + std::to_string(number);
             const bool denied = group.ends_with('9');
-            ASSERT_EQ(pRights->MayRead(group), !denied && (group.starts_with('1') || group.starts_with('2'))) << group;
-            ASSERT_EQ(pRights->MayChange(group), !denied && group.starts_with('2')) << group;
+            ASSERT_EQ(pRights->MayRead(group), !denied && (group.starts_with('1') || group.starts_with('2'))) << number;
+            ASSERT_EQ(pRights->MayChange(group), !denied && group.starts_with('2')) << number;
         }
         EXPECT_LE(pRights->GetBytesKept(), ClientRights::MostBytesKept);
         EXPECT_GT(pRights->GetBytesKept(), 0u);
