@@ -12,21 +12,27 @@ namespace
 
 namespace fs = std::filesystem;
 
-bool IsSettingsFile(const fs::directory_entry& entry)
+bool IsNamedLikeAFile(const fs::directory_entry& entry)
 {
     const std::string name = entry.path().filename().string();
-    std::error_code ignored;
-    return name.ends_with(".ini") && !name.starts_with('.') && !entry.is_directory(ignored);
+    return name.ends_with(".ini") && !name.starts_with('.');
 }
 
-void AddFolder(const std::string& folder, std::vector<std::string>& files)
+bool IsSettingsFile(const fs::directory_entry& entry)
+{
+    std::error_code ignored;
+    return IsNamedLikeAFile(entry) && !entry.is_directory(ignored);
+}
+
+template <typename Choose>
+void AddFolder(const std::string& folder, std::vector<std::string>& files, const Choose& choose)
 {
     const std::size_t first = files.size();
     std::error_code error;
     fs::directory_iterator entry(folder, error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error))
     {
-        if (IsSettingsFile(*entry))
+        if (choose(*entry))
         {
             files.push_back(entry->path().string());
         }
@@ -38,17 +44,16 @@ void AddFolder(const std::string& folder, std::vector<std::string>& files)
     std::sort(files.begin() + static_cast<std::ptrdiff_t>(first), files.end());
 }
 
-}  // namespace
-
-std::vector<std::string> SettingsFiles::Find() const
+template <typename Choose>
+std::vector<std::string> FindFiles(const std::vector<std::string>& filesAndFolders, const Choose& choose)
 {
     std::vector<std::string> files;
-    for (const std::string& path : _filesAndFolders)
+    for (const std::string& path : filesAndFolders)
     {
         std::error_code ignored;
         if (fs::is_directory(path, ignored))
         {
-            AddFolder(path, files);
+            AddFolder(path, files, choose);
         }
         else
         {
@@ -56,6 +61,18 @@ std::vector<std::string> SettingsFiles::Find() const
         }
     }
     return files;
+}
+
+}  // namespace
+
+std::vector<std::string> SettingsFiles::Find() const
+{
+    return FindFiles(_filesAndFolders, IsSettingsFile);
+}
+
+std::vector<std::string> SettingsFiles::FindWithFolders() const
+{
+    return FindFiles(_filesAndFolders, IsNamedLikeAFile);
 }
 
 }  // namespace korlo::daemon

@@ -20,6 +20,9 @@ public:
     /// @throws osa::Exception naming a folder that cannot be read, and the reason.
     std::vector<std::string> Find() const;
 
+    /// The same, and folders in a folder that are named like its files: so whoever reads them tells of them.
+    std::vector<std::string> FindWithFolders() const;
+
 private:
     const std::vector<std::string> _filesAndFolders;
 };

@@ -51,7 +51,7 @@ endfunction()
 # resolve(OUT SOURCE INCLUDE): the file that a quoted include names, relative to the tree; empty if there is none.
 function(resolve out source include)
     cmake_path(GET source PARENT_PATH folder)
-    foreach(root IN ITEMS ${folder} core/include core/source include source programs)
+    foreach(root IN ITEMS ${folder} core/include core/source include source programs programs/server)
         if(EXISTS ${TREE}/${root}/${include})
             cmake_path(SET found NORMALIZE ${root}/${include})
             set(${out} ${found} PARENT_SCOPE)

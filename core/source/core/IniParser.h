@@ -40,6 +40,9 @@ public:
 
     void Run();
 
+    /// The line, counted from 1, that holds what the sink is being told.
+    std::size_t GetLineNumber() const { return _lineNumber; }
+
 private:
     void ParseLine(std::string_view line);
     void ParseHeader(std::string_view line);
