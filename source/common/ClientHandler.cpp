@@ -12,6 +12,7 @@
 #include "common/Protocol.h"
 #include "common/ReadDelimitedValues.h"
 #include "korlo/core/Stopwatch.h"
+#include "server/AccessGuard.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 
@@ -31,6 +32,28 @@ std::string TakeWord(std::istream& line)
     std::string word;
     line >> word;
     return word;
+}
+
+bool IsPattern(const std::string& entry)
+{
+    return entry.find('*') != std::string::npos;
+}
+
+core::IniFile AllSettingsOf(const SettingsManager& store)
+{
+    core::IniFile settings;
+    store.GetGroups(settings, "*");
+    return settings;
+}
+
+core::IniFile UserSettingsOf(const SettingsManager& store)
+{
+    std::ostringstream text;
+    text.exceptions(std::ios::badbit);
+    store.DumpUserSettings(text);
+    core::IniFile settings;
+    settings.LoadFromString(std::move(text).str());
+    return settings;
 }
 
 void WriteNotification(std::ostream& out, const GroupNameCollection& groups, const core::IniFile& settings,
@@ -109,11 +132,12 @@ private:
 ClientHandler::MsgDispatcher* ClientHandler::MsgDispatcher::s_pInstance = nullptr;
 
 ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut)
-    : ClientHandler(pEnv, pIn, pOut, nullptr)
+    : ClientHandler(pEnv, pIn, pOut, nullptr, nullptr)
 {
 }
 
-ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate)
+ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate,
+                             IClientAccess* pAccess)
     : _pLogger(core::Logger::GetLogger("ClientHandler")),
       _quit(false),
       _pIn(pIn),
@@ -122,7 +146,8 @@ ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* p
       _pSettingsManager(pEnv->pSettingsManager),
       _pSerializationManager(pEnv->pSerializationManager),
       _pSerializer(_pSerializationManager->GetSerializer("ini")),
-      _pGate(pGate)
+      _pGate(pGate),
+      _pGuard(std::make_unique<AccessGuard>(pAccess))
 {
     common::Assert(_pSerializer != nullptr, "_pSerializer != __null", Source);
     _message.exceptions(std::ios::badbit);  // else a stream that is out of memory drops the rest without a word
@@ -204,9 +229,19 @@ void ClientHandler::Quit(std::istream&)
 void ClientHandler::Dump(std::istream& options)
 {
     BeforeStore(RequestKind::Read);
+    const bool all = TakeWord(options) == word::All;
+    const AccessGuard::Rights pRights = _pGuard->GetRights();
     const osa::MutexAutoLock lock(&_outputMutex);
-    TakeWord(options) == word::All ? _pSettingsManager->DumpAllSettings(_message)
-                                   : _pSettingsManager->DumpUserSettings(_message);
+    if (pRights->MayReadEverything())
+    {
+        all ? _pSettingsManager->DumpAllSettings(_message) : _pSettingsManager->DumpUserSettings(_message);
+    }
+    else
+    {
+        core::IniFile visible = all ? AllSettingsOf(*_pSettingsManager) : UserSettingsOf(*_pSettingsManager);
+        AccessGuard::HideUnreadable(*pRights, visible);
+        visible.SaveToStream(_message);
+    }
     _message << word::EndOfBlock << '\n';
     SendMessage();
 }
@@ -217,7 +252,7 @@ void ClientHandler::Merge(std::istream& options)
     const bool persist = TakeWord(options) != word::NoPersist;
     core::IniFile changes;
     serializer.OnDeserialize(*_pIn, changes);
-    if (RequestIsWhole())
+    if (RequestIsWhole() && _pGuard->AllowsMerge(persist ? "merge" : "merge nopersist", changes))
     {
         BeforeStore(persist ? RequestKind::PersistentChange : RequestKind::Change);
         _pSettingsManager->MergeSettings(changes, persist ? 0 : SettingsManager::DoNotPersist);
@@ -235,9 +270,13 @@ void ClientHandler::TestAndMerge(std::istream&)
     {
         return;
     }
-    BeforeStore(RequestKind::PersistentChange);
-    // The mutex comes after the change, whose notification may have to be written by this very handler.
-    const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
+    bool merged = false;
+    if (_pGuard->AllowsTestAndMerge(expected, changes))
+    {
+        BeforeStore(RequestKind::PersistentChange);
+        // The mutex comes after the change, whose notification may have to be written by this very handler.
+        merged = _pSettingsManager->TestAndMerge(expected, changes);
+    }
     const osa::MutexAutoLock lock(&_outputMutex);
     _message << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n';
     SendMessage();
@@ -265,14 +304,26 @@ void ClientHandler::GetSections(std::istream& options)
         return;
     }
     BeforeStore(RequestKind::Read);
+    const AccessGuard::Rights pRights = _pGuard->GetRights();
     const osa::MutexAutoLock lock(&_outputMutex);
     if (delimited)
     {
         _message << word::Data << '\n';
     }
-    if (!matcher.IsEmpty())
+    if (matcher.IsEmpty())
+    {
+        // A get of nothing has no body in any form.
+    }
+    else if (_pGuard->ReadsAsAsked(*pRights, matcher))
     {
         _pSettingsManager->WriteGroups(_message, matcher, serializer);
+    }
+    else
+    {
+        core::IniFile visible;
+        _pSettingsManager->GetGroups(visible, matcher);
+        _pGuard->Answer(*pRights, matcher, visible);
+        serializer.OnSerialize(visible, matcher, _message);
     }
     if (delimited)
     {
@@ -288,7 +339,7 @@ void ClientHandler::Overwrite(std::istream&)
     common::readDelimitedValues(_pIn, std::inserter(groups, groups.end()));
     core::IniFile replacement;
     serializer.OnDeserialize(*_pIn, replacement);
-    if (RequestIsWhole())
+    if (RequestIsWhole() && _pGuard->AllowsOverwrite(groups, replacement))
     {
         BeforeStore(RequestKind::PersistentChange);
         _pSettingsManager->OverwriteSettings(groups, replacement);
@@ -309,7 +360,7 @@ void ClientHandler::RestoreDefaults(std::istream&)
 {
     common::GroupNameMatcher matcher;
     common::readDelimitedValues(_pIn, common::GroupNameMatcherInsertIterator(&matcher));
-    if (RequestIsWhole())
+    if (RequestIsWhole() && _pGuard->AllowsRestore(matcher))
     {
         BeforeStore(RequestKind::Restore);
         _pSettingsManager->RestoreToDefaults(matcher);
@@ -326,6 +377,8 @@ void ClientHandler::Info(std::istream& options)
     // Before the output mutex: a dispatcher that is calling this handler holds its own mutex and waits for this one.
     GroupNameCollection groups;
     _pSettingsManager->GetAllSubscribedGroups(groups);
+    const AccessGuard::Rights pRights = _pGuard->GetRights();
+    std::erase_if(groups, [&pRights](const std::string& entry) { return !pRights->MayReadAllOf(entry); });
 
     const osa::MutexAutoLock lock(&_outputMutex);
     _message << word::SubscribedTitle << '\n' << word::SubscribedRule << '\n';
@@ -342,37 +395,56 @@ void ClientHandler::Info(std::istream& options)
 
 void ClientHandler::OnChange(const GroupNameCollection& groups, const core::IniFile&)
 {
-    if (std::all_of(groups.begin(), groups.end(), common::FitsGroupList))
+    const AccessGuard::Rights pRights = _pGuard->GetRights();
+    const auto isSent = [&pRights](const std::string& group) {
+        return common::FitsGroupList(group) && pRights->MayRead(group);
+    };
+    if (std::all_of(groups.begin(), groups.end(), isSent))
     {
-        Notify(groups);
+        Notify(groups, *pRights);
         return;
     }
-    GroupNameCollection listed;
+    GroupNameCollection sent;
     for (const std::string& group : groups)
     {
-        if (common::FitsGroupList(group))
+        if (isSent(group))
         {
-            listed.insert(listed.end(), group);
+            sent.insert(sent.end(), group);
         }
-        else
+        else if (!common::FitsGroupList(group))
         {
             _pLogger->Warning("A change of group '%s' is not announced: its name does not fit into a line",
                               group.c_str());
         }
     }
-    if (!listed.empty())
+    if (!sent.empty())
     {
-        Notify(listed);
+        Notify(sent, *pRights);
     }
 }
 
-void ClientHandler::Notify(const GroupNameCollection& groups)
+/// @param groups the client may read them.
+void ClientHandler::Notify(const GroupNameCollection& groups, const IAccessRights& rights)
 {
     // What the store holds now, read under the mutex: so the last notification that a client gets tells the last state.
     const osa::MutexAutoLock lock(&_outputMutex);
     const ISettingsSerializer& serializer = Serializer("_pSerializer != __null");
-    const auto pText = _pSettingsManager->WriteNotification(groups, serializer, &WriteNotification);
-    _pOut->write(pText->data(), static_cast<std::streamsize>(pText->size())).flush();
+    if (rights.MayReadEverything() || std::none_of(groups.begin(), groups.end(), IsPattern))
+    {
+        const auto pText = _pSettingsManager->WriteNotification(groups, serializer, &WriteNotification);
+        _pOut->write(pText->data(), static_cast<std::streamsize>(pText->size())).flush();
+        return;
+    }
+    // A name with an asterisk brings in the groups that it matches as a pattern, also those that nobody is to see.
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    core::IniFile visible;
+    _pSettingsManager->GetGroups(visible, matcher);
+    AccessGuard::HideUnreadable(rights, visible);
+    std::ostringstream text;
+    text.exceptions(std::ios::badbit);
+    WriteNotification(text, groups, visible, serializer);
+    _pOut->write(text.view().data(), static_cast<std::streamsize>(text.view().size())).flush();
 }
 
 }  // namespace korlo::settings::server

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "korlo/core/GetSecondFromPairFunctor.h"
+#include "server/ErasedGroups.h"
 #include "server/StoreLock.h"
 #include "settings/server/GroupDiscriminator.h"
 
@@ -17,9 +18,6 @@ namespace
 
 using common::GroupNameMatcher;
 using core::IniFile;
-
-// Not a string: a store may be a global, loaded before globals of this file would be made and used after they are gone.
-constexpr const char* DeletedGroups = "KorloSettings/Data/DeletedGroups";
 
 IniFile UnrestrictedCopy(const IniFile& source)
 {
@@ -101,7 +99,7 @@ void SettingsManager::LoadLayers()
     }
 
     // 4. The record of erased groups came in with the user layer, and is not for clients.
-    _settings.RemoveGroup(DeletedGroups);
+    _settings.RemoveGroup(ErasedGroups);
 }
 
 // Not analysed: it works on the user layer without the lock, which LoadSettings holds around it.
@@ -127,7 +125,7 @@ void SettingsManager::ConfigureSettingsCombiner(SettingsCombiner& combiner) cons
 
 void SettingsManager::RemoveErasedGroups()
 {
-    const auto record = _userSettings.Find(DeletedGroups);
+    const auto record = _userSettings.Find(ErasedGroups);
     if (record == _userSettings.end())
     {
         return;
@@ -259,7 +257,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         RemoveGroups(changedGroups);
         _settings.MergeSettings(accepted);
         _userSettings.MergeSettings(accepted);
-        _userSettings.ValueListAppendUnique(DeletedGroups, namesAndPatterns);
+        _userSettings.ValueListAppendUnique(ErasedGroups, namesAndPatterns);
         SaveUserSettings();
     }
     changedGroups.merge(common::GroupNamesOf(accepted));

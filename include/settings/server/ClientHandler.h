@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <istream>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "korlo/osa/Mutex.h"
 #include "settings/GroupNameCollection.h"
 #include "settings/IChangeCallback.h"
+#include "settings/server/IClientAccess.h"
 #include "settings/server/ISettingsSerializer.h"
 #include "settings/server/ServerEnv.h"
 
@@ -44,12 +46,17 @@ public:
     virtual void BeforeStore(RequestKind kind) = 0;
 };
 
+class AccessGuard;
+
 /// Reads commands from a connection, carries them out on the store, writes the responses, and pushes notifications
 /// about the groups that the client subscribed to.
 ///
 ///     ServerEnv env{&settingsManager, &serializationManager};
 ///     ClientHandler handler(&env, &in, &out);
 ///     handler.Run();
+///
+/// What the client may not read is left out of all that it is sent, and a change that it may not make is not made; what
+/// it may do is asked anew for each request and each notification.
 ///
 /// A request whose input ends before its last terminator is not carried out, and a message that memory does not suffice
 /// for is not sent in part: std::bad_alloc passes out instead. Each message goes to `out` in one write and one flush.
@@ -65,7 +72,9 @@ class ClientHandler : public IChangeCallback
 public:
     /// @param pEnv copied.
     /// @param pGate borrowed, may be null.
-    ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate);
+    /// @param pAccess what the client may do; borrowed, may be null: everything.
+    ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate,
+                  IClientAccess* pAccess = nullptr);
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut);
     ClientHandler(const ClientHandler&) = delete;
     ClientHandler& operator=(const ClientHandler&) = delete;
@@ -100,7 +109,7 @@ private:
     void BeforeStore(RequestKind kind);
     void SendMessage() KORLO_REQUIRES(_outputMutex);
     void Send(std::string_view text) KORLO_REQUIRES(_outputMutex);
-    void Notify(const GroupNameCollection& groups);
+    void Notify(const GroupNameCollection& groups, const IAccessRights& rights);
     void Unsubscribe();
     bool RequestIsWhole() const;
     const ISettingsSerializer& Serializer(const char* assertion) const;
@@ -115,6 +124,7 @@ private:
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
     IRequestGate* const _pGate;                                  // borrowed, may be null
+    const std::unique_ptr<AccessGuard> _pGuard;
 };
 
 }  // namespace korlo::settings::server

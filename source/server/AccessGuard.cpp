@@ -1,0 +1,194 @@
+#include "server/AccessGuard.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include "server/ErasedGroups.h"
+#include "settings/server/GroupDiscriminator.h"
+
+namespace korlo::settings::server
+{
+namespace
+{
+
+using core::IniFile;
+
+/// Adds the groups of a change that the client may not change.
+void AddUnchangeable(const IAccessRights& rights, const IniFile& changes, GroupNameCollection& refused)
+{
+    for (const auto& [group, values] : changes)
+    {
+        if (!GroupDiscriminator::IsRestrictedGroup(group) && !rights.MayChange(group))
+        {
+            refused.insert(group);
+        }
+    }
+}
+
+/// Adds the entries that reach further than the client may change.
+void AddUnchangeable(const IAccessRights& rights, const GroupNameCollection& namesAndPatterns,
+                     GroupNameCollection& refused)
+{
+    std::copy_if(namesAndPatterns.begin(), namesAndPatterns.end(), std::inserter(refused, refused.end()),
+                 [&rights](const std::string& entry) { return !rights.MayChangeAllOf(entry); });
+}
+
+/// Numbers count the order in which groups were erased: "10" comes after "2". Numbering by the order of the texts would
+/// tell how many entries are hidden.
+bool IsErasedBefore(const std::string& left, const std::string& right)
+{
+    return left.size() != right.size() ? left.size() < right.size() : left < right;
+}
+
+void HideErasedGroups(const IAccessRights& rights, IniFile& settings)
+{
+    const auto record = settings.Find(ErasedGroups);
+    if (record == settings.end())
+    {
+        return;
+    }
+    std::vector<std::pair<std::string, std::string>> visible;
+    for (const auto& [number, entry] : record->second)
+    {
+        if (rights.MayReadAllOf(entry))
+        {
+            visible.emplace_back(number, entry);
+        }
+    }
+    std::sort(visible.begin(), visible.end(),
+              [](const auto& left, const auto& right) { return IsErasedBefore(left.first, right.first); });
+    settings.RemoveGroup(record);
+    for (std::size_t index = 0; index < visible.size(); ++index)
+    {
+        settings.SetValue(ErasedGroups, std::to_string(index + 1), visible[index].second);
+    }
+}
+
+}  // namespace
+
+AccessGuard::AccessGuard(IClientAccess* pAccess) : _pAccess(pAccess != nullptr ? pAccess : &_fullAccess)
+{
+}
+
+bool AccessGuard::ReadsAsAsked(const IAccessRights& rights, const common::GroupNameMatcher& matcher) const
+{
+    const GroupNameCollection& names = matcher.GetNames();
+    if (_refused && names.contains(RefusedGroup))
+    {
+        return false;
+    }
+    return rights.MayReadEverything() || (matcher.GetPatterns().empty() &&
+                                          std::all_of(names.begin(), names.end(), [&rights](const std::string& name) {
+                                              return rights.MayRead(name);
+                                          }));
+}
+
+void AccessGuard::Answer(const IAccessRights& rights, const common::GroupNameMatcher& matcher, IniFile& settings)
+{
+    HideUnreadable(rights, settings);
+    if (_refused && matcher.GetNames().contains(RefusedGroup))
+    {
+        settings[RefusedGroup] = std::move(*_refused);
+        _refused.reset();
+    }
+}
+
+void AccessGuard::HideUnreadable(const IAccessRights& rights, IniFile& settings)
+{
+    if (rights.MayReadEverything())
+    {
+        return;
+    }
+    for (auto group = settings.begin(); group != settings.end();)
+    {
+        group = rights.MayRead(group->first) ? std::next(group) : settings.RemoveGroup(group);
+    }
+    HideErasedGroups(rights, settings);
+}
+
+void AccessGuard::RemoveUnreadable(const IAccessRights& rights, GroupNameCollection& groups)
+{
+    std::erase_if(groups, [&rights](const std::string& group) { return !rights.MayRead(group); });
+}
+
+bool AccessGuard::AllowsMerge(const char* operation, const IniFile& changes)
+{
+    const Rights pRights = GetRights();
+    GroupNameCollection refused;
+    if (!pRights->MayChangeEverything())
+    {
+        AddUnchangeable(*pRights, changes, refused);
+    }
+    return Allows(operation, refused);
+}
+
+bool AccessGuard::AllowsTestAndMerge(const IniFile& expected, const IniFile& changes)
+{
+    const Rights pRights = GetRights();
+    GroupNameCollection refused;
+    if (!pRights->MayChangeEverything())
+    {
+        AddUnchangeable(*pRights, changes, refused);
+        for (const auto& [group, values] : expected)
+        {
+            if (!pRights->MayRead(group))
+            {
+                refused.insert(group);
+            }
+        }
+    }
+    return Allows("test-and-merge", refused);
+}
+
+bool AccessGuard::AllowsOverwrite(const GroupNameCollection& namesAndPatterns, const IniFile& replacement)
+{
+    const Rights pRights = GetRights();
+    GroupNameCollection refused;
+    if (!pRights->MayChangeEverything())
+    {
+        AddUnchangeable(*pRights, namesAndPatterns, refused);
+        AddUnchangeable(*pRights, replacement, refused);
+    }
+    return Allows("overwrite", refused);
+}
+
+bool AccessGuard::AllowsRestore(const common::GroupNameMatcher& namesAndPatterns)
+{
+    const Rights pRights = GetRights();
+    GroupNameCollection refused;
+    if (!pRights->MayChangeEverything())
+    {
+        AddUnchangeable(*pRights, namesAndPatterns.GetNames(), refused);
+        AddUnchangeable(*pRights, namesAndPatterns.GetPatterns(), refused);
+    }
+    return Allows("restore", refused);
+}
+
+bool AccessGuard::Allows(const char* operation, GroupNameCollection& refused)
+{
+    if (refused.empty())
+    {
+        return true;
+    }
+    if (!_refused)
+    {
+        _refused.emplace();
+        (*_refused)["operation"] = operation;
+        std::size_t number = 0;
+        std::size_t bytes = 0;
+        for (const std::string& name : refused)
+        {
+            if (number < MostRefusedNames && bytes + name.size() <= MostRefusedBytes)
+            {
+                bytes += name.size();
+                (*_refused)["group." + std::to_string(++number)] = name;
+            }
+        }
+    }
+    _pAccess->OnRefused(operation, refused);
+    return false;
+}
+
+}  // namespace korlo::settings::server

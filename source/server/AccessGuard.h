@@ -1,0 +1,74 @@
+#pragma once
+// What one connection shows its client, and which changes it lets through.
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "korlo/core/IniFile.h"
+#include "korlo/osa/Mutex.h"
+#include "settings/GroupNameCollection.h"
+#include "settings/common/GroupNameMatcher.h"
+#include "settings/server/IClientAccess.h"
+
+namespace korlo::settings::server
+{
+
+/// Stands between a ClientHandler and the store, which knows nothing of clients. What the client may not read is taken
+/// out of what it is sent, as if it were not there; a change that it may not make is refused as a whole.
+///
+/// The first change that was refused is kept until the client asks for it, by the exact name of RefusedGroup. No client
+/// can store anything there, since the name is restricted, and none sees what another was refused.
+///
+/// Thread safety: belongs to the thread that serves the client's requests, but GetRights, HideUnreadable and
+/// RemoveUnreadable, which any thread may call.
+class AccessGuard
+{
+public:
+    using Rights = std::shared_ptr<const IAccessRights>;
+
+    static constexpr const char* RefusedGroup = "KorloSettings/Trusted/Refused";
+    static constexpr std::size_t MostRefusedNames = 64;
+    static constexpr std::size_t MostRefusedBytes = 64 * 1024;  ///< of all of them; a name beyond that is left out
+
+    /// @param pAccess borrowed, may be null: everything is allowed then.
+    explicit AccessGuard(IClientAccess* pAccess);
+
+    /// What the client may do now: one set of rights decides about all of a request, or of a notification.
+    Rights GetRights() const { return _pAccess->GetRights(); }
+
+    /// True when the answer to a read needs nothing taken out or put in: everything that is selected may be read.
+    bool ReadsAsAsked(const IAccessRights& rights, const common::GroupNameMatcher& matcher) const;
+
+    /// Makes `settings`, what the store holds of the groups that `matcher` selects, what the client is to see of it;
+    /// adds what was refused, and forgets it, where the matcher names it exactly.
+    void Answer(const IAccessRights& rights, const common::GroupNameMatcher& matcher, core::IniFile& settings);
+
+    /// Takes the groups that may not be read out of `settings`, which may be a user layer: entries of the record of
+    /// erased groups are taken out of it, too, and those that are left are numbered anew.
+    static void HideUnreadable(const IAccessRights& rights, core::IniFile& settings);
+
+    /// Takes the names of groups that may not be read out of `groups`.
+    static void RemoveUnreadable(const IAccessRights& rights, GroupNameCollection& groups);
+
+    // May the client make the change? One that it may not make is noted and reported. Restricted groups in a document
+    // do not count: the store drops them.
+
+    /// @param operation "merge" or "merge nopersist".
+    bool AllowsMerge(const char* operation, const core::IniFile& changes);
+
+    /// A group that is tested must be readable: else the outcome would tell what it holds.
+    bool AllowsTestAndMerge(const core::IniFile& expected, const core::IniFile& changes);
+    bool AllowsOverwrite(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement);
+    bool AllowsRestore(const common::GroupNameMatcher& namesAndPatterns);
+
+private:
+    bool Allows(const char* operation, GroupNameCollection& refused);
+
+    FullAccess _fullAccess;
+    IClientAccess* const _pAccess;
+    std::optional<core::IniFile::KeyValueMap> _refused;  // what RefusedGroup answers; none: nothing was refused
+};
+
+}  // namespace korlo::settings::server
