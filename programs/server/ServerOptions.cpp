@@ -1,6 +1,8 @@
 #include "ServerOptions.h"
 
+#include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -34,18 +36,38 @@ unsigned long long ParseNumber(const std::string& option, std::string_view text,
     return number;
 }
 
-void ParseListen(const std::string& text, ServerOptions& options)
+ServerOptions::Door ParseDoor(const std::string& text)
 {
-    const std::size_t colon = text.rfind(':');
-    std::string address = text.substr(0, colon);
-    const bool isBracketed = address.starts_with('[') && address.ends_with(']');
-    if (colon == std::string::npos || address.empty() || (!isBracketed && address.find(':') != std::string::npos))
+    constexpr std::string_view unixPrefix = "unix:";
+    if (text.starts_with(unixPrefix) && text.size() > unixPrefix.size())
     {
-        Refuse("--listen: '" + text + "' is not ADDRESS:PORT (an IPv6 address in square brackets)");
+        return {text, 0};
     }
-    options.address = isBracketed ? address.substr(1, address.size() - 2) : address;
-    options.port = static_cast<unsigned short>(
+    const std::size_t colon = text.rfind(':');
+    const std::string address = text.substr(0, colon);
+    const bool isBracketed = address.starts_with('[') && address.ends_with(']');
+    if (colon == std::string::npos || address.empty() || (!isBracketed && address.find(':') != std::string::npos) ||
+        text.starts_with(unixPrefix))
+    {
+        Refuse("--listen: '" + text + "' is neither ADDRESS:PORT (an IPv6 address in square brackets) nor unix:PATH");
+    }
+    const auto port = static_cast<unsigned short>(
         ParseNumber("--listen", text.substr(colon + 1), 0, std::numeric_limits<unsigned short>::max()));
+    return {isBracketed ? address.substr(1, address.size() - 2) : address, port};
+}
+
+unsigned int ParseMode(const std::string& text)
+{
+    constexpr int octal = 8;
+    constexpr unsigned int mostMode = 0777;
+    unsigned int mode = 0;
+    const char* const pEnd = text.data() + text.size();
+    const auto [pRest, error] = std::from_chars(text.data(), pEnd, mode, octal);
+    if (error != std::errc() || pRest != pEnd || mode > mostMode)
+    {
+        Refuse("--socket-mode: '" + text + "' is no octal mode from 0 to 777, such as 0660");
+    }
+    return mode;
 }
 
 /// An option that takes a number in a range.
@@ -69,12 +91,30 @@ void AddOptions(CLI::App& app, ServerOptions& options)
     constexpr unsigned long long mostBytes = 0x7FFFFFFF;  // what 32 bits can address comes to an end there
     app.set_help_flag("-h,--help", "Print this help and exit; so does -h");
     app.set_version_flag("--version", KORLO_VERSION, "Print the version and exit");
-    app.add_option_function<std::string>(
-           "--listen", [&options](const std::string& text) { ParseListen(text, options); },
-           "Where clients connect; port 0 picks a free one, an IPv6 address stands in brackets")
-        ->type_name("ADDRESS:PORT")
-        ->take_last()
+    app.add_option_function<std::vector<std::string>>(
+           "--listen",
+           [&options](const std::vector<std::string>& texts) {
+               std::transform(texts.begin(), texts.end(), std::back_inserter(options.listen), ParseDoor);
+           },
+           "Where clients connect; may be repeated. Port 0 picks a free one, an IPv6 address stands in brackets, "
+           "unix:PATH is a Unix-domain socket")
+        ->type_name("ADDRESS")
+        ->allow_extra_args(false)
         ->default_str("127.0.0.1:4711");
+    app.add_option_function<std::string>(
+           "--socket-mode", [&options](const std::string& text) { options.socketMode = ParseMode(text); },
+           "Who may connect to the Unix-domain sockets of --listen: the mode of their files")
+        ->type_name("MODE")
+        ->take_last()
+        ->default_str("0660");
+    app.add_option("--socket-group", options.socketGroup,
+                   "The group of these files, by name or number; the server's own without it")
+        ->type_name("GROUP")
+        ->take_last();
+    app.add_option("--control", options.controlPath,
+                   "The path of the control door, a Unix-domain socket for the device's operator")
+        ->type_name("PATH")
+        ->take_last();
     app.add_option("--defaults", options.defaults, "Default settings; may be repeated, and later ones win")
         ->type_name("FILE-OR-FOLDER")
         ->allow_extra_args(false);
@@ -92,6 +132,11 @@ void AddOptions(CLI::App& app, ServerOptions& options)
                    "Restricted settings, which no client can change; may be repeated")
         ->type_name("FILE-OR-FOLDER")
         ->allow_extra_args(false);
+    app.add_option("--access", options.access,
+                   "Rules that say who may read and change what; may be repeated. Without it everybody may everything")
+        ->type_name("FILE-OR-FOLDER")
+        ->allow_extra_args(false);
+    app.add_flag("--check", options.checksOnly, "Read every file, tell what is wrong with them, and end with 0 or 1");
     AddNumber(app, "--save-delay", "MS", "Milliseconds for which changes are gathered before they are saved",
               options.saveDelayMs, 0, 24ull * 60 * 60 * 1000);
     AddNumber(app, "--max-clients", "N", "The most clients at once", options.limits.maxClients, 1, 1'000'000);
@@ -122,6 +167,12 @@ std::string HelpOf(const CLI::App& app)
 }
 
 }  // namespace
+
+const ServerOptions::Door& ServerOptions::DefaultDoor()
+{
+    static const Door door{"127.0.0.1", 4711};
+    return door;
+}
 
 ServerOptions ParseOptions(int argc, const char* const* argv)
 {

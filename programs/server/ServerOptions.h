@@ -2,6 +2,7 @@
 // The command line of the server.
 
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,12 +16,25 @@ namespace korlo::daemon
 /// Thread safety: none of its own; the owner guards it.
 struct ServerOptions
 {
-    std::string address = "127.0.0.1";  ///< without the square brackets of an IPv6 address
-    unsigned short port = 4711;
+    /// What --listen says, as TcpListener takes it.
+    struct Door
+    {
+        std::string address;  ///< without the square brackets of an IPv6 address, or unix:PATH
+        unsigned short port;  ///< 0 picks a free one; of a path it is 0
+    };
+
+    static const Door& DefaultDoor();
+
+    std::vector<Door> listen;                ///< empty: the default, unless sockets were passed
+    unsigned int socketMode = 0660;          ///< of the files of Unix-domain sockets that --listen names
+    std::optional<std::string> socketGroup;  ///< a name or digits; none: the process's own
+    std::string controlPath;                 ///< empty: none, unless one was passed
     std::vector<std::string> defaults;
     std::string userPath = "/var/lib/korlo-settings/user.ini";
     bool userPathIsGiven = false;  ///< else it is used only where its folder exists
     std::vector<std::string> restricted;
+    std::vector<std::string> access;  ///< empty: everybody may do everything
+    bool checksOnly = false;          ///< read every file, open nothing, and end
     unsigned int saveDelayMs = 0;
     ServerLimits limits;
     int logLevel = 2;

@@ -20,6 +20,10 @@ void AddUnchangeable(const IAccessRights& rights, const IniFile& changes, GroupN
 {
     for (const auto& [group, values] : changes)
     {
+        if (refused.size() >= AccessGuard::MostRefusedNames)
+        {
+            return;
+        }
         if (!GroupDiscriminator::IsRestrictedGroup(group) && !rights.MayChange(group))
         {
             refused.insert(group);
@@ -31,8 +35,14 @@ void AddUnchangeable(const IAccessRights& rights, const IniFile& changes, GroupN
 void AddUnchangeable(const IAccessRights& rights, const GroupNameCollection& namesAndPatterns,
                      GroupNameCollection& refused)
 {
-    std::copy_if(namesAndPatterns.begin(), namesAndPatterns.end(), std::inserter(refused, refused.end()),
-                 [&rights](const std::string& entry) { return !rights.MayChangeAllOf(entry); });
+    for (auto entry = namesAndPatterns.begin();
+         entry != namesAndPatterns.end() && refused.size() < AccessGuard::MostRefusedNames; ++entry)
+    {
+        if (!rights.MayChangeAllOf(*entry))
+        {
+            refused.insert(*entry);
+        }
+    }
 }
 
 /// Numbers count the order in which groups were erased: "10" comes after "2". Numbering by the order of the texts would
@@ -133,7 +143,7 @@ bool AccessGuard::AllowsTestAndMerge(const IniFile& expected, const IniFile& cha
         AddUnchangeable(*pRights, changes, refused);
         for (const auto& [group, values] : expected)
         {
-            if (!pRights->MayRead(group))
+            if (refused.size() < MostRefusedNames && !pRights->MayRead(group))
             {
                 refused.insert(group);
             }
@@ -180,7 +190,7 @@ bool AccessGuard::Allows(const char* operation, GroupNameCollection& refused)
         std::size_t bytes = 0;
         for (const std::string& name : refused)
         {
-            if (number < MostRefusedNames && bytes + name.size() <= MostRefusedBytes)
+            if (bytes + name.size() <= MostRefusedBytes)
             {
                 bytes += name.size();
                 (*_refused)["group." + std::to_string(++number)] = name;

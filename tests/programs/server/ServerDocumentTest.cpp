@@ -121,7 +121,8 @@ TEST(ServerDocumentTest, TheTableGivesTheDefaults)
 {
     const ServerOptions options;
     const std::string document = Document();
-    EXPECT_THAT(document, HasSubstr("| `--listen` | `" + options.address + ':' + std::to_string(options.port) + "` |"));
+    EXPECT_THAT(document, HasSubstr("| `--listen` | `" + ServerOptions::DefaultDoor().address + ':' +
+                                    std::to_string(ServerOptions::DefaultDoor().port) + "` |"));
     EXPECT_THAT(document, HasSubstr("| `--user` | `" + options.userPath + "` |"));
     EXPECT_THAT(document, HasSubstr("| `--save-delay` | " + std::to_string(options.saveDelayMs) + " |"));
     EXPECT_THAT(document, HasSubstr("| `--max-clients` | " + std::to_string(options.limits.maxClients) + " |"));

@@ -12,6 +12,7 @@ namespace
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 ServerOptions Parse(std::vector<const char*> arguments)
 {
@@ -35,8 +36,14 @@ EarlyExit Refusal(const std::vector<const char*>& arguments)
 TEST(ServerOptionsTest, HaveDefaults)
 {
     const ServerOptions options = Parse({});
-    EXPECT_EQ(options.address, "127.0.0.1");
-    EXPECT_EQ(options.port, 4711);
+    EXPECT_THAT(options.listen, IsEmpty());
+    EXPECT_EQ(ServerOptions::DefaultDoor().address, "127.0.0.1");
+    EXPECT_EQ(ServerOptions::DefaultDoor().port, 4711);
+    EXPECT_EQ(options.socketMode, 0660u);
+    EXPECT_EQ(options.socketGroup, std::nullopt);
+    EXPECT_EQ(options.controlPath, "");
+    EXPECT_THAT(options.access, IsEmpty());
+    EXPECT_FALSE(options.checksOnly);
     EXPECT_EQ(options.userPath, "/var/lib/korlo-settings/user.ini");
     EXPECT_FALSE(options.userPathIsGiven);
     EXPECT_EQ(options.saveDelayMs, 0u);
@@ -51,8 +58,9 @@ TEST(ServerOptionsTest, TakeWhatIsGiven)
     const ServerOptions options = Parse({"--listen", "0.0.0.0:0", "--defaults", "a", "--defaults", "b", "--user", "u",
                                          "--restricted=r", "--save-delay", "100", "--max-clients", "2", "--max-backlog",
                                          "3", "--max-message", "4", "--log-level", "0"});
-    EXPECT_EQ(options.address, "0.0.0.0");
-    EXPECT_EQ(options.port, 0);
+    ASSERT_EQ(options.listen.size(), 1u);
+    EXPECT_EQ(options.listen[0].address, "0.0.0.0");
+    EXPECT_EQ(options.listen[0].port, 0);
     EXPECT_THAT(options.defaults, ElementsAre("a", "b"));
     EXPECT_EQ(options.userPath, "u");
     EXPECT_TRUE(options.userPathIsGiven);
@@ -66,13 +74,34 @@ TEST(ServerOptionsTest, TakeWhatIsGiven)
 
 TEST(ServerOptionsTest, OfSeveralTheLastCounts)
 {
-    EXPECT_EQ(Parse({"--listen", "a:1", "--listen", "b:2"}).address, "b");
+    EXPECT_EQ(Parse({"--control", "a", "--control", "b"}).controlPath, "b");
     EXPECT_EQ(Parse({"--save-delay", "1", "--save-delay", "2"}).saveDelayMs, 2u);
 }
 
 TEST(ServerOptionsTest, TakeAnIPv6AddressOutOfItsBrackets)
 {
-    EXPECT_EQ(Parse({"--listen", "[::1]:80"}).address, "::1");
+    EXPECT_EQ(Parse({"--listen", "[::1]:80"}).listen.at(0).address, "::1");
+}
+
+TEST(ServerOptionsTest, ListenMayBeRepeated)
+{
+    const ServerOptions options = Parse({"--listen", "a:1", "--listen", "unix:/run/x:2", "--listen", "[::1]:0"});
+    ASSERT_EQ(options.listen.size(), 3u);
+    EXPECT_EQ(options.listen[0].address, "a");
+    EXPECT_EQ(options.listen[1].address, "unix:/run/x:2");
+    EXPECT_EQ(options.listen[1].port, 0);
+    EXPECT_EQ(options.listen[2].address, "::1");
+}
+
+TEST(ServerOptionsTest, TakeWhatSaysWhoMayConnectAndDoWhat)
+{
+    const ServerOptions options = Parse({"--socket-mode", "0600", "--socket-group", "web", "--control", "/c",
+                                         "--access", "a", "--access", "b", "--check"});
+    EXPECT_EQ(options.socketMode, 0600u);
+    EXPECT_EQ(options.socketGroup, "web");
+    EXPECT_EQ(options.controlPath, "/c");
+    EXPECT_THAT(options.access, ElementsAre("a", "b"));
+    EXPECT_TRUE(options.checksOnly);
 }
 
 TEST(ServerOptionsTest, RefuseWhatMakesNoSenseInOneLineThatNamesIt)
@@ -92,6 +121,12 @@ TEST(ServerOptionsTest, RefuseWhatMakesNoSenseInOneLineThatNamesIt)
         {{"--listen", "a:"}, "''"},
         {{"--listen", "a:65536"}, "'65536'"},
         {{"--listen", "a:-1"}, "'-1'"},
+        {{"--listen", "unix:"}, "'unix:'"},
+        {{"--socket-mode", "0888"}, "--socket-mode: '0888'"},
+        {{"--socket-mode", "rw"}, "--socket-mode: 'rw'"},
+        {{"--socket-mode", "1777"}, "--socket-mode: '1777'"},
+        {{"--control"}, "--control"},
+        {{"--access"}, "--access"},
         {{"--save-delay", "x"}, "--save-delay: 'x'"},
         {{"--save-delay", "1.5"}, "--save-delay: '1.5'"},
         {{"--save-delay", "99999999999999999999"}, "--save-delay"},

@@ -1,0 +1,56 @@
+#pragma once
+// What the server's control door and the tool that asks it say to each other (docs/server.md, "The control door").
+
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "korlo/core/IniFile.h"
+
+namespace korlo::control
+{
+
+inline constexpr const char* DefaultPath = "/run/korlo-settings/control";
+
+// A request is one line: a word, and its operands behind blanks.
+inline constexpr const char* AccessCheck = "access-check";    // USER read|change GROUP
+inline constexpr const char* AccessReload = "access-reload";  // no operand
+
+inline constexpr const char* Read = "read";
+inline constexpr const char* Change = "change";
+
+// The answer is Ok, an INI document and EndOfAnswer, a line each; or one line: ErrorPrefix and a message.
+inline constexpr const char* Ok = "ok";
+inline constexpr const char* EndOfAnswer = ".";
+inline constexpr std::string_view ErrorPrefix = "error ";
+
+/// How the message begins that answers a question about a user whom the system does not know.
+inline constexpr std::string_view UnknownUser = "unknown user ";
+
+/// A group's name as the last operand of a request: as it stands, or in double quotes, as INI text quotes names, where
+/// a line cannot carry it otherwise.
+inline std::string QuotedName(const std::string& name)
+{
+    // As the header of a group it is quoted for the same reasons, and for a few that do no harm here.
+    core::IniFile document;
+    document[name];
+    std::ostringstream text;
+    document.SaveToStream(text);
+    const std::string header = text.str();  // "[NAME]" and a line break
+    return header.substr(1, header.rfind(']') - 1);
+}
+
+/// The name behind such an operand; nothing when its quotes make no sense.
+inline std::optional<std::string> UnquotedName(const std::string& operand)
+{
+    if (!operand.starts_with('"'))
+    {
+        return operand;
+    }
+    core::IniFile document;
+    document.LoadFromString('[' + operand + "]\n");
+    return document.size() == 1 ? std::optional(document.begin()->first) : std::nullopt;
+}
+
+}  // namespace korlo::control

@@ -1,0 +1,214 @@
+#include "control/ControlDoor.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <istream>
+#include <optional>
+#include <string_view>
+
+#include "ControlProtocol.h"
+#include "korlo/osa/Exception.h"
+#include "korlo/osa/TcpSocketStream.h"
+
+namespace korlo::daemon
+{
+namespace
+{
+
+constexpr unsigned int StackBytes = 64 * 1024;
+constexpr std::string_view Blanks = " \t\r";
+
+/// The next line; nothing at the end of the connection, and when the client takes too long.
+/// @throws osa::Exception for a line that is too long.
+std::optional<std::string> ReadLine(std::istream& in)
+{
+    std::string line;
+    for (int next = in.get(); next != '\n'; next = in.get())
+    {
+        if (next == std::istream::traits_type::eof())
+        {
+            return std::nullopt;
+        }
+        if (line.size() >= ControlDoor::MostLineBytes)
+        {
+            throw osa::Exception("a request may have %zu bytes", ControlDoor::MostLineBytes);
+        }
+        line += static_cast<char>(next);
+    }
+    return line;
+}
+
+std::string_view WithoutBlanks(std::string_view text)
+{
+    text.remove_prefix(std::min(text.find_first_not_of(Blanks), text.size()));
+    text.remove_suffix(text.size() - std::min(text.find_last_not_of(Blanks) + 1, text.size()));
+    return text;
+}
+
+/// A message is one line, whatever it quotes.
+void WriteError(std::ostream& out, std::string message)
+{
+    std::replace_if(
+        message.begin(), message.end(), [](unsigned char c) { return c < ' '; }, '?');
+    out << control::ErrorPrefix << message << '\n' << std::flush;
+}
+
+}  // namespace
+
+/// One client and its thread.
+///
+/// Thread safety: Run is the client's own thread; Stop and HasEnded from any thread.
+class ControlDoor::Client : private osa::Runnable
+{
+public:
+    Client(std::unique_ptr<osa::TcpSocket> pSocket, const Words& words)
+        : _words(words),
+          _pSocket(std::move(pSocket)),
+          _thread("Control", this, StackBytes, 0)
+    {
+    }
+
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// Waits for the thread, if it was started.
+    ~Client() override = default;
+
+    /// @throws osa::Exception when the system has no thread left.
+    void Start() { _thread.Run(); }
+
+    void Stop() override { _pSocket->Close(); }
+    bool HasEnded() const { return _hasEnded; }
+
+private:
+    void Run() override
+    {
+        try
+        {
+            Serve();
+        }
+        catch (const std::exception& exception)
+        {
+            core::Logger::GetLogger("ControlDoor")->Warning("A client is disconnected: %s", exception.what());
+        }
+        _pSocket->Close();
+        _hasEnded = true;
+    }
+
+    void Serve()
+    {
+        osa::TcpSocketStream in(_pSocket.get(), IdleMs);
+        osa::TcpSocketStream out(_pSocket.get(), WriteMs);
+        try
+        {
+            for (std::optional<std::string> line = ReadLine(in); line && out.GetOstream(); line = ReadLine(in))
+            {
+                Answer(WithoutBlanks(*line), out.GetOstream());
+            }
+        }
+        catch (const osa::Exception& exception)
+        {
+            WriteError(out.GetOstream(), exception.what());
+            throw;
+        }
+    }
+
+    void Answer(std::string_view request, std::ostream& out) const
+    {
+        const std::string_view name = request.substr(0, request.find_first_of(Blanks));
+        const auto word =
+            std::find_if(_words.begin(), _words.end(), [name](const auto& pWord) { return pWord->GetName() == name; });
+        if (word == _words.end())
+        {
+            WriteError(out, "unknown word '" + std::string(name) + "'");
+            return;
+        }
+        core::IniFile answer;
+        try
+        {
+            answer = (*word)->Answer(std::string(WithoutBlanks(request.substr(name.size()))));
+        }
+        catch (const std::exception& exception)
+        {
+            WriteError(out, exception.what());
+            return;
+        }
+        out << control::Ok << '\n';
+        answer.SaveToStream(out);
+        out << control::EndOfAnswer << '\n' << std::flush;
+    }
+
+    const Words& _words;
+    const std::unique_ptr<osa::TcpSocket> _pSocket;
+    std::atomic<bool> _hasEnded = false;
+    osa::Thread _thread;  // last
+};
+
+ControlDoor::ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words)
+    : _words(std::move(words)),
+      _pLogger(core::Logger::GetLogger("ControlDoor")),
+      _pListener(std::move(pListener)),
+      _thread("ControlDoor", this, StackBytes, 0)
+{
+}
+
+ControlDoor::~ControlDoor()
+{
+    ControlDoor::Stop();
+}
+
+void ControlDoor::Start()
+{
+    _thread.Run();
+}
+
+void ControlDoor::Stop()
+{
+    _pListener->Close();
+    _thread.Join();
+    for (Client& client : _clients)
+    {
+        client.Stop();
+    }
+    _clients.clear();
+}
+
+/// Whatever fails here costs the operator the door, and the settings clients nothing.
+void ControlDoor::Run()
+{
+    try
+    {
+        while (std::unique_ptr<osa::TcpSocket> pSocket = _pListener->Accept())
+        {
+            Accept(std::move(pSocket));
+        }
+    }
+    catch (const std::exception& exception)
+    {
+        _pLogger->Error("The control door is closed: %s", exception.what());
+    }
+}
+
+void ControlDoor::Accept(std::unique_ptr<osa::TcpSocket> pSocket)
+{
+    _clients.remove_if([](const Client& client) { return client.HasEnded(); });
+    if (_clients.size() >= MostClients)
+    {
+        constexpr std::string_view refusal = "error eight clients are connected already; try again\n";
+        static_assert(MostClients == 8);
+        pSocket->WriteAll(refusal.data(), refusal.size(), 0);
+        return;
+    }
+    try
+    {
+        _clients.emplace_back(std::move(pSocket), _words).Start();
+    }
+    catch (const std::exception& exception)
+    {
+        _clients.remove_if([](const Client& client) { return client.HasEnded(); });
+        _pLogger->Warning("A client is refused: %s", exception.what());
+    }
+}
+
+}  // namespace korlo::daemon

@@ -1,0 +1,58 @@
+#pragma once
+// The door for the device's operator.
+
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "control/IControlWord.h"
+#include "korlo/core/Logger.h"
+#include "korlo/osa/TcpListener.h"
+#include "korlo/osa/Thread.h"
+
+namespace korlo::daemon
+{
+
+/// Answers questions about the running server on a Unix-domain socket of its own (docs/server.md, "The control door").
+/// Each client has a thread, and there are few: one more is told so and sent away. A client that stalls, floods or
+/// leaves costs its own connection; nothing here is held while one is waited for.
+///
+/// Thread safety: Start and Stop belong to the owner. The accepting thread alone touches the list of clients while it
+/// runs; Stop does when it has ended.
+class ControlDoor : private osa::Runnable
+{
+public:
+    static constexpr std::size_t MostClients = 8;
+    static constexpr std::size_t MostLineBytes = 64 * 1024;
+    static constexpr unsigned int IdleMs = 60'000;   ///< that a client may take to send its next request
+    static constexpr unsigned int WriteMs = 10'000;  ///< that a client may take to read an answer
+
+    using Words = std::vector<std::unique_ptr<IControlWord>>;
+
+    /// @param pListener of a Unix-domain socket.
+    ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words);
+    ControlDoor(const ControlDoor&) = delete;
+    ControlDoor& operator=(const ControlDoor&) = delete;
+    ~ControlDoor() override;
+
+    /// Begins to accept clients.
+    void Start();
+
+    /// Accepts nobody any more, ends every connection, and returns once the last thread has ended.
+    void Stop() override;
+
+private:
+    class Client;
+
+    void Run() override;
+    void Accept(std::unique_ptr<osa::TcpSocket> pSocket);
+
+    const Words _words;
+    core::Logger* const _pLogger;  // not owned
+    const std::unique_ptr<osa::TcpListener> _pListener;
+    std::list<Client> _clients;
+    osa::Thread _thread;  // last
+};
+
+}  // namespace korlo::daemon
