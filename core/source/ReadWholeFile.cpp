@@ -24,6 +24,14 @@ public:
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() { _fileSystem.Close(_file); }
 
+    /// 0 for what tells none.
+    std::size_t GetSize() const
+    {
+        osa::FileStatus status;
+        Demand("read", [&] { return _fileSystem.Stat(_path, status); });
+        return status.size;
+    }
+
     /// Returns 0 at the end of the file.
     std::size_t Read(char* pBuffer, std::size_t size)
     {
@@ -34,7 +42,7 @@ public:
 
 private:
     template <typename Call>
-    void Demand(const char* operation, Call call)
+    void Demand(const char* operation, Call call) const
     {
         int error;
         do
@@ -57,11 +65,9 @@ private:
 std::string ReadWholeFile(const std::string& path, osa::IFileSystem& fileSystem)
 {
     OpenFile file(fileSystem, path);
-    osa::FileStatus status;
     // One byte more than the file is said to hold, so that its end is met without a second round; a pipe or a file
     // of /proc says 0 and is read in steps.
-    const bool isKnown = fileSystem.Stat(path, status) == 0;
-    std::string text((isKnown ? status.size : 0) + 1, '\0');
+    std::string text(file.GetSize() + 1, '\0');
     std::size_t length = 0;
     while (const std::size_t count = file.Read(text.data() + length, text.size() - length))
     {

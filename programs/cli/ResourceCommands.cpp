@@ -131,6 +131,7 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
     const ResourceManager::ResourceUsage usage = ParseUsage(resource, amount);
 
     Session session(invocation.target, Session::Changing);
+    session.CheckNames(GroupsOfResource(resource));
     session.Change(GroupsOfResource(resource), [&](KorloSettingsClient& client) {
         ResourceManager manager(&client);
         if (!manager.ReserveForConsumer(consumer, {usage}))
