@@ -1,10 +1,6 @@
 #include "ReadWholeFile.h"
 
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "korlo/osa/Exception.h"
 
@@ -13,67 +9,69 @@ namespace korlo::core
 namespace
 {
 
-class Descriptor
+/// A file that is open for reading.
+///
+/// Thread safety: none of its own; it lives within one call.
+class OpenFile
 {
 public:
-    explicit Descriptor(int descriptor) : _descriptor(descriptor) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    ~Descriptor()
+    OpenFile(osa::IFileSystem& fileSystem, const std::string& path) : _fileSystem(fileSystem), _path(path)
     {
-        if (_descriptor >= 0)
+        Demand("open", [&] { return _fileSystem.OpenForReading(_path, _file); });
+    }
+
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile() { _fileSystem.Close(_file); }
+
+    /// 0 for what tells none.
+    std::size_t GetSize() const
+    {
+        osa::FileStatus status;
+        Demand("read", [&] { return _fileSystem.Stat(_path, status); });
+        return status.size;
+    }
+
+    /// Returns 0 at the end of the file.
+    std::size_t Read(char* pBuffer, std::size_t size)
+    {
+        std::size_t count = 0;
+        Demand("read", [&] { return _fileSystem.Read(_file, pBuffer, size, count); });
+        return count;
+    }
+
+private:
+    template <typename Call>
+    void Demand(const char* operation, Call call) const
+    {
+        int error;
+        do
         {
-            close(_descriptor);
+            error = call();
+        } while (error == EINTR);
+        if (error != 0)
+        {
+            throw osa::Exception("Failed to %s '%s': %s", operation, _path.c_str(), osa::SystemReason(error).c_str());
         }
     }
 
-    int Get() const { return _descriptor; }
-
-private:
-    int _descriptor;
+    osa::IFileSystem& _fileSystem;
+    const std::string& _path;
+    int _file = -1;
 };
-
-[[noreturn]] void Fail(const char* verb, const char* path)
-{
-    const int error = errno;
-    throw osa::Exception("Failed to %s '%s': %s", verb, path, std::strerror(error));
-}
 
 }  // namespace
 
-std::string ReadWholeFile(const char* path)
+std::string ReadWholeFile(const std::string& path, osa::IFileSystem& fileSystem)
 {
-    if (path == nullptr)
-    {
-        throw osa::Exception("Path was NULL");
-    }
-    const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-    if (file.Get() < 0)
-    {
-        Fail("open", path);
-    }
-    struct stat status = {};
-    if (fstat(file.Get(), &status) != 0)
-    {
-        Fail("read", path);
-    }
+    OpenFile file(fileSystem, path);
     // One byte more than the file is said to hold, so that its end is met without a second round; a pipe or a file
     // of /proc says 0 and is read in steps.
-    std::string text(static_cast<std::size_t>(status.st_size) + 1, '\0');
+    std::string text(file.GetSize() + 1, '\0');
     std::size_t length = 0;
-    for (;;)
+    while (const std::size_t count = file.Read(text.data() + length, text.size() - length))
     {
-        const ssize_t got = read(file.Get(), text.data() + length, text.size() - length);
-        if (got < 0 && errno != EINTR)
-        {
-            Fail("read", path);
-        }
-        if (got == 0)
-        {
-            break;
-        }
-        length += got < 0 ? 0 : static_cast<std::size_t>(got);
+        length += count;
         if (length == text.size())
         {
             text.resize(text.size() * 2 + 4096);

@@ -1,6 +1,5 @@
 #include "Commands.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "settings/server/SettingsManager.h"
 
 namespace korlo::settings::cli
@@ -16,13 +15,13 @@ ExitStatus Merge(const Invocation& invocation, const IniFile& changes)
     if (invocation.noPersist)
     {
         session.ChangeForNow(
-            [&](auto& client) { client.MergeSettings(changes, server::SettingsManager::DoNotPersist); });
+            [&](KorloSettingsClient& client) { client.MergeSettings(changes, server::SettingsManager::DoNotPersist); });
     }
     else
     {
-        session.Change(GroupsOf(changes), [&](auto& client) { client.MergeSettings(changes); });
+        session.Change(GroupsOf(changes), [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
     }
-    return ReportRestricted(changes);
+    return ReportRestricted(GroupsOf(changes));
 }
 
 }  // namespace
@@ -50,12 +49,13 @@ ExitStatus RunTestAndMerge(const Invocation& invocation)
     const IniFile changes = ReadDocument(invocation.operands[1]);
     Session session(invocation.target, Session::Changing);
     bool merged = false;
-    session.Change(GroupsOf(changes), [&](auto& client) { merged = client.TestAndMerge(expected, changes); });
+    session.Change(GroupsOf(changes),
+                   [&](KorloSettingsClient& client) { merged = client.TestAndMerge(expected, changes); });
     if (!merged)
     {
         throw Failure(StatusNo, "the settings hold other values than expected; nothing was changed");
     }
-    return ReportRestricted(changes);
+    return ReportRestricted(GroupsOf(changes));
 }
 
 ExitStatus RunOverwrite(const Invocation& invocation)
@@ -66,30 +66,33 @@ ExitStatus RunOverwrite(const Invocation& invocation)
     touched.insert(names.begin(), names.end());
 
     Session session(invocation.target, Session::ChangingOrCreating);
-    session.Change(touched, [&](auto& client) { client.OverwriteSettings(names, replacement); });
-    return ReportRestricted(replacement);
+    session.CheckNames(names);
+    session.Change(touched, [&](KorloSettingsClient& client) { client.OverwriteSettings(names, replacement); });
+    return ReportRestricted(GroupsOf(replacement));
 }
 
 ExitStatus RunErase(const Invocation& invocation)
 {
     const GroupNameCollection names = NamesOf(invocation.operands);
     Session session(invocation.target, Session::Changing);
+    session.CheckNames(names);
     const IniFile present = session.Read(names);
     // Even if there is nothing: a server notes that the groups are not to come back with the next defaults.
-    session.Change(names, [&](auto& client) { client.EraseGroups(names); });
+    session.Change(names, [&](KorloSettingsClient& client) { client.EraseGroups(names); });
     if (present.empty())
     {
         FailForNoMatch(invocation.operands);
     }
-    return ReportRestricted(present);
+    return ReportRestricted(GroupsOf(present));
 }
 
 ExitStatus RunRestore(const Invocation& invocation)
 {
     const GroupNameCollection names = NamesOf(invocation.operands);
     Session session(invocation.target, Session::Changing);
+    session.CheckNames(names);
     const bool wasEmpty = session.Read(names).empty();
-    session.Change(names, [&](auto& client) { client.RestoreToDefaults(names); });
+    session.Change(names, [&](KorloSettingsClient& client) { client.RestoreToDefaults(names); });
     if (wasEmpty && session.Read(names).empty())
     {
         FailForNoMatch(invocation.operands);

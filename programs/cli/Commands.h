@@ -11,6 +11,7 @@ ExitStatus RunGet(const Invocation& invocation);
 ExitStatus RunList(const Invocation& invocation);
 ExitStatus RunDump(const Invocation& invocation);
 ExitStatus RunSubscribed(const Invocation& invocation);
+ExitStatus RunCheck(const Invocation& invocation);
 
 // ChangeCommands.cpp
 ExitStatus RunSet(const Invocation& invocation);
@@ -26,8 +27,5 @@ ExitStatus RunWatch(const Invocation& invocation);
 // ResourceCommands.cpp
 ExitStatus RunResourceShow(const Invocation& invocation);
 ExitStatus RunResourceReserve(const Invocation& invocation);
-
-// CheckCommand.cpp
-ExitStatus RunCheck(const Invocation& invocation);
 
 }  // namespace korlo::settings::cli

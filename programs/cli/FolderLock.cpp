@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "Failure.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
 {
@@ -30,8 +31,8 @@ std::string FolderOf(const std::string& file)
 
 [[noreturn]] void Fail(const std::string& operation, const std::string& folder)
 {
-    throw Failure(StatusUnusable, "failed to " + operation + " the folder " + Quoted(folder) + ": " +
-                                      std::generic_category().message(errno));
+    throw Failure(StatusUnusable,
+                  "failed to " + operation + " the folder " + Quoted(folder) + ": " + osa::SystemReason(errno));
 }
 
 }  // namespace

@@ -6,38 +6,22 @@
 
 namespace korlo::settings::cli
 {
-namespace
-{
-
-core::Logger& ReaderLog()
-{
-    static core::Logger* const pLogger = core::Logger::GetLogger("IniFile");
-    return *pLogger;
-}
-
-}  // namespace
-
-QuietReading::QuietReading() : _threshold(ReaderLog().GetThreshold())
-{
-    ReaderLog().SetThreshold(0);
-}
-
-QuietReading::~QuietReading()
-{
-    ReaderLog().SetThreshold(_threshold);
-}
 
 core::IniFile ReadQuietly(const std::string& text)
 {
-    const QuietReading quiet;
+    static core::Logger* const pLog = core::Logger::GetLogger("IniFile");
+    const int threshold = pLog->GetThreshold();
+    pLog->SetThreshold(0);
     core::IniFile document;
     document.LoadFromString(text);
+    pLog->SetThreshold(threshold);
     return document;
 }
 
 std::string TextOf(const core::IniFile& document)
 {
     std::ostringstream out;
+    out.exceptions(std::ios_base::badbit);  // a text that memory did not suffice for is none
     document.SaveToStream(out);
     return std::move(out).str();
 }

@@ -9,22 +9,8 @@
 namespace korlo::settings::cli
 {
 
-/// Logs nothing about lines that make no sense while it lives: for text that was read, and warned of, before.
-///
-/// Thread safety: none of its own; affects every reading in the process.
-class QuietReading
-{
-public:
-    QuietReading();
-    QuietReading(const QuietReading&) = delete;
-    QuietReading& operator=(const QuietReading&) = delete;
-    ~QuietReading();
-
-private:
-    const int _threshold;
-};
-
-/// The document that the text holds; lines that make no sense are skipped without a word.
+/// The document that a text holds that was read, and warned of, before: lines that make no sense are skipped without a
+/// word. No other thread reads meanwhile.
 core::IniFile ReadQuietly(const std::string& text);
 
 /// The whole document as INI text.

@@ -25,7 +25,7 @@ namespace korlo::settings::cli
 /// The result is read again, and should it not be the wanted document, that is written plainly instead: settings
 /// before comments.
 ///
-/// Thread safety: none of its own; the owner guards it. Reading is kept quiet, see QuietReading.
+/// Thread safety: none of its own; the owner guards it. No other thread reads a document meanwhile, see ReadQuietly.
 class IniTextEditor
 {
 public:

@@ -3,13 +3,13 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <system_error>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include "Failure.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
 {
@@ -34,7 +34,7 @@ Interruption::Interruption()
     std::array<int, 2> ends;
     if (::pipe(ends.data()) != 0)
     {
-        throw Failure(StatusUnusable, "failed to make a pipe: " + std::generic_category().message(errno));
+        throw Failure(StatusUnusable, "failed to make a pipe: " + osa::SystemReason(errno));
     }
     for (const int end : ends)
     {

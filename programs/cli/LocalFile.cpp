@@ -9,41 +9,30 @@ namespace
 
 using core::IniFile;
 
-void RemoveMissingKeys(IniFile& target, const std::string& group, const IniFile::KeyValueMap& before,
-                       const IniFile::KeyValueMap& after)
-{
-    for (const auto& [key, value] : before)
-    {
-        if (!after.contains(key))
-        {
-            target[group].erase(key);
-        }
-    }
-}
-
+/// Only what the change altered: another process may have altered the rest meanwhile.
 void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
 {
     for (const auto& [group, values] : before)
     {
-        const auto kept = after.Find(group);
-        if (kept == after.end())
+        if (!after.HasGroup(group))
         {
             target.RemoveGroup(group);
+            continue;
         }
-        else
+        for (const auto& [key, value] : values)
         {
-            RemoveMissingKeys(target, group, values, kept->second);
+            if (!after.HasValue(group, key))
+            {
+                target[group].erase(key);
+            }
         }
     }
     for (const auto& [group, values] : after)
     {
         IniFile::KeyValueMap& targetValues = target[group];
-        const auto previous = before.Find(group);
         for (const auto& [key, value] : values)
         {
-            // Not what this change left alone: another process may have changed it meanwhile.
-            const bool isNew = previous == before.end() || !previous->second.contains(key);
-            if (isNew || previous->second.find(key)->second != value)
+            if (!before.HasValue(group, key) || before.GetValue(group, key) != value)
             {
                 targetValues.insert_or_assign(key, value);
             }

@@ -1,8 +1,9 @@
 #include "Operands.h"
 
-#include "Failure.h"
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
+#include "settings/common/GroupNameMatcher.h"
+#include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::cli
 {
@@ -56,6 +57,20 @@ GroupNameCollection GroupsOf(const core::IniFile& document)
     return names;
 }
 
+core::IniFile SelectGroups(const core::IniFile& document, const GroupNameCollection& namesAndPatterns)
+{
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(namesAndPatterns);
+    GroupNameCollection matched;
+    matcher.GetMatchingGroups(document, matched);
+    core::IniFile selected;
+    for (const std::string& group : matched)
+    {
+        selected.MergeSettings(document, group);
+    }
+    return selected;
+}
+
 void FailForNoMatch(const std::vector<std::string>& operands)
 {
     std::string names;
@@ -64,6 +79,26 @@ void FailForNoMatch(const std::vector<std::string>& operands)
         names += (names.empty() ? "" : ", ") + Quoted(operand);
     }
     throw Failure(StatusNo, "no group matches " + names);
+}
+
+ExitStatus ReportRestricted(const GroupNameCollection& groups)
+{
+    std::string names;
+    std::size_t count = 0;
+    for (const std::string& name : groups)
+    {
+        if (server::GroupDiscriminator::IsRestrictedGroup(name))
+        {
+            names += (names.empty() ? "" : ", ") + Quoted(name);
+            ++count;
+        }
+    }
+    if (count == 0)
+    {
+        return StatusDone;
+    }
+    WriteMessage("restricted groups cannot be changed: " + names);
+    return count == groups.size() ? StatusNo : StatusDone;
 }
 
 }  // namespace korlo::settings::cli

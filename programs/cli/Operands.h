@@ -1,9 +1,10 @@
 #pragma once
-// What the operands of commands mean.
+// What the operands of commands mean, and which of them come to nothing.
 
 #include <string>
 #include <vector>
 
+#include "Failure.h"
 #include "korlo/core/IniFile.h"
 #include "settings/GroupNameCollection.h"
 #include "settings/SettingLocator.h"
@@ -23,8 +24,16 @@ GroupNameCollection NamesOf(const std::vector<std::string>& operands);
 /// The names of the document's groups.
 GroupNameCollection GroupsOf(const core::IniFile& document);
 
+/// The groups of a document that the names and patterns select.
+core::IniFile SelectGroups(const core::IniFile& document, const GroupNameCollection& namesAndPatterns);
+
 /// "no group matches 'A', 'B'"
 /// @throws Failure with StatusNo, always.
 [[noreturn]] void FailForNoMatch(const std::vector<std::string>& operands);
+
+/// Says on standard error which of the groups that were to be changed are restricted: the store drops them without a
+/// word, and whoever typed the change should not believe that it was made.
+/// @return StatusNo when nothing else was to be changed, else StatusDone.
+ExitStatus ReportRestricted(const GroupNameCollection& groups);
 
 }  // namespace korlo::settings::cli

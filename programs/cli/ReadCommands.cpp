@@ -3,7 +3,7 @@
 #include "Json.h"
 #include "Operands.h"
 #include "StandardStreams.h"
-#include "settings/common/GroupNameMatcher.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
 {
@@ -31,7 +31,7 @@ ExitStatus PrintValue(const Invocation& invocation)
 {
     const std::string& operand = invocation.operands.front();
     const SettingLocator locator = ParseLocator(operand);
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const IniFile settings = session.Read({locator.group});
     if (!settings.HasValue(locator.group, locator.key))
     {
@@ -72,15 +72,7 @@ Selection::Selection(const std::vector<std::string>& operands)
 
 IniFile Selection::From(const IniFile& settings) const
 {
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(whole);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(settings, matched);
-    IniFile selected;
-    for (const std::string& group : matched)
-    {
-        selected.MergeSettings(settings, group);
-    }
+    IniFile selected = SelectGroups(settings, whole);
     for (const SettingLocator& locator : single)
     {
         if (settings.HasValue(locator.group, locator.key))
@@ -89,6 +81,36 @@ IniFile Selection::From(const IniFile& settings) const
         }
     }
     return selected;
+}
+
+using BadLines = std::vector<std::pair<std::string, core::IniFile::BadLine>>;
+
+/// False when the file cannot be read.
+bool Check(const std::string& file, BadLines& found)
+{
+    try
+    {
+        for (const core::IniFile::BadLine& line : core::IniFile::FindBadLines(file.c_str()))
+        {
+            found.emplace_back(file, line);
+        }
+        return true;
+    }
+    catch (const osa::Exception& error)
+    {
+        WriteMessage(Reason(error.what()));
+        return false;
+    }
+}
+
+std::string TextOf(const BadLines& badLines)
+{
+    std::string text;
+    for (const auto& [file, line] : badLines)
+    {
+        text += file + ':' + std::to_string(line.number) + ": " + line.reason + '\n';
+    }
+    return text;
 }
 
 }  // namespace
@@ -100,7 +122,7 @@ ExitStatus RunGet(const Invocation& invocation)
         return PrintValue(invocation);
     }
     const Selection selection(invocation.operands);
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const IniFile settings = selection.From(session.Read(selection.groups));
     if (settings.empty())
     {
@@ -113,7 +135,7 @@ ExitStatus RunGet(const Invocation& invocation)
 ExitStatus RunList(const Invocation& invocation)
 {
     const std::string pattern = invocation.operands.empty() ? "*" : invocation.operands.front();
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const GroupNameCollection names = GroupsOf(session.Read({pattern}));
     if (names.empty() && !invocation.operands.empty())
     {
@@ -125,7 +147,7 @@ ExitStatus RunList(const Invocation& invocation)
 
 ExitStatus RunDump(const Invocation& invocation)
 {
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const std::string text = session.Dump(invocation.all);
     WriteOutput(invocation.asJson ? JsonOf(ReadQuietly(text)) : text);
     return StatusDone;
@@ -133,10 +155,26 @@ ExitStatus RunDump(const Invocation& invocation)
 
 ExitStatus RunSubscribed(const Invocation& invocation)
 {
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const GroupNameCollection groups = session.GetSubscribedGroups();
     WriteOutput(invocation.asJson ? JsonOf(groups) : LinesOf(groups));
     return StatusDone;
+}
+
+ExitStatus RunCheck(const Invocation& invocation)
+{
+    BadLines badLines;
+    bool allRead = true;
+    for (const std::string& file : invocation.operands)
+    {
+        allRead = Check(file, badLines) && allRead;
+    }
+    WriteOutput(invocation.asJson ? JsonOf(badLines) : TextOf(badLines));
+    if (!allRead)
+    {
+        return StatusUnusable;
+    }
+    return badLines.empty() ? StatusDone : StatusNo;
 }
 
 }  // namespace korlo::settings::cli

@@ -6,9 +6,9 @@
 #include "Commands.h"
 #include "Json.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "StandardStreams.h"
 #include "korlo/core/StringUtil.h"
+#include "settings/KorloSettingsClient.h"
 #include "settings/ResourceManager.h"
 
 namespace korlo::settings::cli
@@ -60,14 +60,6 @@ ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std
                   "an amount is a whole number of units, such as 20, or a share of the total, such as 25%");
 }
 
-/// What the accounting says, worked out on a copy of the settings in this process.
-struct Reservation
-{
-    bool isGranted;
-    IniFile changes;      // what is to be written then
-    std::string refusal;  // why not, otherwise
-};
-
 std::string Refusal(const ResourceManager& manager, const std::string& consumer, const std::string& resource,
                     const std::string& amount)
 {
@@ -78,21 +70,6 @@ std::string Refusal(const ResourceManager& manager, const std::string& consumer,
     return Quoted(consumer) + " cannot hold " + amount + " of " + Quoted(resource) + ": " +
            std::to_string(manager.GetAvailable(consumer, resource)) + " of " +
            std::to_string(manager.GetTotal(resource)) + " units are available to it";
-}
-
-Reservation Reserve(const IniFile& settings, const std::string& consumer, const ResourceManager::ResourceUsage& usage,
-                    const std::string& amount)
-{
-    KorloSettingsClient copy(KorloSettingsClient::Local, settings);
-    ResourceManager manager(&copy);
-    if (!manager.ReserveForConsumer(consumer, {usage}))
-    {
-        return {false, IniFile(), Refusal(manager, consumer, usage.resource, amount)};
-    }
-    IniFile changes;
-    changes.SetInt(GroupOf(usage.resource) + "/Consumers/" + consumer, "CurrentlyUsed",
-                   manager.GetUsed(consumer, usage.resource));
-    return {true, changes, ""};
 }
 
 std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const IniFile& settings)
@@ -133,7 +110,7 @@ ExitStatus RunResourceShow(const Invocation& invocation)
 {
     constexpr int defaultTotal = 100;
     const std::string& resource = invocation.operands[0];
-    const Session session(invocation.target, Session::Reading);
+    Session session(invocation.target, Session::Reading);
     const IniFile settings = session.Read(GroupsOfResource(resource));
 
     const int total = settings.GetIntOrDefault(GroupOf(resource), "TotalAvailable", defaultTotal);
@@ -154,22 +131,15 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
     const ResourceManager::ResourceUsage usage = ParseUsage(resource, amount);
 
     Session session(invocation.target, Session::Changing);
-    for (;;)  // a pass fails when another consumer was faster: that one got its units
-    {
-        const IniFile settings = session.Read(GroupsOfResource(resource));
-        const Reservation reservation = Reserve(settings, consumer, usage, amount);
-        if (!reservation.isGranted)
+    session.CheckNames(GroupsOfResource(resource));
+    session.Change(GroupsOfResource(resource), [&](KorloSettingsClient& client) {
+        ResourceManager manager(&client);
+        if (!manager.ReserveForConsumer(consumer, {usage}))
         {
-            throw Failure(StatusNo, reservation.refusal);
+            throw Failure(StatusNo, Refusal(manager, consumer, resource, amount));
         }
-        bool merged = false;
-        session.Change(GroupsOfResource(resource),
-                       [&](auto& client) { merged = client.TestAndMerge(settings, reservation.changes); });
-        if (merged)
-        {
-            return ReportRestricted(reservation.changes);
-        }
-    }
+    });
+    return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
 }
 
 }  // namespace korlo::settings::cli

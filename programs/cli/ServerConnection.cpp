@@ -2,59 +2,27 @@
 
 #include <algorithm>
 #include <iterator>
-#include <limits>
 #include <vector>
 
-#include "Failure.h"
+#include "Operands.h"
 #include "korlo/osa/Exception.h"
-#include "korlo/stl/DelimitedStreamBuf.h"
-#include "settings/common/GroupNameMatcher.h"
-#include "settings/server/SettingsManager.h"
 
 namespace korlo::settings::cli
 {
 namespace
 {
 
-constexpr const char* ServerHost = "korlo-settings-server";
+namespace word = common::word;
+
 constexpr unsigned short PortOfHost = 0;
 constexpr unsigned short NoDelay = 1;
 constexpr unsigned int ConnectTimeoutMs = 5'000;
-constexpr unsigned int AnswerTimeoutMs = 15'000;  // a change may have to wait for a slow disk
-constexpr const char* EndOfBlock = ".";
+constexpr unsigned int AnswerTimeoutMs = 15'000;
 
 osa::TcpSocket* Connected(osa::TcpSocket& socket)
 {
-    socket.Connect(ServerHost, PortOfHost, ConnectTimeoutMs);
+    socket.Connect(ServerConnection::ServerHost, PortOfHost, ConnectTimeoutMs);
     return &socket;
-}
-
-/// A line of a group list that selects the group too, and more, where the name itself cannot be a line of one.
-std::string LooseName(std::string name)
-{
-    std::replace(name.begin(), name.end(), '\n', '*');
-    return name == EndOfBlock ? name + '*' : name;
-}
-
-void WriteNames(std::ostream& out, const GroupNameCollection& groups)
-{
-    for (const std::string& group : groups)
-    {
-        out << group << '\n';
-    }
-    out << EndOfBlock << '\n';
-}
-
-void WriteBody(std::ostream& out, const core::IniFile& settings)
-{
-    settings.SaveToStream(out);
-    out << EndOfBlock << '\n';
-}
-
-[[noreturn]] void ThrowUnanswered()
-{
-    throw osa::Exception("It ended the connection, or gave no answer for %u seconds; a change may or may not be made",
-                         AnswerTimeoutMs / 1000);
 }
 
 [[noreturn]] void ThrowMisunderstood()
@@ -68,87 +36,40 @@ ServerConnection::ServerConnection() : _socket(NoDelay), _stream(Connected(_sock
 {
 }
 
-void ServerConnection::GetSettings(const GroupNameCollection& groups, core::IniFile& settings)
+core::IniFile ServerConnection::GetSettings(const GroupNameCollection& groups)
 {
     GroupNameCollection names;
     std::transform(groups.begin(), groups.end(), std::inserter(names, names.end()), LooseName);
-    Out() << "get delimited\n";
-    WriteNames(Out(), names);
-    Out().flush();
-    Expect("data");
+    _writer.Get(names);
+    Expect(word::Data);
     core::IniFile found;
-    found.LoadFromString(ReadBlock());
-
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(groups);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(found, matched);
-    for (const std::string& group : matched)
-    {
-        settings.MergeSettings(found, group);
-    }
-}
-
-void ServerConnection::MergeSettings(const core::IniFile& changes, unsigned int flags)
-{
-    const bool isForNow = (flags & server::SettingsManager::DoNotPersist) != 0;
-    Out() << (isForNow ? "merge nopersist\n" : "merge\n");
-    WriteBody(Out(), changes);
-    Confirm();
-}
-
-bool ServerConnection::TestAndMerge(const core::IniFile& expected, const core::IniFile& changes)
-{
-    Out() << "test-and-merge\n";
-    WriteBody(Out(), expected);
-    WriteBody(Out(), changes);
-    Out().flush();
-    Expect("result");
-    return ReadLine() == "ok";
-}
-
-void ServerConnection::OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings)
-{
-    CheckNames(groups);
-    Out() << "overwrite\n";
-    WriteNames(Out(), groups);
-    WriteBody(Out(), settings);
-    Confirm();
-}
-
-void ServerConnection::EraseGroups(const GroupNameCollection& groups)
-{
-    OverwriteSettings(groups, core::IniFile());
-}
-
-void ServerConnection::RestoreToDefaults(const GroupNameCollection& groups)
-{
-    CheckNames(groups);
-    Out() << "restore\n";
-    WriteNames(Out(), groups);
-    Confirm();
+    _reader.ReadSettings(found);
+    CheckAnswered();
+    return SelectGroups(found, groups);
 }
 
 std::string ServerConnection::Dump(bool all)
 {
-    Out() << (all ? "dump all\n" : "dump\n") << std::flush;
-    return ReadBlock();
+    _writer.Dump(all);
+    std::string text = _reader.ReadText();
+    CheckAnswered();
+    return text;
 }
 
 /// A group may be called "data", or be without a name, so that no line of the list itself can be told from its end.
 /// But none is called ".": the first such line ends the answer to the get that follows.
 GroupNameCollection ServerConnection::GetSubscribedGroups()
 {
-    Out() << "info subscribed\n";
-    Out() << "get delimited\n.\n" << std::flush;
-    Expect("Subscribed groups");
-    Expect("-----------------");
+    _writer.InfoSubscribed();
+    _writer.Get({});
+    Expect(word::SubscribedTitle);
+    Expect(word::SubscribedRule);
     std::vector<std::string> lines;
-    for (std::string line = ReadLine(); line != EndOfBlock; line = ReadLine())
+    for (std::string line = ReadLine(); line != word::EndOfBlock; line = ReadLine())
     {
         lines.push_back(line);
     }
-    const std::vector<std::string> ending = {"", "data"};
+    const std::vector<std::string> ending = {"", word::Data};
     if (lines.size() < ending.size() || !std::equal(ending.rbegin(), ending.rend(), lines.rbegin()))
     {
         ThrowMisunderstood();
@@ -156,35 +77,18 @@ GroupNameCollection ServerConnection::GetSubscribedGroups()
     return GroupNameCollection(lines.begin(), std::prev(lines.end(), 2));
 }
 
-void ServerConnection::Quit()
+bool ServerConnection::CanCarry(const GroupNameCollection& groups)
 {
-    Out() << "quit\n" << std::flush;
-    _stream.ignore(std::numeric_limits<std::streamsize>::max());
+    return std::ranges::all_of(groups, common::FitsGroupList);
 }
 
-void ServerConnection::CheckNames(const GroupNameCollection& groups)
+std::string ServerConnection::LooseName(std::string name)
 {
-    for (const std::string& group : groups)
-    {
-        if (LooseName(group) != group)
-        {
-            throw Failure(StatusWrongCommandLine,
-                          "a name that holds a line break, or is a single full stop, cannot be sent to a server: " +
-                              Quoted(group),
-                          "a pattern that matches it can: " + Quoted(LooseName(group)));
-        }
-    }
+    std::ranges::replace(name, '\n', '*');
+    return common::FitsGroupList(name) ? name : name + '*';
 }
 
-/// A request to change has no answer. The server carries out the requests of a connection one after the other, so the
-/// answer to a read, even of nothing, says that it has carried out what came before.
-void ServerConnection::Confirm()
-{
-    core::IniFile nothing;
-    GetSettings(GroupNameCollection(), nothing);
-}
-
-void ServerConnection::Expect(const std::string& expected)
+void ServerConnection::Expect(std::string_view expected)
 {
     if (ReadLine() != expected)
     {
@@ -195,22 +99,17 @@ void ServerConnection::Expect(const std::string& expected)
 std::string ServerConnection::ReadLine()
 {
     std::string line;
-    if (!std::getline(_stream, line) || _stream.eof())
-    {
-        ThrowUnanswered();
-    }
+    std::getline(_stream, line);
+    CheckAnswered();
     return line;
 }
 
-std::string ServerConnection::ReadBlock()
+void ServerConnection::CheckAnswered() const
 {
-    stl::DelimitedStreamBuf block(&_stream, EndOfBlock);
-    std::string text{std::istreambuf_iterator<char>(&block), std::istreambuf_iterator<char>()};
-    if (!block.DelimiterFound())
+    if (!_stream.good())
     {
-        ThrowUnanswered();
+        throw osa::Exception("It ended the connection, or gave no answer for %u seconds", AnswerTimeoutMs / 1000);
     }
-    return text;
 }
 
 }  // namespace korlo::settings::cli

@@ -1,12 +1,14 @@
 #include "Session.h"
 
+#include <algorithm>
 #include <cstdlib>
 
-#include "Failure.h"
 #include "IniText.h"
-#include "ServerAddress.h"
+#include "ServerConnection.h"
 #include "StandardStreams.h"
+#include "korlo/osa/Exception.h"
 #include "korlo/osa/ServiceDirectory.h"
+#include "settings/ServerAddress.h"
 
 namespace korlo::settings::cli
 {
@@ -14,7 +16,6 @@ namespace
 {
 
 constexpr const char* LocalFileVariable = "KORLO_SETTINGS_LOCALFILE";
-constexpr const char* ServerHost = "korlo-settings-server";
 
 LocalFile::Access AccessFor(Session::Purpose purpose)
 {
@@ -31,114 +32,157 @@ LocalFile::Access AccessFor(Session::Purpose purpose)
     }
 }
 
+/// For the connections that are not told an address: those of watching clients, and the tool's own.
+void RegisterServer(const std::string& text)
+{
+    try
+    {
+        const ServerAddress address = ServerAddress::Parse(text);
+        osa::ServiceDirectory::Register(ServerConnection::ServerHost, address.host, address.port);
+    }
+    catch (const osa::Exception&)
+    {
+        throw Failure(StatusWrongCommandLine, "--server takes HOST:PORT, not " + Quoted(text),
+                      "for example --server 127.0.0.1:4711");
+    }
+}
+
 }  // namespace
 
-Session::Session(const Target& target, Purpose purpose) : _target(target)
+/// What the client library throws, as the failure of a command.
+template <typename Call>
+auto Session::Guarded(const Call& call) const
+{
+    try
+    {
+        return call();
+    }
+    catch (const osa::Exception& error)
+    {
+        throw Unreachable(error);
+    }
+}
+
+Session::Session(const Target& target, Purpose purpose) : _target(target), _purpose(purpose)
 {
     if (target.server)
     {
-        const ServerAddress address = ServerAddress::Parse(*target.server);
-        osa::ServiceDirectory::Register(ServerHost, address.host, address.port);
+        RegisterServer(*target.server);
     }
     if (target.server || target.localFile)
     {
         ::unsetenv(LocalFileVariable);  // the client heeds it before everything else
     }
-    Guarded([&] { Open(purpose); });
 }
 
 Session::~Session() = default;
 
-void Session::Open(Purpose purpose)
+KorloSettingsClient& Session::Client()
+{
+    if (_pClient == nullptr)
+    {
+        Guarded([this] { _pClient.reset(new KorloSettingsClient(Open())); });
+    }
+    return *_pClient;
+}
+
+KorloSettingsClient Session::Open()
 {
     if (_target.localFile)
     {
-        _pLocalFile = std::make_unique<LocalFile>(*_target.localFile, AccessFor(purpose));
-        _pClient = std::make_unique<KorloSettingsClient>(KorloSettingsClient::Local, _pLocalFile->GetDocument());
-        return;
+        _pLocalFile = std::make_unique<LocalFile>(*_target.localFile, AccessFor(_purpose));
+        return KorloSettingsClient(KorloSettingsClient::Local, _pLocalFile->GetDocument());
     }
-    if (!IsInProcess())
-    {
-        OpenServer(purpose);
-        return;
-    }
-    _pClient = std::make_unique<KorloSettingsClient>(KorloSettingsClient::Local);
-    if (purpose == Changing || purpose == ChangingOrCreating)
+    if (IsInProcess() && (_purpose == Changing || _purpose == ChangingOrCreating))
     {
         WriteMessage(std::string("note: with ") + LocalFileVariable +
                      " set, a change ends with this process; --local FILE changes a file");
     }
-}
-
-void Session::OpenServer(Purpose purpose)
-{
-    if (purpose != Watching)
+    if (_purpose != Watching || IsInProcess())
     {
-        _pServer = std::make_unique<ServerConnection>();
-        return;
+        return KorloSettingsClient::Confirming(_target.server.value_or(""));
     }
-    CheckServer();
-    _pClient = std::make_unique<KorloSettingsClient>(KorloSettingsClient::MultiThreaded);  // this one hears of changes
-}
-
-/// Tells a person at once what the client library, which goes on trying for ever, would not.
-void Session::CheckServer()
-{
-    ServerConnection connection;
+    // Only a multi-threaded client hears of changes. It goes on trying for ever when there is no server; a person is
+    // told at once.
     core::IniFile nothing;
-    connection.GetSettings(GroupNameCollection(), nothing);
-    connection.Quit();
+    KorloSettingsClient::Confirming(_target.server.value_or("")).GetSettings(GroupNameCollection(), nothing);
+    return KorloSettingsClient(KorloSettingsClient::MultiThreaded);
 }
 
-core::IniFile Session::Read(const GroupNameCollection& groups) const
+core::IniFile Session::Read(const GroupNameCollection& groups)
 {
+    if (!IsInProcess() && !ServerConnection::CanCarry(groups))
+    {
+        return Guarded([&] { return ServerConnection().GetSettings(groups); });
+    }
     core::IniFile settings;
-    Guarded([&] {
-        _pServer != nullptr ? _pServer->GetSettings(groups, settings) : _pClient->GetSettings(groups, settings);
-    });
+    KorloSettingsClient& client = Client();
+    Guarded([&] { client.GetSettings(groups, settings); });
     return settings;
 }
 
-void Session::SaveDifference(const core::IniFile& before, const core::IniFile& after)
+void Session::Change(const GroupNameCollection& groups, const Operation& operation)
 {
+    if (!_target.localFile)
+    {
+        ChangeForNow(operation);
+        return;
+    }
+    const core::IniFile before = Read(groups);
+    ChangeForNow(operation);
+    const core::IniFile after = Read(groups);
     Guarded([&] { _pLocalFile->Apply(before, after); });
 }
 
-void Session::Subscribe(IChangeCallback& callback, const GroupNameCollection& groups)
+void Session::ChangeForNow(const Operation& operation)
 {
-    if (!IsInProcess())
-    {
-        ServerConnection::CheckNames(groups);
-    }
-    Guarded([&] { _pClient->Subscribe(&callback, groups); });
-    // Whoever is subscribed hears no confirmation. An answer to a later request on the same connection is one.
-    Read(GroupNameCollection());
+    KorloSettingsClient& client = Client();
+    Guarded([&] { operation(client); });
 }
 
-std::string Session::Dump(bool all) const
+void Session::Subscribe(IChangeCallback& callback, const GroupNameCollection& groups, IConnectionCallback& connection)
 {
-    if (_pServer == nullptr)
+    KorloSettingsClient& client = Client();
+    Guarded([&] {
+        client.Subscribe(&callback, groups);
+        // Whoever is subscribed hears no confirmation. The answer to a later request on the same connection is one.
+        core::IniFile nothing;
+        client.GetSettings(GroupNameCollection(), nothing);
+        client.SetConnectionCallback(&connection);
+    });
+}
+
+std::string Session::Dump(bool all)
+{
+    if (IsInProcess())
     {
         return all ? TextOf(Read({"*"})) : std::string();
     }
-    std::string text;
-    Guarded([&] { text = _pServer->Dump(all); });
-    return text;
+    return Guarded([&] { return ServerConnection().Dump(all); });
 }
 
 GroupNameCollection Session::GetSubscribedGroups() const
 {
-    GroupNameCollection groups;
-    if (_pServer != nullptr)
-    {
-        Guarded([&] { groups = _pServer->GetSubscribedGroups(); });
-    }
-    return groups;
+    return IsInProcess() ? GroupNameCollection() : Guarded([&] { return ServerConnection().GetSubscribedGroups(); });
 }
 
 bool Session::IsInProcess() const
 {
     return _target.localFile || (!_target.server && std::getenv(LocalFileVariable) != nullptr);
+}
+
+void Session::CheckNames(const GroupNameCollection& groups) const
+{
+    for (const std::string& group : groups)
+    {
+        if (!IsInProcess() && !ServerConnection::CanCarry({group}))
+        {
+            throw Failure(StatusWrongCommandLine,
+                          "a name that holds a line break, or is a single full stop, cannot be sent to a server: " +
+                              Quoted(group),
+                          "a pattern that matches it can: " + Quoted(ServerConnection::LooseName(group)));
+        }
+    }
 }
 
 Failure Session::Unreachable(const std::exception& error) const
@@ -147,7 +191,8 @@ Failure Session::Unreachable(const std::exception& error) const
     {
         return Failure(StatusUnusable, Reason(error.what()));
     }
-    const std::string server = _target.server ? " at " + Quoted(*_target.server) : std::string();
+    // What a connected client throws names the server itself.
+    const std::string server = _target.server && _pClient == nullptr ? " at " + Quoted(*_target.server) : std::string();
     return Failure(StatusUnusable, "failed to talk to the settings server" + server + ": " + Reason(error.what()),
                    _target.server ? "is korlo-settings-server running there? --local FILE works without a server"
                                   : "--server HOST:PORT names a server, --local FILE works on a file without one");

@@ -1,16 +1,18 @@
 #pragma once
 // A client of the settings, wherever the command line says they are.
 
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "Failure.h"
 #include "LocalFile.h"
-#include "ServerConnection.h"
 #include "korlo/core/IniFile.h"
-#include "korlo/osa/Exception.h"
 #include "settings/GroupNameCollection.h"
+#include "settings/IChangeCallback.h"
+#include "settings/IConnectionCallback.h"
 #include "settings/KorloSettingsClient.h"
 
 namespace korlo::settings::cli
@@ -23,10 +25,11 @@ struct Target
     std::optional<std::string> localFile;  ///< a path
 };
 
-/// Opens the client that a command needs, and sees to it that a change has arrived, in the server or in the local
-/// file, before the command ends.
+/// Opens the client that a command needs, at the first use, and sees to it that a change has arrived, in the server or
+/// in the local file, before the command ends.
 ///
-/// Every operation throws Failure with StatusUnusable when the server cannot be reached or the file cannot be used.
+/// Every operation throws Failure with StatusUnusable when the server cannot be reached or the file cannot be used, and
+/// with StatusWrongCommandLine for a name that cannot be sent to a server.
 ///
 /// Thread safety: none of its own; the owner guards it.
 class Session
@@ -41,32 +44,32 @@ public:
         Watching             ///< Changes may be made and are heard of, see Subscribe.
     };
 
+    using Operation = std::function<void(KorloSettingsClient&)>;
+
     /// @param target a HOST:PORT that makes no sense throws Failure with StatusWrongCommandLine.
     Session(const Target& target, Purpose purpose);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();
 
-    /// The selected groups.
-    core::IniFile Read(const GroupNameCollection& groups) const;
+    /// The selected groups, whatever bytes their names hold.
+    core::IniFile Read(const GroupNameCollection& groups);
 
-    /// Makes a change to last. When this returns, the server has carried it out, or it has been written to the local
+    /// Makes a persistent change. When this returns, the server has carried it out, or it has been written to the local
     /// file.
     /// @param groups the names and patterns of all groups that the operation may touch.
-    /// @param operation is called with a reference to a KorloSettingsClient or to a ServerConnection.
-    template <typename Operation>
     void Change(const GroupNameCollection& groups, const Operation& operation);
 
-    /// The same for a change that is not to last: it is not written to the local file.
-    template <typename Operation>
+    /// The same for a change that is not persisted: it is not written to the local file.
     void ChangeForNow(const Operation& operation);
 
     /// For the Watching purpose. When this returns, no later change is missed.
     /// @param callback borrowed; must outlive this session.
-    void Subscribe(IChangeCallback& callback, const GroupNameCollection& groups);
+    /// @param connection the same; hears of what becomes of the connection from then on.
+    void Subscribe(IChangeCallback& callback, const GroupNameCollection& groups, IConnectionCallback& connection);
 
     /// The user layer, or all settings, as INI text. The settings of a file are defaults: its user layer is empty.
-    std::string Dump(bool all) const;
+    std::string Dump(bool all);
 
     /// What all clients of the server are subscribed to, names and patterns; nothing when there is no server.
     GroupNameCollection GetSubscribedGroups() const;
@@ -74,51 +77,21 @@ public:
     /// True when the store lives in this process, so that nobody else hears of its changes, or makes any.
     bool IsInProcess() const;
 
+    /// Nothing for names and patterns that an overwrite, a restore or a subscription can send where the settings are.
+    /// @throws Failure with StatusWrongCommandLine.
+    void CheckNames(const GroupNameCollection& groups) const;
+
 private:
-    void Open(Purpose purpose);
-    void OpenServer(Purpose purpose);
-    static void CheckServer();
+    KorloSettingsClient& Client();
+    KorloSettingsClient Open();
     Failure Unreachable(const std::exception& error) const;
-    void SaveDifference(const core::IniFile& before, const core::IniFile& after);
     template <typename Call>
-    void Guarded(const Call& call) const;
+    auto Guarded(const Call& call) const;
 
     const Target _target;
+    const Purpose _purpose;
     std::unique_ptr<LocalFile> _pLocalFile;         // null without --local
-    std::unique_ptr<KorloSettingsClient> _pClient;  // null where there is a connection
-    std::unique_ptr<ServerConnection> _pServer;     // null in a process of its own, and for watching
+    std::unique_ptr<KorloSettingsClient> _pClient;  // null until the first use
 };
-
-template <typename Operation>
-void Session::Change(const GroupNameCollection& groups, const Operation& operation)
-{
-    if (_pLocalFile == nullptr)
-    {
-        ChangeForNow(operation);
-        return;
-    }
-    const core::IniFile before = Read(groups);
-    ChangeForNow(operation);
-    SaveDifference(before, Read(groups));
-}
-
-template <typename Operation>
-void Session::ChangeForNow(const Operation& operation)
-{
-    Guarded([&] { _pServer != nullptr ? operation(*_pServer) : operation(*_pClient); });
-}
-
-template <typename Call>
-void Session::Guarded(const Call& call) const
-{
-    try
-    {
-        call();
-    }
-    catch (const osa::Exception& error)
-    {
-        throw Unreachable(error);
-    }
-}
 
 }  // namespace korlo::settings::cli

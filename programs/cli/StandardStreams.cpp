@@ -1,12 +1,12 @@
 #include "StandardStreams.h"
 
 #include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "Failure.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
 {
@@ -15,7 +15,7 @@ namespace
 
 std::string TextOfError(int error)
 {
-    return std::generic_category().message(error);
+    return osa::SystemReason(error);
 }
 
 /// Returns 0 or the error number.

@@ -8,11 +8,11 @@
 #include "IniText.h"
 #include "Interruption.h"
 #include "Json.h"
-#include "LogMessages.h"
 #include "Operands.h"
-#include "RestrictedGroups.h"
 #include "StandardStreams.h"
+#include "korlo/core/Logger.h"
 #include "settings/IChangeCallback.h"
+#include "settings/IConnectionCallback.h"
 
 namespace korlo::settings::cli
 {
@@ -92,14 +92,34 @@ void ChangePrinter::Print(const GroupNameCollection& changedGroups, const IniFil
     WriteOutput(_asJson ? JsonOf(changedGroups, changed) : comment + '\n' + TextOf(changed) + '\n');
 }
 
+/// Says what becomes of the connection of a client that is connected.
+///
+/// Thread safety: as IConnectionCallback.
+class ConnectionReporter : public IConnectionCallback
+{
+public:
+    void OnConnectionState(bool isConnected) override
+    {
+        if (isConnected != _wasConnected)
+        {
+            WriteMessage(isConnected ? "the settings server is back"
+                                     : "the settings server is gone; waiting for it to come back");
+            _wasConnected = isConnected;
+        }
+    }
+
+private:
+    bool _wasConnected = true;
+};
+
 void MergeDocument(Session& session, const std::string& text)
 {
     IniFile changes;
     changes.LoadFromString(text);
     if (!changes.empty())
     {
-        session.Change(GroupsOf(changes), [&](auto& client) { client.MergeSettings(changes); });
-        ReportRestricted(changes);
+        session.Change(GroupsOf(changes), [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
+        ReportRestricted(GroupsOf(changes));
     }
 }
 
@@ -124,18 +144,24 @@ void MergeInput(Session& session, const Interruption& interruption, const Change
 
 ExitStatus RunWatch(const Invocation& invocation)
 {
-    // In this order: the session ends first, and with it all calls to the printer.
+    // In this order: the session ends first, and with it all calls to the other two.
     const Interruption interruption;
     ChangePrinter printer(invocation, interruption);
+    ConnectionReporter reporter;
     Session session(invocation.target, Session::Watching);
-    session.Subscribe(printer, NamesOf(invocation.operands));
+    const GroupNameCollection names = NamesOf(invocation.operands);
+    session.CheckNames(names);
+    session.Subscribe(printer, names, reporter);
     if (session.IsInProcess())
     {
         MergeInput(session, interruption, printer);
     }
     else
     {
-        LogReconnections();
+        for (const char* log : {"KorloSettings", "KorloSettingsConnection"})
+        {
+            core::Logger::GetLogger(log)->SetThreshold(0);  // the reporter says it in fewer words
+        }
         WriteMessage("watching");  // whoever waits for this line misses no change after it
         interruption.Wait(Interruption::NoInput);
     }

@@ -1,99 +1,238 @@
 #include "ClientConnection.h"
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <istream>
+#include <optional>
 #include <ostream>
+#include <streambuf>
 
 #include "ClientInput.h"
-#include "ClientOutput.h"
-#include "NotificationRound.h"
 #include "korlo/osa/Exception.h"
 #include "settings/server/ClientHandler.h"
+#include "settings/server/SettingsManager.h"
 
 namespace korlo::daemon
 {
 namespace
 {
 
+using settings::server::ClientHandler;
+using settings::server::IRequestGate;
+using settings::server::RequestKind;
+using settings::server::ServerEnv;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
 constexpr unsigned int StackBytes = 64 * 1024;
-constexpr unsigned int LastWaitMs = 10'000;  // for a client that has sent its last request and does not read
+constexpr std::size_t MuchInputBytes = 64 * 1024;  // unread, of which a single request may take its time
+constexpr milliseconds LastWait{10'000};           // for a client that has sent its last request and does not read
+constexpr milliseconds LastWaitOfServer{2'000};    // in all, when it is the server that ends
+
+/// Hands the messages of a handler, each of which is one write, to the queue.
+///
+/// Thread safety: none of its own; who writes holds the handler's output mutex.
+class ClientOutput : public std::streambuf
+{
+public:
+    explicit ClientOutput(OutgoingQueue& queue) : _queue(queue) {}
+
+protected:
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override
+    {
+        return _queue.Send(bytes, static_cast<std::size_t>(count)) ? count : 0;
+    }
+
+private:
+    OutgoingQueue& _queue;
+};
+
+/// A handler whose notifications cost nobody but its own client a connection, should they fail.
+///
+/// Thread safety: as its base's.
+class ConnectionHandler final : public ClientHandler
+{
+public:
+    ConnectionHandler(ServerEnv& env, std::istream& in, std::ostream& out, IRequestGate& gate, OutgoingQueue& queue)
+        : ClientHandler(&env, &in, &out, &gate),
+          _store(*env.pSettingsManager),
+          _queue(queue)
+    {
+    }
+    ConnectionHandler(const ConnectionHandler&) = delete;
+    ConnectionHandler& operator=(const ConnectionHandler&) = delete;
+
+    ~ConnectionHandler() override { _store.Unsubscribe(this); }  // before calls would reach the base alone
+
+    void OnChange(const settings::GroupNameCollection& groups, const core::IniFile& settings) override
+    {
+        try
+        {
+            ClientHandler::OnChange(groups, settings);
+        }
+        catch (const std::exception& exception)
+        {
+            _queue.Break(std::string("a notification failed: ") + exception.what());
+        }
+    }
+
+private:
+    settings::server::SettingsManager& _store;
+    OutgoingQueue& _queue;
+};
 
 }  // namespace
 
-/// The streams and the handler of a connection, for as long as it is served.
+/// The streams and the handler of a connection, for as long as it is served. From one request to the next:
+///
+///     state      what happens                                                          next
+///     ---------  --------------------------------------------------------------------  -------------------------------
+///     Between    what was gathered for long is sent; while much of its own output      Reading; Ending when the client
+///                waits, the client is held back                                        or the server ends
+///     Reading    the request is read; what was gathered is sent before each wait       Working; Ending as above,
+///     inside
+///                                                                                      the request
+///     Working    a quick change lets its notifications be gathered; before anything    Between; Ending when the
+///     request
+///                else, what was gathered is sent                                       throws
+///     Ending     what was gathered is sent, and what the client's socket has refused   -
+///                as long as it takes some of it
 ///
 /// Thread safety: made and used on the connection's own thread; the handler lets other threads write.
-class ClientConnection::Session : private settings::server::IRequestGate
+class ClientConnection::Session : private IRequestGate
 {
 public:
     explicit Session(ClientConnection& connection)
-        : _queue(*connection._pQueue),
-          _maxMessage(connection._limits.maxMessage),
-          _input(*connection._pSocket, _queue, _maxMessage),
+        : _connection(connection),
+          _queue(*connection._pQueue),
+          _round(connection._gathered),
+          _input(*connection._pSocket, _queue, connection._limits.maxMessage, [this] { return BeforeWait(); }),
           _output(_queue),
           _in(&_input),
           _out(&_output),
-          _handler(&connection._env, &_in, &_out)
+          _handler(connection._env, _in, _out, *this, _queue)
     {
+        _in.exceptions(std::ios::badbit);  // else what goes wrong in reading looks like a client that has left
     }
 
     void Run()
     {
-        _handler.Run(*this);
-        if (NotificationRound* pRound = NotificationRound::Current())
-        {
-            pRound->Flush();  // nobody waits for this client's last bytes
-        }
-        if (_wasCut || (!_in.good() && _input.IsInsideRequest()))
+        _handler.Run();
+        _round.Send();  // nobody waits for this client's last bytes
+        if (!_in.good() && _input.GetRequestBytes() > 0 && !_connection._isStopping)
         {
             _queue.Break("it left in the middle of a request");
         }
-        else if (!_input.SendRest(LastWaitMs))
+        else if (!SendRest())
         {
             _queue.Break("it does not read its responses");
         }
     }
 
 private:
-    void BeforeRequest() override
+    bool BeforeRequest() override
     {
+        _round.BeforeRequest();
+        if (_input.GetUnreadBytes() > MuchInputBytes)
+        {
+            _round.Send();
+        }
         if (!_in.good())
         {
-            _wasCut = true;  // inside the blocks of the request before this one
-            return;
-        }
-        if (_handler.GetSubscribedBytes() > _maxMessage)
-        {
-            _queue.Break("it has subscribed to more than " + std::to_string(_maxMessage) + " bytes of groups");
-            throw osa::Exception("too many subscriptions");
-        }
-        if (_handler.IsSubscribed())
-        {
-            _input.ExpectNotifications();
+            return false;  // it ended inside the blocks of the request before this one
         }
         _input.HoldBack();
+        if (_queue.IsBroken() || _connection._isStopping)
+        {
+            return false;
+        }
         _input.BeginRequest();
+        return true;
     }
 
+    void BeforeStore(RequestKind kind) override
+    {
+        const bool savesNow = kind == RequestKind::PersistentChange && _connection._limits.savesAtOnce;
+        if (savesNow || kind == RequestKind::Restore)
+        {
+            _round.BeforeSlowRequest();
+        }
+        else if (kind == RequestKind::Change || kind == RequestKind::PersistentChange)
+        {
+            _round.BeforeQuickChange();
+        }
+        else
+        {
+            _round.Send();
+        }
+        if (kind == RequestKind::Subscription)
+        {
+            BeforeSubscription();
+        }
+    }
+
+    /// What it asks for again costs the server as much as the first time, and counts.
+    void BeforeSubscription()
+    {
+        _input.ExpectNotifications();
+        _subscribedBytes += _input.GetRequestBytes();
+        if (_subscribedBytes > _connection._limits.maxMessage)
+        {
+            _queue.Break("it has subscribed to more than " + std::to_string(_connection._limits.maxMessage) +
+                         " bytes of groups");
+            throw osa::Exception("too many subscriptions");
+        }
+    }
+
+    bool BeforeWait()
+    {
+        _round.Send();
+        return !_connection._isStopping;
+    }
+
+    /// False when the client does not take what its socket has refused.
+    bool SendRest()
+    {
+        std::optional<Clock::time_point> end;
+        while (_queue.GetRefusedBytes() > 0)
+        {
+            milliseconds limit = LastWait;
+            if (_connection._isStopping)
+            {
+                end = end.value_or(Clock::now() + LastWaitOfServer);
+                limit = std::chrono::ceil<milliseconds>(std::max(*end - Clock::now(), Clock::duration()));
+            }
+            if (_connection._pSocket->Wait(false, true, static_cast<unsigned int>(limit.count())) == 0)
+            {
+                return false;
+            }
+            _queue.Drain();
+        }
+        return true;
+    }
+
+    ClientConnection& _connection;
     OutgoingQueue& _queue;
-    const std::size_t _maxMessage;
+    NotificationRound _round;
     ClientInput _input;
     ClientOutput _output;
     std::istream _in;
     std::ostream _out;
-    settings::server::ClientHandler _handler;
-    bool _wasCut = false;
+    ConnectionHandler _handler;
+    std::size_t _subscribedBytes = 0;  // of all requests to subscribe
 };
 
 ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const settings::server::ServerEnv& env,
-                                   const ServerLimits& limits, IConnectionOwner& owner)
+                                   const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner)
     : _env(env),
       _limits(limits),
+      _gathered(gathered),
       _owner(owner),
       _pLogger(core::Logger::GetLogger("ClientConnection")),
       _peer(pSocket->GetPeerAddress()),
       _pSocket(std::move(pSocket)),
-      _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog)),
+      _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog, gathered)),
       _thread("Client", this, StackBytes, 0)
 {
 }
@@ -105,7 +244,8 @@ void ClientConnection::Start()
 
 void ClientConnection::Stop()
 {
-    _pQueue->Break(std::string());
+    _isStopping = true;
+    _pSocket->EndReading();  // wakes the thread
 }
 
 void ClientConnection::Run()
@@ -133,7 +273,6 @@ void ClientConnection::Serve()
     std::string failure;
     try
     {
-        const NotificationRound round;
         Session(*this).Run();
     }
     catch (const std::exception& exception)

@@ -1,9 +1,11 @@
 #pragma once
 // One client of the server.
 
+#include <atomic>
 #include <memory>
 #include <string>
 
+#include "NotificationRound.h"
 #include "OutgoingQueue.h"
 #include "ServerLimits.h"
 #include "korlo/core/Logger.h"
@@ -36,9 +38,9 @@ public:
 class ClientConnection final : public osa::Runnable
 {
 public:
-    /// @param owner, env borrowed.
+    /// @param gathered, owner borrowed, as are the parts of env.
     ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const settings::server::ServerEnv& env,
-                     const ServerLimits& limits, IConnectionOwner& owner);
+                     const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner);
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;
 
@@ -48,7 +50,8 @@ public:
     /// @throws osa::Exception when the system has no thread left; the connection is then of no use.
     void Start();
 
-    /// Breaks the connection without waiting for anything.
+    /// Lets the connection end, and waits for nothing: the request in hand is finished and answered, and no other one
+    /// is begun. A client that does not take its answers has two seconds for them.
     void Stop() override;
 
     void Run() override;
@@ -61,9 +64,11 @@ private:
 
     settings::server::ServerEnv _env;
     const ServerLimits _limits;
+    GatheredQueues& _gathered;
     IConnectionOwner& _owner;
     core::Logger* const _pLogger;  // not owned
     const std::string _peer;
+    std::atomic<bool> _isStopping = false;
 
     std::unique_ptr<osa::TcpSocket> _pSocket;      // null once the connection has ended
     const std::shared_ptr<OutgoingQueue> _pQueue;  // uses the socket until it is broken; others may hold it longer

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <string>
-#include <system_error>
+#include <utility>
 
-#include "NotificationRound.h"
+#include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 
 namespace korlo::daemon
@@ -18,25 +18,26 @@ constexpr std::size_t SmallQueueBytes = 64 * 1024;  // that do not keep a client
 
 }  // namespace
 
-ClientInput::ClientInput(osa::TcpSocket& socket, OutgoingQueue& queue, std::size_t maxMessage)
+ClientInput::ClientInput(osa::TcpSocket& socket, OutgoingQueue& queue, std::size_t maxMessage,
+                         std::function<bool()> mayWait)
     : _socket(socket),
       _queue(queue),
-      _maxMessage(maxMessage)
+      _maxMessage(maxMessage),
+      _mayWait(std::move(mayWait))
 {
 }
 
 void ClientInput::BeginRequest()
 {
-    _takenBefore = 0;
-    _pRequest = gptr();
+    _request = Position();
     ShowRequest();
 }
 
 /// Makes the get area end where the request reaches its limit.
 void ClientInput::ShowRequest()
 {
-    const std::size_t shown = std::min(Unread(), _maxMessage - TakenByRequest());
-    setg(gptr(), gptr(), gptr() + shown);
+    const std::size_t shown = std::min(GetUnreadBytes(), _maxMessage - GetRequestBytes());
+    setg(eback(), gptr(), gptr() + shown);
 }
 
 ClientInput::int_type ClientInput::underflow()
@@ -45,7 +46,7 @@ ClientInput::int_type ClientInput::underflow()
     {
         return traits_type::to_int_type(*gptr());
     }
-    if (TakenByRequest() >= _maxMessage)
+    if (GetRequestBytes() >= _maxMessage)
     {
         _queue.Break("its request is larger than " + std::to_string(_maxMessage) + " bytes");
         return traits_type::eof();
@@ -56,25 +57,17 @@ ClientInput::int_type ClientInput::underflow()
 /// Everything that was received has been read.
 bool ClientInput::Fill()
 {
-    _takenBefore = TakenByRequest();
-    Move(_pBuffer.get());
     const bool wasReleased = ReleaseLargeBuffer();
-    _pRequest = gptr();
-    if (_ended || _queue.IsBroken())
+    if (_ended || _queue.IsBroken() || !_mayWait())
     {
         return false;
     }
-    if (NotificationRound* pRound = NotificationRound::Current())
-    {
-        pRound->Flush();
-    }
     // Where nobody else can leave anything to send, receiving is waiting enough.
-    if (_expectsNotifications || wasReleased || _queue.GetPendingBytes() > 0)
+    if (_expectsNotifications || wasReleased || _queue.GetRefusedBytes() > 0)
     {
         WaitForInput();
     }
     MakeRoom();
-    _pRequest = gptr();
     Receive();
     ShowRequest();
     return gptr() < egptr() && !_queue.IsBroken();
@@ -85,7 +78,7 @@ void ClientInput::WaitForInput()
     unsigned int ready = 0;
     while ((ready & osa::TcpSocket::Readable) == 0)
     {
-        const bool hasToSend = _queue.GetPendingBytes() > 0;
+        const bool hasToSend = _queue.GetRefusedBytes() > 0;
         ready = _socket.Wait(true, hasToSend, osa::Infinite);
         if (hasToSend && (ready & osa::TcpSocket::Writable) != 0)
         {
@@ -96,13 +89,9 @@ void ClientInput::WaitForInput()
 
 void ClientInput::HoldBack()
 {
-    if (NotificationRound* pRound = NotificationRound::Current())
+    while (_queue.GetRefusedBytes() > SmallQueueBytes && _mayWait())
     {
-        _queue.GetPendingBytes() > SmallQueueBytes ? pRound->Flush() : pRound->OnRequest();
-    }
-    while (_queue.GetPendingBytes() > SmallQueueBytes)
-    {
-        const bool takesInput = !_ended && Unread() < _maxMessage;
+        const bool takesInput = !_ended && GetUnreadBytes() < _maxMessage;
         const unsigned int ready = _socket.Wait(takesInput, true, osa::Infinite);
         if ((ready & osa::TcpSocket::Writable) != 0)
         {
@@ -116,77 +105,66 @@ void ClientInput::HoldBack()
     }
 }
 
-bool ClientInput::SendRest(unsigned int timeoutMs)
-{
-    while (_queue.GetPendingBytes() > 0)
-    {
-        const unsigned int ready = _socket.Wait(false, true, timeoutMs);
-        if (ready == 0)
-        {
-            return false;
-        }
-        _queue.Drain();
-    }
-    return true;
-}
-
 /// Takes what is there behind what was not read yet.
 void ClientInput::Receive()
 {
-    const auto used = static_cast<std::size_t>(_pEnd - _pBuffer.get());
-    const osa::TcpSocket::IoResult result = _socket.ReadSome(_pEnd, _capacity - used, osa::Infinite);
-    _pEnd += result.bytes;
+    const std::size_t used = _end - _base;
+    const osa::TcpSocket::IoResult result = _socket.ReadSome(&_pBuffer[used], _capacity - used, osa::Infinite);
+    _end += result.bytes;
     _touched = std::max(_touched, used + result.bytes);
     _ended = result.status != osa::TcpSocket::Done;
     if (result.status == osa::TcpSocket::Failed)
     {
-        _queue.Break("the connection was lost: " + std::generic_category().message(result.error));
+        _queue.Break("the connection was lost: " + osa::SystemReason(result.error));
     }
 }
 
+/// What is unread moves down over what was read where that is at least as much, else into a larger buffer: so each byte
+/// that is received is moved about once.
 void ClientInput::MakeRoom()
 {
-    const std::size_t unread = Unread();
-    if (_capacity - unread < ReceiveBytes / 2 || _pBuffer == nullptr)
+    constexpr std::size_t leastRoom = ReceiveBytes / 2;
+    const std::size_t unread = GetUnreadBytes();
+    const std::size_t wasRead = Position() - _base;
+    if (wasRead >= unread && unread + leastRoom <= _capacity)
     {
-        const std::size_t capacity = std::max(2 * _capacity, ReceiveBytes);
+        MoveTo(_pBuffer.get());
+    }
+    else if (_capacity - (wasRead + unread) < leastRoom)
+    {
+        const std::size_t capacity = 2 * (unread + leastRoom);
         // Not zeroed: memory that nobody touches costs nothing.
         auto pLarger = std::make_unique_for_overwrite<char[]>(capacity);
-        Move(pLarger.get());
+        MoveTo(pLarger.get());
         _pBuffer = std::move(pLarger);
         _capacity = capacity;
         _touched = unread;
     }
-    else if (_pEnd > _pBuffer.get() + _capacity / 2)
-    {
-        Move(_pBuffer.get());
-    }
 }
 
-/// Moves what was not read to another place.
-void ClientInput::Move(char* pTo)
+/// Moves what is unread to the beginning of a buffer.
+void ClientInput::MoveTo(char* pTo)
 {
-    const std::size_t unread = Unread();
+    const std::size_t unread = GetUnreadBytes();
     if (unread > 0 && pTo != gptr())
     {
-        std::copy(gptr(), _pEnd, pTo);  // never to the right within one buffer
+        std::copy(gptr(), gptr() + unread, pTo);  // never to the right within one buffer
     }
+    _base = Position();
     setg(pTo, pTo, pTo);
-    _pEnd = pTo + unread;
 }
 
-/// True when there was a large buffer.
+/// True when there was a large buffer, of which all was read.
 bool ClientInput::ReleaseLargeBuffer()
 {
     if (_touched <= KeptBytes)
     {
         return false;
     }
+    MoveTo(nullptr);
     _pBuffer.reset();
     _capacity = 0;
     _touched = 0;
-    setg(nullptr, nullptr, nullptr);
-    _pEnd = nullptr;
     return true;
 }
 

@@ -2,6 +2,7 @@
 // What a client sends, as a stream buffer.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <streambuf>
 
@@ -12,10 +13,20 @@ namespace korlo::daemon
 {
 
 /// The way in of one connection, one request after the other, each up to a limit; a request that goes beyond it breaks
-/// the connection. Whoever waits here for input sends what waits in the connection's queue meanwhile.
+/// the connection. Whoever waits here for input drains the connection's queue meanwhile.
 ///
 /// Input comes in one system call for up to 64 KiB. Memory that a large request took is given back before the next
-/// wait.
+/// wait. What comes, and when the thread waits:
+///
+///     state        entered when                            what happens                                   next
+///     -----------  --------------------------------------  ---------------------------------------------  -----------
+///     Reading      something was received                  the request is read from memory                any
+///     Waiting      all of it was read                      mayWait, then waits for input and for room     Reading, or
+///                                                                                                         Ended
+///     HeldBack     a request ends, and more than 64 KiB    mayWait, then waits for room, and for input    Reading, or
+///                  of output were refused                  while less than one largest request is unread  Ended
+///     Ended        the client sends no more, mayWait says  what was received is read, then the end of     -
+///                  no, or the connection is broken         the stream
 ///
 /// Thread safety: none of its own; belongs to the connection's own thread.
 class ClientInput : public std::streambuf
@@ -24,7 +35,8 @@ public:
     /// @param socket borrowed, connected.
     /// @param queue borrowed; the way out of the same connection.
     /// @param maxMessage the most bytes of one request.
-    ClientInput(osa::TcpSocket& socket, OutgoingQueue& queue, std::size_t maxMessage);
+    /// @param mayWait called before each wait for the client; false ends the wait, and the input where it is needed.
+    ClientInput(osa::TcpSocket& socket, OutgoingQueue& queue, std::size_t maxMessage, std::function<bool()> mayWait);
 
     /// Other threads may send from now on: a wait for input must notice what they leave in the queue.
     void ExpectNotifications() { _expectsNotifications = true; }
@@ -36,41 +48,42 @@ public:
     /// that must get rid of its request before it reads the responses is not kept from it.
     void HoldBack();
 
-    /// Waits until all that is in the queue has been sent, the connection is broken, or nothing of it could be sent for
-    /// `timeoutMs`. False in the last case.
-    bool SendRest(unsigned int timeoutMs);
+    /// How much of the request was read.
+    std::size_t GetRequestBytes() const { return Position() - _request; }
 
-    /// True when a part of a request was read.
-    bool IsInsideRequest() const { return TakenByRequest() > 0; }
+    /// How much was received and not read.
+    std::size_t GetUnreadBytes() const { return _end - Position(); }
 
 protected:
     int_type underflow() override;
 
 private:
-    std::size_t Unread() const { return static_cast<std::size_t>(_pEnd - gptr()); }
-    std::size_t TakenByRequest() const { return _takenBefore + static_cast<std::size_t>(gptr() - _pRequest); }
+    std::size_t Position() const { return _base + static_cast<std::size_t>(gptr() - eback()); }
 
     bool Fill();
     bool ReleaseLargeBuffer();
     void WaitForInput();
     void Receive();
     void MakeRoom();
-    void Move(char* pTo);
+    void MoveTo(char* pTo);
     void ShowRequest();
 
     osa::TcpSocket& _socket;
     OutgoingQueue& _queue;
     const std::size_t _maxMessage;
+    const std::function<bool()> _mayWait;
     bool _expectsNotifications = false;
     bool _ended = false;  // the client sends no more
 
-    std::unique_ptr<char[]> _pBuffer;  // what was received and not read lies between the get pointer and _pEnd
+    std::unique_ptr<char[]> _pBuffer;  // begins with the get area
     std::size_t _capacity = 0;
     std::size_t _touched = 0;  // how much of the buffer was ever used; the system provides no memory for the rest
-    char* _pEnd = nullptr;
 
-    const char* _pRequest = nullptr;  // where the request begins in the buffer, or goes on
-    std::size_t _takenBefore = 0;     // of the request, out of what the buffer held before
+    // Offsets in all that the client has sent. They may pass the greatest number and begin anew: only their
+    // differences count, which a buffer can hold.
+    std::size_t _base = 0;     // of the buffer
+    std::size_t _request = 0;  // of the request's first byte, which may have left the buffer
+    std::size_t _end = 0;      // behind what was received
 };
 
 }  // namespace korlo::daemon

@@ -5,6 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "korlo/stl/TextStream.h"
+
 namespace korlo::daemon
 {
 namespace
@@ -14,6 +16,13 @@ constexpr unsigned int StackBytes = 64 * 1024;
 constexpr unsigned int RetryMs = 1000;  // at least, between a save that failed and the next: the log must not fill up
 
 }  // namespace
+
+std::string UserLayerOf(const settings::server::SettingsManager& store)
+{
+    stl::TextStream text;
+    store.DumpUserSettings(text);
+    return std::move(text).str();
+}
 
 DelayedPersister::DelayedPersister(FileSettingsPersister& target, unsigned int delayMs)
     : _target(target),
@@ -113,11 +122,16 @@ bool DelayedPersister::TryToSave()
     }
     catch (const std::exception& exception)
     {
+        NoteUnsaved();
         _pLogger->Error("User settings are not saved yet: %s", exception.what());
+        return false;
     }
+}
+
+void DelayedPersister::NoteUnsaved()
+{
     const std::lock_guard lock(_mutex);
     _isDirty = true;
-    return false;
 }
 
 void DelayedPersister::Save()

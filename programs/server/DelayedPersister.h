@@ -10,9 +10,13 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Thread.h"
 #include "settings/server/ISettingsPersister.h"
+#include "settings/server/SettingsManager.h"
 
 namespace korlo::daemon
 {
+
+/// The user layer of a store as INI text, whole.
+std::string UserLayerOf(const settings::server::SettingsManager& store);
 
 /// Gathers changes and saves them on a thread of its own, so that nobody who reads or changes settings waits for the
 /// disk. A save that fails is logged as an error and tried again.
@@ -57,6 +61,7 @@ private:
     bool WaitForChange();
     void WaitUnlessStopped(unsigned int durationMs);
     bool TryToSave();
+    void NoteUnsaved();
     void Save();
 
     FileSettingsPersister& _target;

@@ -1,12 +1,12 @@
 #include "FileSettingsPersister.h"
 
 #include <filesystem>
-#include <sstream>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "korlo/osa/Exception.h"
+#include "korlo/stl/TextStream.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::daemon
@@ -173,7 +173,7 @@ void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
         constexpr std::size_t growth = 4096;
         std::string room;  // without it the text is copied several times as it grows
         room.reserve(_stored ? _stored->size() + growth : 0);
-        std::ostringstream text(std::move(room));
+        stl::TextStream text(std::move(room));
         userSettings.SaveToStream(text);
         Save(std::move(text).str());
     }

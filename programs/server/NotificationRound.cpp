@@ -1,58 +1,110 @@
 #include "NotificationRound.h"
 
-#include "OutgoingQueue.h"
-
 namespace korlo::daemon
 {
 namespace
 {
 
-// A request that takes longer than this (to reach the disk, say) is not followed by another one in a hurry.
-constexpr std::chrono::milliseconds LongRequest{1};
+constexpr std::chrono::milliseconds LongestRound{5};
 
-thread_local NotificationRound* pCurrentRound = nullptr;
+void SendAll(const std::vector<std::shared_ptr<OutgoingQueue>>& queues)
+{
+    for (const std::shared_ptr<OutgoingQueue>& pQueue : queues)
+    {
+        pQueue->SendGathered();
+    }
+}
 
 }  // namespace
 
-NotificationRound::NotificationRound(ReadClock readClock) : _readClock(readClock), _requestBegan(readClock())
+bool GatheredQueues::Collect(OutgoingQueue& queue)
 {
-    pCurrentRound = this;
+    const PlainLock lock(_mutex);
+    if (_slowRequests > 0)
+    {
+        return false;
+    }
+    _queues.push_back(queue.shared_from_this());
+    return true;
+}
+
+void GatheredQueues::Send()
+{
+    std::vector<std::shared_ptr<OutgoingQueue>> queues;
+    {
+        const PlainLock lock(_mutex);
+        queues.swap(_queues);
+    }
+    SendAll(queues);
+}
+
+void GatheredQueues::BeginSlowRequest()
+{
+    {
+        const PlainLock lock(_mutex);
+        ++_slowRequests;
+    }
+    Send();
+}
+
+void GatheredQueues::EndSlowRequest()
+{
+    const PlainLock lock(_mutex);
+    --_slowRequests;
+}
+
+NotificationRound::NotificationRound(GatheredQueues& gathered, ReadClock readClock)
+    : _gathered(gathered),
+      _readClock(readClock)
+{
 }
 
 NotificationRound::~NotificationRound()
 {
-    Flush();
-    pCurrentRound = nullptr;
+    EndSlowRequest();
+    Send();
 }
 
-NotificationRound* NotificationRound::Current()
+void NotificationRound::EndSlowRequest()
 {
-    return pCurrentRound;
-}
-
-void NotificationRound::OnRequest()
-{
-    Clock::time_point now = _readClock();
-    if (now - _requestBegan > LongRequest)
+    if (_isSlow)
     {
-        Flush();
-        now = _readClock();  // what the sending took is not the next request's: it would be sent in a hurry as well
+        _isSlow = false;
+        _gathered.EndSlowRequest();
     }
-    _requestBegan = now;
 }
 
-void NotificationRound::Flush()
+void NotificationRound::BeforeRequest()
 {
-    for (const std::shared_ptr<OutgoingQueue>& pQueue : _queues)
+    EndSlowRequest();
+    if (_begin && _readClock() - *_begin > LongestRound)
     {
-        pQueue->SendGathered();
+        Send();
     }
-    _queues.clear();
 }
 
-void NotificationRound::Add(std::shared_ptr<OutgoingQueue> pQueue)
+void NotificationRound::BeforeQuickChange()
 {
-    _queues.push_back(std::move(pQueue));
+    if (!_begin)
+    {
+        _begin = _readClock();
+    }
+}
+
+void NotificationRound::BeforeSlowRequest()
+{
+    _begin.reset();
+    _isSlow = true;
+    _gathered.BeginSlowRequest();
+}
+
+void NotificationRound::Send()
+{
+    if (_begin)
+    {
+        _begin.reset();
+        _gathered.Send();
+    }
 }
 
 }  // namespace korlo::daemon

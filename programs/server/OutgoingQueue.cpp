@@ -1,9 +1,8 @@
 #include "OutgoingQueue.h"
+#include "korlo/osa/Exception.h"
 
 #include <algorithm>
-#include <system_error>
-
-#include "NotificationRound.h"
+#include <exception>
 
 namespace korlo::daemon
 {
@@ -15,103 +14,149 @@ constexpr std::size_t GatheredBytes = 64 * 1024;  // what one system call moves 
 
 }  // namespace
 
-OutgoingQueue::OutgoingQueue(osa::TcpSocket& socket, std::size_t maxBacklog) : _socket(socket), _maxBacklog(maxBacklog)
+OutgoingQueue::OutgoingQueue(osa::TcpSocket& socket, std::size_t maxBacklog, IQueueCollector& collector)
+    : _socket(socket),
+      _maxBacklog(maxBacklog),
+      _collector(collector)
 {
 }
 
 bool OutgoingQueue::Send(const char* bytes, std::size_t size)
 {
-    const std::lock_guard lock(_mutex);
-    if (!_isBroken)
-    {
-        Guarded([&] { SendOrKeep(bytes, size); });
-    }
-    return !_isBroken;
-}
-
-/// No memory, or no descriptor: this client would get a part of a message, and nobody else has to do with it.
-template <typename Step>
-void OutgoingQueue::Guarded(Step step)
-{
+    const PlainLock lock(_mutex);
     try
     {
-        step();
+        Take(bytes, size);
     }
     catch (const std::exception& exception)
     {
+        // No memory: this client would get a part of a message, and nobody else has to do with it.
         BreakLocked(exception.what());
     }
+    return _state != Broken;
 }
 
-void OutgoingQueue::SendOrKeep(const char* bytes, std::size_t size)
+OutgoingQueue::Kind OutgoingQueue::KindOf(std::size_t size) const
 {
-    NotificationRound* const pRound = IsOwnThread() ? nullptr : NotificationRound::Current();
-    if (pRound != nullptr && !_waitsForRoom)
+    return IsOwnThread() ? Own : size > _maxBacklog ? LargeNotification : Notification;
+}
+
+void OutgoingQueue::Take(const char* bytes, std::size_t size)
+{
+    const Kind kind = KindOf(size);
+    if (_state == Refused)
     {
-        Gather(*pRound, bytes, size);
+        LimitBacklog(kind, size);
+    }
+    if (_state == Broken)
+    {
         return;
     }
-    const std::size_t sent = _runs.empty() ? SendNow(bytes, size) : 0;
-    if (sent == size || _isBroken)
+    if (_state == Refused)
     {
-        return;
+        Keep(bytes, size, kind);
+        Settle();
     }
-    const bool wasGathered = !_runs.empty() && !_waitsForRoom;
-    Keep(bytes + sent, size - sent);
-    if (wasGathered)
+    else if (IsGathered(kind, size))
     {
-        SendPending();
+        Keep(bytes, size, kind);
+        _state = Gathering;
     }
-    else if (!_waitsForRoom && !_isBroken)
+    else if (_state == Gathering)
     {
-        _waitsForRoom = true;
-        if (!IsOwnThread())
-        {
-            _socket.Wake();  // its thread does not wait for room yet
-        }
+        Keep(bytes, size, kind);
+        Offer();
+    }
+    else if (const std::size_t sent = SendNow(bytes, size); sent < size && _state != Broken)
+    {
+        Keep(bytes + sent, size - sent, kind);
+        Settle();
     }
 }
 
-void OutgoingQueue::Gather(NotificationRound& round, const char* bytes, std::size_t size)
+/// Breaks the connection when too much was refused already; offers it once more before that, since the own thread may
+/// not have had the time to use the room that a client made by reading.
+void OutgoingQueue::LimitBacklog(Kind kind, std::size_t size)
 {
-    Keep(bytes, size);
-    if (_isBroken)
+    if (Fits(kind, size))
     {
         return;
     }
-    if (_bytes.size() - _sent > GatheredBytes)
+    Offer();
+    if (_state == Refused && !Fits(kind, size))
     {
-        SendPending();
+        BreakLocked("it does not read its notifications: " +
+                    std::to_string(_kept[Notification] + _kept[LargeNotification] + size) + " bytes wait, " +
+                    std::to_string(_maxBacklog) + " may");
     }
-    else if (!_isInRound)
+}
+
+bool OutgoingQueue::Fits(Kind kind, std::size_t size) const
+{
+    return kind == Own || (kind == Notification ? _kept[kind] + size <= _maxBacklog : _kept[kind] == 0);
+}
+
+bool OutgoingQueue::IsGathered(Kind kind, std::size_t size)
+{
+    if (kind == Own || _bytes.size() - _sent + size > GatheredBytes)
     {
-        round.Add(shared_from_this());
-        _isInRound = true;
+        return false;
+    }
+    _isCollected = _isCollected || _collector.Collect(*this);
+    return _isCollected;
+}
+
+void OutgoingQueue::Drain()
+{
+    const PlainLock lock(_mutex);
+    if (_state == Refused)
+    {
+        Offer();
     }
 }
 
 void OutgoingQueue::SendGathered()
 {
-    const std::lock_guard lock(_mutex);
-    _isInRound = false;
-    if (!_isBroken && !_runs.empty() && !_waitsForRoom)
+    const PlainLock lock(_mutex);
+    _isCollected = false;
+    if (_state == Gathering)
     {
-        Guarded([this] { SendPending(); });
+        Offer();
     }
 }
 
-/// What the socket does not take waits for room from then on.
-void OutgoingQueue::SendPending()
+/// Offers the socket all that is kept.
+void OutgoingQueue::Offer()
 {
-    if (_isBroken)
-    {
-        return;
-    }
     Drop(SendNow(_bytes.data() + _sent, _bytes.size() - _sent));
-    _waitsForRoom = !_runs.empty();
-    if (_waitsForRoom && !IsOwnThread())
+    if (_state != Broken)
+    {
+        Settle();
+    }
+}
+
+/// The socket has been offered all that is kept: what is left was refused.
+void OutgoingQueue::Settle()
+{
+    const State before = _state;
+    _refusedBytes = _bytes.size() - _sent;
+    _state = _refusedBytes == 0 ? Empty : Refused;
+    if (_state == Refused && before != Refused && !IsOwnThread())
+    {
+        WakeOwnThread();
+    }
+}
+
+/// It does not wait for room yet.
+void OutgoingQueue::WakeOwnThread()
+{
+    try
     {
         _socket.Wake();
+    }
+    catch (const std::exception& exception)
+    {
+        BreakLocked(exception.what());  // no descriptor is left
     }
 }
 
@@ -121,54 +166,37 @@ std::size_t OutgoingQueue::SendNow(const char* bytes, std::size_t size)
     const osa::TcpSocket::IoResult result = _socket.WriteSome(bytes, size, DoNotWait);
     if (result.status == osa::TcpSocket::Failed)
     {
-        BreakLocked("the connection was lost: " + std::generic_category().message(result.error));
+        BreakLocked("the connection was lost: " + osa::SystemReason(result.error));
     }
     return result.bytes;
 }
 
-void OutgoingQueue::Keep(const char* bytes, std::size_t size)
+void OutgoingQueue::Keep(const char* bytes, std::size_t size, Kind kind)
 {
-    const bool isForeign = !IsOwnThread();
-    if (isForeign && _foreignBytes + size > _maxBacklog)
+    if (_runs.empty() || _runs.back().kind != kind)
     {
-        BreakLocked("it does not read its notifications: " + std::to_string(_foreignBytes + size) + " bytes wait, " +
-                    std::to_string(_maxBacklog) + " may");
-        return;
+        _runs.push_back({0, kind});
     }
     _bytes.append(bytes, size);
-    if (_runs.empty() || _runs.back().isForeign != isForeign)
-    {
-        _runs.push_back({0, isForeign});
-    }
     _runs.back().size += size;
-    _foreignBytes += isForeign ? size : 0;
-    _pendingBytes = _bytes.size() - _sent;
-}
-
-void OutgoingQueue::Drain()
-{
-    const std::lock_guard lock(_mutex);
-    if (!_runs.empty())
-    {
-        SendPending();
-    }
+    _kept[kind] += size;
 }
 
 void OutgoingQueue::Drop(std::size_t size)
 {
     constexpr std::size_t smallBytes = 64 * 1024;
     _sent += size;
-    while (size > 0)
+    auto run = _runs.begin();
+    for (; run != _runs.end() && run->size <= size; ++run)
     {
-        Run& run = _runs.front();
-        const std::size_t part = std::min(size, run.size);
-        run.size -= part;
-        size -= part;
-        _foreignBytes -= run.isForeign ? part : 0;
-        if (run.size == 0)
-        {
-            _runs.erase(_runs.begin());
-        }
+        size -= run->size;
+        _kept[run->kind] -= run->size;
+    }
+    _runs.erase(_runs.begin(), run);
+    if (size > 0)
+    {
+        _runs.front().size -= size;
+        _kept[_runs.front().kind] -= size;
     }
     if (_runs.empty())
     {
@@ -180,24 +208,23 @@ void OutgoingQueue::Drop(std::size_t size)
         _bytes.erase(0, _sent);
         _sent = 0;
     }
-    _pendingBytes = _bytes.size() - _sent;
 }
 
 void OutgoingQueue::Break(const std::string& reason)
 {
-    const std::lock_guard lock(_mutex);
+    const PlainLock lock(_mutex);
     BreakLocked(reason);
 }
 
 void OutgoingQueue::BreakLocked(const std::string& reason)
 {
-    if (!_isBroken)
+    if (_state != Broken)
     {
-        _isBroken = true;
+        _state = Broken;
         std::string().swap(_bytes);
         _runs.clear();
         _sent = 0;
-        _pendingBytes = 0;
+        _refusedBytes = 0;
         _socket.Close();  // wakes its thread
         _reason = reason;
     }
@@ -205,7 +232,7 @@ void OutgoingQueue::BreakLocked(const std::string& reason)
 
 std::string OutgoingQueue::GetReason() const
 {
-    const std::lock_guard lock(_mutex);
+    const PlainLock lock(_mutex);
     return _reason;
 }
 

@@ -1,38 +1,63 @@
 #pragma once
 // What a client's socket does not take at once.
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "PlainMutex.h"
 #include "korlo/osa/TcpSocket.h"
 
 namespace korlo::daemon
 {
 
-class NotificationRound;
+class OutgoingQueue;
 
-/// The way out of one connection. Nobody who sends ever waits for the socket: what it does not take at once is kept
-/// here, until the connection's own thread sends it as room appears.
+/// Sends later what is left in queues now.
 ///
-/// What other threads send, the notifications, may fill the queue up to a limit; beyond it the connection is broken.
-/// What the connection's own thread sends does not count: that thread sees the queue and holds itself back.
+/// Thread safety: called on any thread, with the lock of the queue held.
+class IQueueCollector
+{
+public:
+    virtual ~IQueueCollector() = default;
+
+    /// @return true when somebody is going to call SendGathered of the queue; false when its bytes must leave at once.
+    virtual bool Collect(OutgoingQueue& queue) = 0;
+};
+
+/// The way out of one connection. Nobody who sends ever waits for the socket: what it refuses is kept here, until the
+/// connection's own thread sends it as room appears. Notifications, which are what other threads send, are gathered
+/// where a collector takes care of the queue, so that many leave in one system call.
 ///
-/// A thread that has a NotificationRound leaves its bytes here and sends them, with what has come to them, at the end
-/// of its round.
+///     state      entered when                                 who sends what is kept                          next
+///     ---------  -------------------------------------------  ----------------------------------------------
+///     ----------- Empty      all was sent                                 - any Gathering  a notification came, and
+///     the collector has   SendGathered, the next message of the own       Empty, or
+///                taken the queue                              thread, or the notification that makes it       Refused
+///                                                             more than 64 KiB
+///     Refused    the socket did not take all it was offered   the own thread, by Drain                        Empty
+///     Broken     the connection was lost or ended, memory     nobody, ever                                    -
+///                ran out, or the client does not read
 ///
-/// Thread safety: all methods, from any thread, but Adopt and Drain, which belong to the connection's own. The socket
-/// may go once the queue is broken, whoever still holds the queue.
+/// A client does not read when more notifications than the limit are kept in Refused, and the socket refuses them once
+/// more when the next one comes. What is gathered was not refused and does not count; nor do messages of the own
+/// thread, which sees the queue and holds itself back. A notification that is larger than the limit by itself counts as
+/// one: the next such is too many. So a queue holds the limit, the largest notification and 64 KiB at most.
+///
+/// Thread safety: all methods, from any thread, but Adopt and Drain, which belong to the connection's own. The mutex is
+/// held for no wait; the collector's is taken inside it. The socket may go once the queue is broken, whoever still
+/// holds the queue.
 class OutgoingQueue : public std::enable_shared_from_this<OutgoingQueue>
 {
 public:
     /// @param socket borrowed, connected.
-    /// @param maxBacklog the most bytes of other threads that may wait.
-    OutgoingQueue(osa::TcpSocket& socket, std::size_t maxBacklog);
+    /// @param maxBacklog the most bytes of notifications that the socket may have refused.
+    /// @param collector borrowed; a queue that it takes must be owned by a std::shared_ptr.
+    OutgoingQueue(osa::TcpSocket& socket, std::size_t maxBacklog, IQueueCollector& collector);
     OutgoingQueue(const OutgoingQueue&) = delete;
     OutgoingQueue& operator=(const OutgoingQueue&) = delete;
     ~OutgoingQueue() = default;
@@ -40,59 +65,79 @@ public:
     /// Makes the calling thread the connection's own. Before any other thread sends.
     void Adopt() { _ownThread = std::this_thread::get_id(); }
 
-    /// Sends the bytes, behind those that wait already, in one system call when the socket takes them all; keeps the
+    /// Sends one message, behind those that wait already, in one system call when the socket takes them all; keeps the
     /// rest. False when the connection is broken.
-    bool Send(const char* bytes, std::size_t size);
+    bool Send(const char* bytes, std::size_t size) KORLO_EXCLUDES(_mutex);
 
-    /// Sends what waits, as far as the socket takes it without waiting.
-    void Drain();
+    /// Offers the socket what it refused before.
+    void Drain() KORLO_EXCLUDES(_mutex);
 
-    /// The same at the end of another thread's round.
-    void SendGathered();
+    /// Offers the socket what was gathered.
+    void SendGathered() KORLO_EXCLUDES(_mutex);
 
-    std::size_t GetPendingBytes() const { return _pendingBytes.load(std::memory_order_acquire); }
+    /// How much the socket has refused.
+    std::size_t GetRefusedBytes() const { return _refusedBytes.load(std::memory_order_acquire); }
 
     /// Ends the connection, at once and in both directions; nothing more is sent. The first reason counts.
     /// @param reason for the log; empty when nothing needs to be said.
-    void Break(const std::string& reason);
+    void Break(const std::string& reason) KORLO_EXCLUDES(_mutex);
 
-    bool IsBroken() const { return _isBroken.load(std::memory_order_acquire); }
-    std::string GetReason() const;
+    bool IsBroken() const { return _state.load(std::memory_order_acquire) == Broken; }
+    std::string GetReason() const KORLO_EXCLUDES(_mutex);
 
 private:
-    /// A run of bytes in the queue.
+    enum State
+    {
+        Empty,
+        Gathering,
+        Refused,
+        Broken
+    };
+
+    enum Kind : std::size_t
+    {
+        Own,
+        Notification,
+        LargeNotification,
+        Kinds
+    };
+
+    /// Bytes of one kind in the queue.
     struct Run
     {
         std::size_t size;
-        bool isForeign;  // of other threads
+        Kind kind;
     };
 
-    template <typename Step>
-    void Guarded(Step step);
     bool IsOwnThread() const { return std::this_thread::get_id() == _ownThread; }
-    std::size_t SendNow(const char* bytes, std::size_t size);
-    void SendPending();
-    void SendOrKeep(const char* bytes, std::size_t size);
-    void Gather(NotificationRound& round, const char* bytes, std::size_t size);
-    void Keep(const char* bytes, std::size_t size);
-    void Drop(std::size_t size);
-    void BreakLocked(const std::string& reason);
+    Kind KindOf(std::size_t size) const;
+    bool Fits(Kind kind, std::size_t size) const KORLO_REQUIRES(_mutex);
+    void Take(const char* bytes, std::size_t size) KORLO_REQUIRES(_mutex);
+    void LimitBacklog(Kind kind, std::size_t size) KORLO_REQUIRES(_mutex);
+    bool IsGathered(Kind kind, std::size_t size) KORLO_REQUIRES(_mutex);
+    std::size_t SendNow(const char* bytes, std::size_t size) KORLO_REQUIRES(_mutex);
+    void Offer() KORLO_REQUIRES(_mutex);
+    void Settle() KORLO_REQUIRES(_mutex);
+    void Keep(const char* bytes, std::size_t size, Kind kind) KORLO_REQUIRES(_mutex);
+    void Drop(std::size_t size) KORLO_REQUIRES(_mutex);
+    void WakeOwnThread() KORLO_REQUIRES(_mutex);
+    void BreakLocked(const std::string& reason) KORLO_REQUIRES(_mutex);
 
     osa::TcpSocket& _socket;
     const std::size_t _maxBacklog;
+    IQueueCollector& _collector;
     std::thread::id _ownThread;
 
-    std::atomic<std::size_t> _pendingBytes = 0;  // changes under _mutex
-    std::atomic<bool> _isBroken = false;         // changes under _mutex
+    std::atomic<std::size_t> _refusedBytes = 0;  // changes under _mutex
+    std::atomic<State> _state = Empty;           // changes under _mutex
 
-    mutable std::mutex _mutex;  // guards the rest; nobody waits for a socket while holding it
-    std::string _bytes;         // those before _sent are gone already
-    std::size_t _sent = 0;
-    std::vector<Run> _runs;  // of the bytes that wait, in order
-    std::size_t _foreignBytes = 0;
-    bool _waitsForRoom = false;  // what waits does so because the socket did not take it
-    bool _isInRound = false;     // some thread will call SendGathered
-    std::string _reason;
+    mutable PlainMutex _mutex;
+    std::string _bytes KORLO_GUARDED_BY(_mutex);  // those before _sent are gone already
+    std::size_t _sent KORLO_GUARDED_BY(_mutex) = 0;
+    std::vector<Run> _runs KORLO_GUARDED_BY(_mutex);                     // of the bytes that are kept, in order
+    std::array<std::size_t, Kinds> _kept KORLO_GUARDED_BY(_mutex) = {};  // the sum of the runs of each kind
+    bool _isCollected KORLO_GUARDED_BY(_mutex) = false;                  // somebody will call SendGathered
+    std::string _reason KORLO_GUARDED_BY(_mutex);
 };
 
 }  // namespace korlo::daemon

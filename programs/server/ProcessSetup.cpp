@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <csignal>
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
 #include "korlo/core/Logger.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
 {
@@ -20,6 +22,36 @@ sigset_t EndingSignals()
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     return signals;
+}
+
+rlim_t CountOpenFiles()
+{
+    constexpr int highest = 1024;  // what a process inherits is numbered from below
+    rlim_t count = 0;
+    for (int descriptor = 0; descriptor < highest; ++descriptor)
+    {
+        count += ::fcntl(descriptor, F_GETFD) >= 0 ? 1 : 0;
+    }
+    return count;
+}
+
+/// How many open files are allowed, once so many were asked for.
+rlim_t RaiseOpenFiles(rlim_t needed)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur >= needed)
+    {
+        return limit.rlim_cur;
+    }
+    const rlimit raised{needed, std::max(limit.rlim_max, needed)};
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0)
+    {
+        return needed;
+    }
+    limit.rlim_cur = limit.rlim_max;  // without privileges, this far and no further
+    setrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur;
 }
 
 }  // namespace
@@ -51,30 +83,28 @@ void ConfigureMemory()
 #endif
 }
 
-void AllowClients(unsigned int maxClients)
+unsigned int AllowClients(unsigned int maxClients)
 {
-    constexpr rlim_t own = 64;          // for everything but clients
+    constexpr rlim_t keptBack = 24;     // for doors, saves, the files of a restore, and clients on their way in or out
     constexpr rlim_t ofEachClient = 2;  // its socket, and the event that wakes its thread
+    const rlim_t own = CountOpenFiles() + keptBack;
     const rlim_t needed = own + ofEachClient * maxClients;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur >= needed)
+    const rlim_t allowed = RaiseOpenFiles(needed);
+    if (allowed >= needed)
     {
-        return;
+        return maxClients;
     }
-    rlimit raised{needed, std::max(limit.rlim_max, needed)};
-    if (setrlimit(RLIMIT_NOFILE, &raised) == 0)
+    if (allowed < own + ofEachClient)
     {
-        return;
+        throw osa::Exception("%llu open files are allowed, the server and one client need %llu: raise the limit",
+                             static_cast<unsigned long long>(allowed),
+                             static_cast<unsigned long long>(own + ofEachClient));
     }
-    limit.rlim_cur = limit.rlim_max;  // without privileges, this far and no further
-    setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_max < needed)
-    {
-        core::Logger::GetLogger("SettingsServer")
-            ->Warning("%u clients need %llu open files, %llu are allowed", maxClients,
-                      static_cast<unsigned long long>(needed), static_cast<unsigned long long>(limit.rlim_max));
-    }
+    const auto clients = static_cast<unsigned int>((allowed - own) / ofEachClient);
+    core::Logger::GetLogger("SettingsServer")
+        ->Warning("%u clients need %llu open files, %llu are allowed: more than %u are refused", maxClients,
+                  static_cast<unsigned long long>(needed), static_cast<unsigned long long>(allowed), clients);
+    return clients;
 }
 
 }  // namespace korlo::daemon

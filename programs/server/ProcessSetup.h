@@ -13,7 +13,10 @@ void WaitForEnd();
 /// Keeps the memory that many threads share small: few heaps, and what is free goes back to the system.
 void ConfigureMemory();
 
-/// Allows as many open files as so many clients need; a warning is logged where the system refuses.
-void AllowClients(unsigned int maxClients);
+/// Allows as many open files as so many clients need. Where the system refuses, that is a warning, and fewer clients
+/// have to do: what the server needs itself, to save above all, is kept back. Before anything is opened.
+/// @return how many clients may be let in.
+/// @throws osa::Exception when there is not enough for one.
+unsigned int AllowClients(unsigned int maxClients);
 
 }  // namespace korlo::daemon

@@ -144,6 +144,7 @@ ServerOptions ParseOptions(int argc, const char* const* argv)
     {
         Refuse(error.what());
     }
+    options.limits.savesAtOnce = options.saveDelayMs == 0;
     return options;
 }
 

@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -34,13 +33,6 @@ void Write(int descriptor, const std::string& text)
 {
     // Nobody has to listen.
     static_cast<void>(::write(descriptor, text.data(), text.size()) < 0);
-}
-
-std::string UserLayerOf(const settings::server::SettingsManager& store)
-{
-    std::ostringstream text;
-    store.DumpUserSettings(text);
-    return std::move(text).str();
 }
 
 /// Where the user layer is kept; empty for nowhere, on a machine that was not set up for the server.
@@ -99,11 +91,11 @@ int RunServer(int argc, const char* const* argv)
 {
     try
     {
-        const ServerOptions options = ParseOptions(argc, argv);
+        ServerOptions options = ParseOptions(argc, argv);
         ConfigureMemory();
         TakeOverSignals();
         core::Logger::SetLevel(options.logLevel);
-        AllowClients(options.limits.maxClients);
+        options.limits.maxClients = AllowClients(options.limits.maxClients);
         return Run(options);
     }
     catch (const EarlyExit& exit)

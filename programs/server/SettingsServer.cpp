@@ -40,20 +40,22 @@ void SettingsServer::Stop()
     _listener.Close();
     _acceptThread.Join();
 
-    std::unique_lock lock(_mutex);
+    Connections ended;  // destroyed after the lock is released: the last to end may still hold it
+    const PlainLock lock(_mutex);
     for (const std::unique_ptr<ClientConnection>& pConnection : _running)
     {
         pConnection->Stop();
     }
-    _lastEnded.wait(lock, [this] { return _running.empty(); });
-    Connections ended;
+    while (!_running.empty())
+    {
+        _lastEnded.wait(_mutex);
+    }
     ended.swap(_ended);
-    lock.unlock();  // the last to end may still hold it
 }
 
 bool SettingsServer::IsHealthy() const
 {
-    const std::lock_guard lock(_mutex);
+    const PlainLock lock(_mutex);
     return _isHealthy;
 }
 
@@ -67,7 +69,7 @@ void SettingsServer::Run()
     {
         _pLogger->Error("%s", exception.what());
         {
-            const std::lock_guard lock(_mutex);
+            const PlainLock lock(_mutex);
             _isHealthy = false;
         }
         ::kill(::getpid(), SIGTERM);
@@ -92,7 +94,7 @@ void SettingsServer::AcceptClients()
 
 void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket)
 {
-    const std::lock_guard lock(_mutex);
+    const PlainLock lock(_mutex);
     if (_running.size() >= _limits.maxClients)
     {
         _pLogger->Warning("Client '%s' is refused: %u clients are connected already", pSocket->GetPeerAddress().c_str(),
@@ -100,7 +102,7 @@ void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket)
         return;
     }
     IConnectionOwner& owner = *this;
-    _running.push_back(std::make_unique<ClientConnection>(std::move(pSocket), _env, _limits, owner));
+    _running.push_back(std::make_unique<ClientConnection>(std::move(pSocket), _env, _limits, _gathered, owner));
     try
     {
         _running.back()->Start();
@@ -115,7 +117,7 @@ void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket)
 void SettingsServer::OnConnectionEnded(ClientConnection& connection)
 {
     Connections ended;  // destroyed, which waits for its thread, after the lock is released
-    const std::lock_guard lock(_mutex);
+    const PlainLock lock(_mutex);
     const auto place = std::find_if(_running.begin(), _running.end(),
                                     [&](const auto& pConnection) { return pConnection.get() == &connection; });
     ended.swap(_ended);

@@ -4,10 +4,11 @@
 #include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "ClientConnection.h"
+#include "NotificationRound.h"
+#include "PlainMutex.h"
 #include "ServerLimits.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpListener.h"
@@ -39,7 +40,8 @@ public:
     /// Begins to accept clients.
     void Start();
 
-    /// Accepts nobody any more, breaks every connection, and returns once the last thread has ended.
+    /// Accepts nobody any more, lets every connection end (see ClientConnection::Stop), and returns once the last
+    /// thread has ended.
     void Stop() override;
 
     /// False when accepting has failed for good; SIGTERM was then sent to the process.
@@ -59,11 +61,13 @@ private:
     core::Logger* const _pLogger;  // not owned
     osa::TcpListener _listener;
 
-    mutable std::mutex _mutex;  // guards the rest but the thread
-    std::condition_variable _lastEnded;
-    Connections _running;
-    Connections _ended;  // at most one: each that ends takes the one before it away
-    bool _isHealthy = true;
+    GatheredQueues _gathered;  // outlives the connections
+
+    mutable PlainMutex _mutex;
+    std::condition_variable_any _lastEnded;
+    Connections _running KORLO_GUARDED_BY(_mutex);
+    Connections _ended KORLO_GUARDED_BY(_mutex);  // at most one: each that ends takes the one before it away
+    bool _isHealthy KORLO_GUARDED_BY(_mutex) = true;
 
     osa::Thread _acceptThread;  // last
 };

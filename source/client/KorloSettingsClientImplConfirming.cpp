@@ -3,7 +3,6 @@
 #include <array>
 #include <exception>
 #include <string_view>
-#include <system_error>
 
 #include "client/KorloSettingsTcpConnection.h"
 #include "client/RemoteCommands.h"
@@ -75,7 +74,7 @@ void KorloSettingsClientImplConfirming::RunCommand(const char* name, RemoteComma
         NoteConnection(!IsConnected);
         const bool isRead = command.GetResponseKeyword() == common::word::Data;
         throw osa::Exception("'%s' failed with the settings server at '%s': %s%s", name, _server.c_str(),
-                             exception.what(), isRead ? "" : "; the change may have been made or not");
+                             exception.what(), isRead ? "" : "; a change may or may not be made");
     }
 }
 
@@ -103,7 +102,7 @@ void KorloSettingsClientImplConfirming::ReadResponse(RemoteCommand& command) con
     in.getline(line.data(), line.size());
     if (std::string_view(line.data()) != command.GetResponseKeyword() && !in.eof())
     {
-        throw osa::Exception("what it answers is no settings protocol; is it a settings server?");
+        throw osa::Exception("something else than a settings server seems to answer there");
     }
     CheckStreams();
     command.HandleResponse(in);
@@ -127,7 +126,7 @@ void KorloSettingsClientImplConfirming::CheckStreams() const
         throw osa::Exception("there was no answer for %u milliseconds", _limits.answerMs);
     }
     throw osa::Exception("it ended the connection (%s)", probe.status == osa::TcpSocket::Failed
-                                                             ? std::generic_category().message(probe.error).c_str()
+                                                             ? osa::SystemReason(probe.error).c_str()
                                                              : "without an answer");
 }
 

@@ -119,10 +119,7 @@ void CallbackDispatcher::AddCallback(IChangeCallback* pCallback, const GroupName
 
 void CallbackDispatcher::Add(IChangeCallback* pCallback, GroupNameMatcher&& asked)
 {
-    if (pCallback == nullptr)
-    {
-        throw osa::Exception("%s was NULL", "callback");
-    }
+    osa::NotNull(pCallback, "callback");
     const osa::MutexAutoLock lock(&_mutex);
     const auto known = _subscriptions.find(pCallback);
     Index counts;

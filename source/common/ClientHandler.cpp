@@ -109,6 +109,11 @@ private:
 ClientHandler::MsgDispatcher* ClientHandler::MsgDispatcher::s_pInstance = nullptr;
 
 ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut)
+    : ClientHandler(pEnv, pIn, pOut, nullptr)
+{
+}
+
+ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate)
     : _pLogger(core::Logger::GetLogger("ClientHandler")),
       _quit(false),
       _pIn(pIn),
@@ -116,7 +121,8 @@ ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* p
       _pOut(pOut),
       _pSettingsManager(pEnv->pSettingsManager),
       _pSerializationManager(pEnv->pSerializationManager),
-      _pSerializer(_pSerializationManager->GetSerializer("ini"))
+      _pSerializer(_pSerializationManager->GetSerializer("ini")),
+      _pGate(pGate)
 {
     common::Assert(_pSerializer != nullptr, "_pSerializer != __null", Source);
     _message.exceptions(std::ios::badbit);  // else a stream that is out of memory drops the rest without a word
@@ -129,24 +135,10 @@ ClientHandler::~ClientHandler()
 
 void ClientHandler::Run()
 {
-    ServeRequests(nullptr);
-}
-
-void ClientHandler::Run(IRequestGate& gate)
-{
-    ServeRequests(&gate);
-}
-
-void ClientHandler::ServeRequests(IRequestGate* pGate)
-{
     std::string line;
     std::istringstream words;  // one for all requests: making a stream costs more than reading a command line
-    while (!_quit)
+    while (!_quit && (_pGate == nullptr || _pGate->BeforeRequest()))
     {
-        if (pGate != nullptr)
-        {
-            pGate->BeforeRequest();
-        }
         if (!std::getline(*_pIn, line) || !RequestIsWhole())
         {
             break;
@@ -166,6 +158,14 @@ void ClientHandler::ServeRequests(IRequestGate* pGate)
 void ClientHandler::Unsubscribe()
 {
     _pSettingsManager->Unsubscribe(this);
+}
+
+void ClientHandler::BeforeStore(RequestKind kind)
+{
+    if (_pGate != nullptr)
+    {
+        _pGate->BeforeStore(kind);
+    }
 }
 
 /// Hands the gathered response to the client's stream. The store, which wrote it, must not wait for that.
@@ -203,6 +203,7 @@ void ClientHandler::Quit(std::istream&)
 
 void ClientHandler::Dump(std::istream& options)
 {
+    BeforeStore(RequestKind::Read);
     const osa::MutexAutoLock lock(&_outputMutex);
     TakeWord(options) == word::All ? _pSettingsManager->DumpAllSettings(_message)
                                    : _pSettingsManager->DumpUserSettings(_message);
@@ -218,6 +219,7 @@ void ClientHandler::Merge(std::istream& options)
     serializer.OnDeserialize(*_pIn, changes);
     if (RequestIsWhole())
     {
+        BeforeStore(persist ? RequestKind::PersistentChange : RequestKind::Change);
         _pSettingsManager->MergeSettings(changes, persist ? 0 : SettingsManager::DoNotPersist);
     }
 }
@@ -233,6 +235,7 @@ void ClientHandler::TestAndMerge(std::istream&)
     {
         return;
     }
+    BeforeStore(RequestKind::PersistentChange);
     // The mutex comes after the change, whose notification may have to be written by this very handler.
     const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
     const osa::MutexAutoLock lock(&_outputMutex);
@@ -246,10 +249,7 @@ void ClientHandler::Subscribe(std::istream&)
     common::readDelimitedValues(_pIn, std::inserter(groups, groups.end()));
     if (RequestIsWhole() && !groups.empty())
     {
-        for (const std::string& group : groups)
-        {
-            _subscribedBytes += _subscribed.insert(group).second ? group.size() + 1 : 0;
-        }
+        BeforeStore(RequestKind::Subscription);
         _pSettingsManager->Subscribe(this, groups);
     }
 }
@@ -264,6 +264,7 @@ void ClientHandler::GetSections(std::istream& options)
     {
         return;
     }
+    BeforeStore(RequestKind::Read);
     const osa::MutexAutoLock lock(&_outputMutex);
     if (delimited)
     {
@@ -289,6 +290,7 @@ void ClientHandler::Overwrite(std::istream&)
     serializer.OnDeserialize(*_pIn, replacement);
     if (RequestIsWhole())
     {
+        BeforeStore(RequestKind::PersistentChange);
         _pSettingsManager->OverwriteSettings(groups, replacement);
     }
 }
@@ -309,6 +311,7 @@ void ClientHandler::RestoreDefaults(std::istream&)
     common::readDelimitedValues(_pIn, common::GroupNameMatcherInsertIterator(&matcher));
     if (RequestIsWhole())
     {
+        BeforeStore(RequestKind::Restore);
         _pSettingsManager->RestoreToDefaults(matcher);
     }
 }
@@ -319,6 +322,7 @@ void ClientHandler::Info(std::istream& options)
     {
         return;
     }
+    BeforeStore(RequestKind::Read);
     // Before the output mutex: a dispatcher that is calling this handler holds its own mutex and waits for this one.
     GroupNameCollection groups;
     _pSettingsManager->GetAllSubscribedGroups(groups);

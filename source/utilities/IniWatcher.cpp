@@ -24,18 +24,10 @@ class IniWatcher::IniWatcherImpl final : public IChangeCallback
 public:
     IniWatcherImpl(KorloSettingsClient* pClient, IniFile* pTargetIni)
         : _pLogger(core::Logger::GetLogger("IniWatcher")),
-          _pClient(pClient),
+          _pClient(osa::NotNull(pClient, "client")),
           _pendingMutex(nullptr),
-          _pTarget(pTargetIni)
+          _pTarget(osa::NotNull(pTargetIni, "targetIni"))
     {
-        if (pClient == nullptr)
-        {
-            throw osa::Exception("%s was NULL", "client");
-        }
-        if (pTargetIni == nullptr)
-        {
-            throw osa::Exception("%s was NULL", "targetIni");
-        }
     }
 
     ~IniWatcherImpl() override { _pClient->UnSubscribe(this); }

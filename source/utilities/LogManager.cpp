@@ -28,16 +28,6 @@ void SetDefaults(IniFile& settings, const std::string& group)
     settings.SetInt(group, LevelKey, DefaultLevel);
 }
 
-template <typename T>
-T* NotNull(T* pointer, const char* what)
-{
-    if (pointer == nullptr)
-    {
-        throw osa::Exception("%s was NULL", what);
-    }
-    return pointer;
-}
-
 }  // namespace
 
 /// Thread safety: as LogManager.
@@ -46,8 +36,8 @@ class LogManager::ChangeCallback final : public IChangeCallback
 public:
     ChangeCallback(KorloSettingsClient* pClient, const char* group)
         : _pLogger(Logger::GetLogger("LogManager")),
-          _pClient(NotNull(pClient, "client")),
-          _group(NotNull(group, "group"))
+          _pClient(osa::NotNull(pClient, "client")),
+          _group(osa::NotNull(group, "group"))
     {
         IniFile current;
         _pClient->GetSettings(_group, current);

@@ -60,13 +60,7 @@ std::optional<int> UnitsOfShare(double share, int available)
 class ResourceManager::ResourceManagerImpl
 {
 public:
-    explicit ResourceManagerImpl(KorloSettingsClient* pClient) : _pClient(pClient)
-    {
-        if (pClient == nullptr)
-        {
-            throw osa::Exception("%s was NULL", "client");
-        }
-    }
+    explicit ResourceManagerImpl(KorloSettingsClient* pClient) : _pClient(osa::NotNull(pClient, "client")) {}
 
     /// Replaces the cache as a whole or, if anything throws, not at all: an empty one would stand for the default
     /// totals and for resources that everybody may use.

@@ -55,12 +55,8 @@ class SettingsWatcher::Setting : public SettingsWatcher::SettingBase
 public:
     Setting(const std::string& group, const std::string& key, T* pVariable)
         : SettingBase(group, key),
-          _pVariable(pVariable)
+          _pVariable(osa::NotNull(pVariable, "variable"))
     {
-        if (pVariable == nullptr)
-        {
-            throw osa::Exception("%s was NULL", "variable");
-        }
     }
 
     void ReadSetting(const IniFile& ini) override { Read(ini, _group, _key, *_pVariable); }

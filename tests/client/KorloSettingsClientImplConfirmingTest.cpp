@@ -33,7 +33,7 @@ using Client = KorloSettingsClientImplConfirming;
 
 constexpr const char* ReadOfNothing = "get delimited\n.\n";
 constexpr const char* Nothing = "data\n.\n";
-constexpr const char* Doubt = "; the change may have been made or not";
+constexpr const char* Doubt = "; a change may or may not be made";
 constexpr ConfirmingLimits Impatient{5000, 50, 50};
 
 /// A client whose server is played by the test.
@@ -174,14 +174,13 @@ TEST_F(KorloSettingsClientImplConfirmingTest, WhatIsNoSettingsServerIsSeenAtOnce
     {
         SCOPED_TRACE(nonsense);
         Connect();
-        EXPECT_THAT(
-            Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, nonsense),
-            AllOf(HasSubstr("at '" + address + "': what it answers is no settings protocol"), HasSubstr(Doubt)));
+        EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, nonsense),
+                    AllOf(HasSubstr("at '" + address + "': something else than a settings server"), HasSubstr(Doubt)));
         ExpectThatEveryCallFails();
     }
     Connect();
     EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, std::string(1000000, 'x')),
-                HasSubstr("what it answers is no settings protocol"))
+                HasSubstr("something else than a settings server"))
         << "a line without an end";
 }
 

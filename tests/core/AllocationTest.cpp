@@ -13,6 +13,7 @@
 
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
+#include "korlo/stl/TextStream.h"
 #include "support/Heap.h"
 
 namespace korlo::core
@@ -279,6 +280,43 @@ TEST(AllocationTest, ALoadThatRunsOutOfMemoryLeavesAValidDocument)
     const auto load = [&text](IniFile& ini) { ini.LoadFromString(text); };
     FailEachAllocation(MakeMixedDocument(OldValue), change, load);
     FailEachAllocation(IniFile(), change, load);
+}
+
+TEST(AllocationTest, ATextThatRunsOutOfMemoryIsNotCutUnnoticed)
+{
+    const IniFile document = MakeDocument(MakeBareMap(50, 12));
+    std::ostringstream whole;
+    document.SaveToStream(whole);
+    bool hasFailed = true;
+    for (long long allocation = 0; hasFailed; ++allocation)
+    {
+        std::string text;
+        heap.failAfter = allocation;
+        try
+        {
+            stl::TextStream out;
+            document.SaveToStream(out);
+            text = std::move(out).str();
+        }
+        catch (const std::bad_alloc&)
+        {
+        }
+        hasFailed = heap.failAfter < 0;
+        heap.failAfter = -1;
+        ASSERT_TRUE(text == (hasFailed ? std::string() : whole.str())) << "allocation " << allocation;
+    }
+}
+
+TEST(AllocationTest, AMessageThatRunsOutOfMemoryEndsNothingButItself)
+{
+    const Logger* const pLogger = Logger::GetLogger("AllocationTest");
+    const std::string value(1000, 'x');
+    Logger::ClearAppenders();
+    heap.failAfter = 0;
+    EXPECT_NO_THROW(pLogger->Error("a value that fits no short text: %s", value.c_str()));
+    const bool hasFailed = heap.failAfter < 0;
+    heap.failAfter = -1;
+    EXPECT_TRUE(hasFailed);
 }
 
 TEST(AllocationTest, SettingAValueWithoutMemoryLeavesTheOldOneOrNone)

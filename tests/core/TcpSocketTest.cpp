@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -372,6 +373,35 @@ TEST(TcpSocketTest, DoesNotPassToProgramsThatThisProcessStarts)
             EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << descriptor;
         }
     }
+}
+
+unsigned short PortBy(int (*pName)(int, sockaddr*, socklen_t*), int descriptor)
+{
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    return pName(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0 ? ntohs(address.sin_port) : 0;
+}
+
+/// The times in which either end of the connection to `port` must take what was sent to it.
+std::vector<unsigned int> AcknowledgementLimits(unsigned short port)
+{
+    std::vector<unsigned int> limits;
+    for (int descriptor = 3; descriptor < 256; ++descriptor)
+    {
+        const unsigned short peerPort = PortBy(getpeername, descriptor);
+        if (peerPort == port || (peerPort != 0 && PortBy(getsockname, descriptor) == port))
+        {
+            socklen_t length = sizeof(unsigned int);
+            getsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &limits.emplace_back(), &length);
+        }
+    }
+    return limits;
+}
+
+TEST(TcpSocketTest, BothEndsGiveUpAPeerThatTakesNothingForTwoMinutes)
+{
+    TcpPair pair;
+    EXPECT_EQ(AcknowledgementLimits(pair.listener.GetPort()), (std::vector<unsigned int>{120'000, 120'000}));
 }
 
 TEST(TcpSocketTest, NamesAnIpv6PeerInBrackets)

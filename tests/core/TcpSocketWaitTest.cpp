@@ -52,6 +52,27 @@ TEST(TcpSocketWaitTest, AClosedConnectionIsReadyForEverything)
     EXPECT_EQ(pair.client.Wait(false, false, LimitMs), TcpSocket::Readable | TcpSocket::Writable);
 }
 
+TEST(TcpSocketWaitTest, EndReadingEndsAReadAndEveryWaitAndLetsBytesOut)
+{
+    TcpPair pair;
+    char byte = 0;
+    auto reading = std::async(std::launch::async, [&] { return pair.client.ReadSome(&byte, 1, Infinite).status; });
+    auto waiting = std::async(std::launch::async, [&] { return pair.pServer->Wait(false, false, LimitMs); });
+    pair.client.EndReading();
+    pair.pServer->EndReading();
+    EXPECT_EQ(reading.get(), TcpSocket::EndOfStream);
+    EXPECT_EQ(waiting.get(), TcpSocket::Woken);
+    EXPECT_EQ(pair.client.WriteAll("x", 1, LimitMs).status, TcpSocket::Done);
+}
+
+TEST(TcpSocketWaitTest, EndReadingEndsTheNextWaitToo)
+{
+    TcpPair pair;
+    pair.client.EndReading();
+    EXPECT_EQ(pair.client.Wait(false, false, LimitMs), TcpSocket::Woken);
+    EXPECT_EQ(pair.client.Wait(true, false, LimitMs), TcpSocket::Readable);
+}
+
 TEST(TcpSocketWaitTest, APeerThatHasSentItsLastIsReadableOnly)
 {
     TcpPair pair;

@@ -1,8 +1,7 @@
 // What a connection does where memory runs out, and what it keeps.
 
-#include <cstdint>
 #include <functional>
-#include <memory>
+#include <new>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -12,26 +11,14 @@
 
 #include "settings/server/ClientHandler.h"
 #include "support/ExchangeStore.h"
-#include "support/Heap.h"
+#include "support/ShortMemory.h"
 
 namespace korlo::settings::server
 {
 namespace
 {
 
-constexpr std::size_t LargeBytes = 1024 * 1024;
-
-/// Lets no block be larger than half of a large value, to the end of its scope.
-///
-/// Thread safety: none of its own; it lives and dies on one thread.
-class ShortMemory
-{
-public:
-    ShortMemory() { heap.largest = LargeBytes / 2; }
-    ShortMemory(const ShortMemory&) = delete;
-    ShortMemory& operator=(const ShortMemory&) = delete;
-    ~ShortMemory() { heap.largest = SIZE_MAX; }
-};
+constexpr std::size_t LargeBytes = 2 * ShortMemory::LargestBytes;
 
 /// A store with one large group.
 class ClientHandlerMemoryTest : public testing::Test
@@ -123,11 +110,12 @@ TEST_F(ClientHandlerMemoryTest, AConnectionThatWaitsKeepsNoLongCommandLine)
     constexpr std::size_t lineBytes = 15 * LargeBytes;
     constexpr std::size_t littleBytes = 64 * 1024;
     std::size_t whileWaiting = 0;
-    ObservedInput input("info " + std::string(lineBytes, 'x') + '\n', [&] { whileWaiting = heap.usableBytes; });
+    ObservedInput input("info " + std::string(lineBytes, 'x') + '\n',
+                        [&] { whileWaiting = ShortMemory::GetBytesInUse(); });
     std::istream in(&input);
     std::ostringstream out;
     ClientHandler handler(&store.env, &in, &out);
-    const std::size_t before = heap.usableBytes;
+    const std::size_t before = ShortMemory::GetBytesInUse();
     handler.Run();
     EXPECT_GT(whileWaiting, 0u);
     EXPECT_LT(whileWaiting, before + littleBytes);

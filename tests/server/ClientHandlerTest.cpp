@@ -151,14 +151,21 @@ TEST(ClientHandlerTest, NoBlockOfARequestThatIsCutOffIsCarriedOut)
     }
 }
 
-/// Says what happens before a request.
-struct FunctionGate : IRequestGate
+/// Notes the requests. Says what happens before one, and after which the connection ends.
+struct RecordingGate : IRequestGate
 {
-    explicit FunctionGate(std::function<void()> function) : before(std::move(function)) {}
+    bool BeforeRequest() override
+    {
+        before();
+        return requests++ < most;
+    }
 
-    void BeforeRequest() override { before(); }
+    void BeforeStore(RequestKind kind) override { kinds.push_back(kind); }
 
-    std::function<void()> before;
+    std::function<void()> before = [] {};
+    int most = 1000;
+    int requests = 0;
+    std::vector<RequestKind> kinds;
 };
 
 TEST(ClientHandlerTest, ASubscriptionThatIsCutOffIsNotMade)
@@ -171,8 +178,9 @@ TEST(ClientHandlerTest, ASubscriptionThatIsCutOffIsNotMade)
         std::istringstream in(request.substr(0, length));
         std::ostringstream out;
         // The end of the loop removes every subscription: so the change is made before it.
-        FunctionGate gate([&] { store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0); });
-        ClientHandler(&store.env, &in, &out).Run(gate);
+        RecordingGate gate;
+        gate.before = [&] { store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0); };
+        ClientHandler(&store.env, &in, &out, &gate).Run();
         EXPECT_EQ(out.str().empty(), length < request.size()) << out.str();
     }
 }
@@ -242,20 +250,6 @@ TEST(ClientHandlerTest, SubscriptionsEndWithTheConnection)
         EXPECT_EQ(out.str(), "");
         EXPECT_EQ(store.Serve("info subscribed\n"), "Subscribed groups\n-----------------\n\n");
     }
-}
-
-TEST(ClientHandlerTest, CountsWhatItIsSubscribedToOnceHoweverOftenItIsAsked)
-{
-    ExchangeStore store;
-    std::istringstream in("subscribe\nAudio\nNet/*\n.\nsubscribe\nAudio\n.\nsubscribe\n.\n");
-    std::ostringstream out;
-    ClientHandler handler(&store.env, &in, &out);
-    EXPECT_FALSE(handler.IsSubscribed());
-
-    handler.Run();
-
-    EXPECT_TRUE(handler.IsSubscribed());
-    EXPECT_EQ(handler.GetSubscribedBytes(), std::string("Audio\nNet/*\n").size());
 }
 
 TEST(ClientHandlerTest, AHandlerThatIsDestroyedIsSubscribedNoMore)
@@ -381,10 +375,67 @@ TEST(ClientHandlerTest, TheGateIsAskedBeforeEachRequest)
     ExchangeStore store;
     std::istringstream in("dump\nmerge\n[A]\nk=v\n.\nquit\n");
     std::ostringstream out;
-    int count = 0;
-    FunctionGate gate([&count] { ++count; });
-    ClientHandler(&store.env, &in, &out).Run(gate);
-    EXPECT_EQ(count, 3);
+    RecordingGate gate;
+    ClientHandler(&store.env, &in, &out, &gate).Run();
+    EXPECT_EQ(gate.requests, 3);
+}
+
+TEST(ClientHandlerTest, TheGateEndsTheConnectionBetweenTwoRequests)
+{
+    ExchangeStore store;
+    std::istringstream in("subscribe\n*\n.\nget\nAudio\n.\ndump all\n");
+    std::ostringstream out;
+    RecordingGate gate;
+    gate.most = 2;
+    ClientHandler handler(&store.env, &in, &out, &gate);
+    handler.Run();
+    EXPECT_EQ(out.str(), Audio);
+    std::string unread;
+    EXPECT_TRUE(std::getline(in, unread));
+    EXPECT_EQ(unread, "dump all");
+    store.manager.MergeSettings(Ini("[Audio]\nvolume=4\n"), 0);
+    EXPECT_EQ(out.str(), Audio) << "it is subscribed no more";
+}
+
+TEST(ClientHandlerTest, TheGateHearsWhatEachRequestDoesBeforeItIsDone)
+{
+    const std::vector<std::pair<const char*, RequestKind>> requests = {
+        {"merge\n[Audio]\nvolume=9\n.\n", RequestKind::PersistentChange},
+        {"merge nopersist\n[Audio]\nvolume=9\n.\n", RequestKind::Change},
+        {"test-and-merge\n.\n[Audio]\nvolume=4\n.\n", RequestKind::PersistentChange},
+        {"overwrite\nAudio\n.\n.\n", RequestKind::PersistentChange},
+        {"restore\nAudio\n.\n", RequestKind::Restore},
+        {"subscribe\nAudio\n.\n", RequestKind::Subscription},
+        {"get\nAudio\n.\n", RequestKind::Read},
+        {"dump\n", RequestKind::Read},
+        {"info subscribed\n", RequestKind::Read},
+    };
+    for (const auto& [request, kind] : requests)
+    {
+        SCOPED_TRACE(request);
+        ExchangeStore store;
+        std::istringstream in(std::string("quiet\nserialize ini\ninfo\nsubscribe\n.\n\n") + request);
+        std::ostringstream out;
+        RecordingGate gate;
+        const LogCapture log;
+        ClientHandler(&store.env, &in, &out, &gate).Run();
+        EXPECT_THAT(gate.kinds, ElementsAre(kind));
+    }
+}
+
+TEST(ClientHandlerTest, TheGateHearsNothingOfARequestThatIsCutOff)
+{
+    for (const char* request : {"merge\n[Audio]\n", "test-and-merge\n.\n", "overwrite\nA\n.\n", "restore\nA\n",
+                                "subscribe\nA\n", "get\nA\n", "dump"})
+    {
+        SCOPED_TRACE(request);
+        ExchangeStore store;
+        std::istringstream in(request);
+        std::ostringstream out;
+        RecordingGate gate;
+        ClientHandler(&store.env, &in, &out, &gate).Run();
+        EXPECT_THAT(gate.kinds, IsEmpty());
+    }
 }
 
 }  // namespace

@@ -24,9 +24,20 @@ class ServerProcess
 public:
     using Arguments = std::vector<std::string>;
 
+    /// A command line that ends as the one of Command does: for a server that something else starts.
+    struct WholeCommand
+    {
+        Arguments words;
+    };
+
     /// Returns once clients can connect; throws when the server ends instead.
     explicit ServerProcess(const Arguments& arguments, const ChildProcess::Variables& variables = {})
-        : _child(Command(arguments), variables)
+        : ServerProcess(WholeCommand{Command(arguments)}, variables)
+    {
+    }
+
+    explicit ServerProcess(const WholeCommand& command, const ChildProcess::Variables& variables = {})
+        : _child(command.words, variables)
     {
         const std::string announcement = "listening on 127.0.0.1:";
         _child.AwaitOutput("\n");

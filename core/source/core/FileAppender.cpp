@@ -1,7 +1,6 @@
 #include "core/FileAppender.h"
 
 #include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,8 +15,7 @@ namespace
 
 [[noreturn]] void Fail(const std::string& path, int error)
 {
-    throw osa::Exception("Failed to open log file '%s': %s", path.c_str(),
-                         std::generic_category().message(error).c_str());
+    throw osa::Exception("Failed to open log file '%s': %s", path.c_str(), osa::SystemReason(error).c_str());
 }
 
 int OpenLogFile(const std::string& path)

@@ -74,7 +74,7 @@ void IniFile::Clear()
 
 void IniFile::Load(const char* path)
 {
-    LoadFromText(ReadWholeFile(path), path);
+    LoadFromText(ReadWholeFile(osa::NotNull(path, "Path")), path);
 }
 
 void IniFile::LoadFromStream(std::istream& in)
@@ -148,7 +148,7 @@ void IniFile::SaveGroupToStream(std::ostream& out, const std::string& group) con
 
 std::vector<IniFile::BadLine> IniFile::FindBadLines(const char* path)
 {
-    const std::string text = ReadWholeFile(path);
+    const std::string text = ReadWholeFile(osa::NotNull(path, "Path"));
     BadLineCollector collector;
     IniParser(text, collector).Run();
     return collector.Take();

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "ControlEscape.h"
+
 namespace korlo::core
 {
 namespace
@@ -67,8 +69,7 @@ bool CopyPlain(std::string_view token, char sign, char* pTarget)
 /// The same question without the copy, for the rare token that is longer than the buffer.
 bool IsPlain(std::string_view token, char sign)
 {
-    return std::none_of(token.begin(), token.end(),
-                        [sign](char c) { return c == sign || c == '\x7F' || static_cast<unsigned char>(c) < 0x20; });
+    return std::none_of(token.begin(), token.end(), [sign](char c) { return c == sign || IsControl(c); });
 }
 
 /// A token that begins or ends so that reading would trim it or take it for a quoted one.
@@ -162,35 +163,16 @@ void IniWriter::AppendQuoted(std::string_view token)
 
 void IniWriter::AppendEscaped(char c)
 {
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    const auto byte = static_cast<unsigned char>(c);
-    switch (c)
+    if (IsControl(c))
     {
-    case '\\':
-        Append("\\\\");
-        break;
-    case '"':
-        Append("\\\"");
-        break;
-    case '\n':
-        Append("\\n");
-        break;
-    case '\r':
-        Append("\\r");
-        break;
-    case '\t':
-        Append("\\t");
-        break;
-    default:
-        if (byte >= 0x20 && byte != 0x7F)
-        {
-            Append(c);
-            break;
-        }
-        Append("\\x");
-        Append(digits[byte / 16]);
-        Append(digits[byte % 16]);
+        Append(ControlEscape(c, "0123456789ABCDEF").Get());
+        return;
     }
+    if (c == '\\' || c == '"')
+    {
+        Append('\\');
+    }
+    Append(c);
 }
 
 }  // namespace korlo::core

@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include "ControlEscape.h"
+
 namespace korlo::core
 {
 namespace
@@ -32,29 +34,15 @@ const char* NameOf(LogLevel level)
 
 void AppendEscaped(std::string& line, const std::string& text)
 {
-    constexpr const char* digits = "0123456789abcdef";
     for (const char character : text)
     {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7f)
+        if (IsControl(character))
+        {
+            line += ControlEscape(character, "0123456789abcdef").Get();
+        }
+        else
         {
             line += character;
-            continue;
-        }
-        line += '\\';
-        switch (character)
-        {
-        case '\n':
-            line += 'n';
-            break;
-        case '\r':
-            line += 'r';
-            break;
-        case '\t':
-            line += 't';
-            break;
-        default:
-            line += {'x', digits[byte >> 4], digits[byte & 15]};
         }
     }
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "ControlEscape.h"
 #include "korlo/osa/CrashSafeFile.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
@@ -73,8 +74,7 @@ std::string StanzaNameOf(const std::string& group)
 bool CanBeQuoted(const std::string& file)
 {
     const auto isTrap = [](char character) {
-        const auto byte = static_cast<unsigned char>(character);
-        return byte < 0x20 || byte == 0x7f || std::string_view("\"\\*?[]{}").find(character) != std::string_view::npos;
+        return IsControl(character) || std::string_view("\"\\*?[]{}").find(character) != std::string_view::npos;
     };
     return file.starts_with('/') && std::none_of(file.begin(), file.end(), isTrap);
 }

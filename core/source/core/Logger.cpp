@@ -1,6 +1,7 @@
 #include "korlo/core/Logger.h"
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "FormatText.h"
@@ -31,7 +32,14 @@ void Logger::ClearAppenders()
 void Logger::LogMessageV(LogLevel level, const char* format, va_list args) const
 {
     const int errorBefore = errno;
-    LogDispatcher::Instance().Dispatch(*this, level, FormatText(format, args));
+    try
+    {
+        LogDispatcher::Instance().Dispatch(*this, level, FormatText(format, args));
+    }
+    catch (const std::bad_alloc&)
+    {
+        // A message must not end the work that it tells of.
+    }
     errno = errorBefore;
 }
 

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include <unistd.h>
 
+#include "ReadWholeFile.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::osa
@@ -27,7 +27,7 @@ int Uninterrupted(Call call)
 
 [[noreturn]] void Fail(const char* operation, const std::string& path, int error)
 {
-    throw Exception("Failed to %s '%s': %s", operation, path.c_str(), std::generic_category().message(error).c_str());
+    throw Exception("Failed to %s '%s': %s", operation, path.c_str(), SystemReason(error).c_str());
 }
 
 /// Repeats an interrupted call; throws what else stands in its way.
@@ -72,25 +72,6 @@ int TakeNameBeside(const std::string& path, std::string& name, Take take)
         error = Uninterrupted([&] { return take(name); });
     }
     return error;
-}
-
-std::string ReadToEnd(IFileSystem& fileSystem, int file, const std::string& path)
-{
-    constexpr std::size_t step = 16384;
-    std::string content;
-    std::size_t length = 0;
-    std::size_t count = 0;
-    do
-    {
-        if (content.size() < length + step)
-        {
-            content.resize(content.size() * 2 + step);
-        }
-        Demand("read", path, [&] { return fileSystem.Read(file, &content[length], content.size() - length, count); });
-        length += count;
-    } while (count != 0);
-    content.resize(length);
-    return content;
 }
 
 }  // namespace
@@ -265,12 +246,12 @@ void CrashSafeFile::CheckReplaceable() const
 
 std::string CrashSafeFile::Read() const
 {
-    return ReadFile(_path);
+    return core::ReadWholeFile(_path, _fileSystem);
 }
 
 std::string CrashSafeFile::ReadPrevious() const
 {
-    return ReadFile(ResolveLinks() + '~');
+    return core::ReadWholeFile(ResolveLinks() + '~', _fileSystem);
 }
 
 bool CrashSafeFile::Exists() const
@@ -298,23 +279,6 @@ std::string CrashSafeFile::ResolveLinks() const
         path = target.starts_with('/') ? target : FolderOf(path).append("/").append(target);
     }
     Fail("follow the links of", _path, ELOOP);
-}
-
-std::string CrashSafeFile::ReadFile(const std::string& path) const
-{
-    int file = -1;
-    Demand("open", path, [&] { return _fileSystem.OpenForReading(path, file); });
-    try
-    {
-        std::string content = ReadToEnd(_fileSystem, file, path);
-        _fileSystem.Close(file);
-        return content;
-    }
-    catch (...)
-    {
-        _fileSystem.Close(file);
-        throw;
-    }
 }
 
 std::optional<FileStatus> CrashSafeFile::GetStatus(const std::string& path) const
@@ -354,11 +318,12 @@ void CrashSafeFile::Fill(NewFile& newFile, const std::string& content, const std
 
 void CrashSafeFile::KeepGeneration(const std::string& target, const FileStatus& status) const
 {
+    const std::string previous = target + '~';
     std::string link;
     const auto add = [&](const std::string& name) { return _fileSystem.Link(target, name); };
     if (TakeNameBeside(target, link, add) == 0)
     {
-        const int error = Uninterrupted([&] { return _fileSystem.Rename(link, target + '~'); });
+        const int error = Uninterrupted([&] { return _fileSystem.Rename(link, previous); });
         // Whatever became of it: a rename between two links to one file does nothing, and leaves both.
         Uninterrupted([&] { return _fileSystem.Unlink(link); });
         if (error != 0)
@@ -370,8 +335,8 @@ void CrashSafeFile::KeepGeneration(const std::string& target, const FileStatus& 
 
     // Not every file system has links, and not every process may make one to a file that it does not own.
     NewFile copy(_fileSystem, target, 0600);
-    Fill(copy, ReadFile(target), status);
-    copy.RenameTo(target + '~');
+    Fill(copy, core::ReadWholeFile(target, _fileSystem), status);
+    copy.RenameTo(previous);
 }
 
 }  // namespace korlo::osa

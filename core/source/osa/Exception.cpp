@@ -1,5 +1,7 @@
 #include "korlo/osa/Exception.h"
 
+#include <system_error>
+
 #include "FormatText.h"
 
 namespace korlo::osa
@@ -18,6 +20,11 @@ Exception::~Exception() = default;
 const char* Exception::what() const noexcept
 {
     return _text.c_str();
+}
+
+std::string SystemReason(int error)
+{
+    return std::generic_category().message(error);
 }
 
 LockException::LockException(const std::string& name, LockError error) : Exception("%s", name.c_str()), _error(error)

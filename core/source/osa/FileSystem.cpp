@@ -58,7 +58,8 @@ public:
         {
             return errno;
         }
-        status = {S_ISREG(found.st_mode), found.st_uid, found.st_gid, found.st_mode & 07777u};
+        status = {S_ISREG(found.st_mode), found.st_uid, found.st_gid, found.st_mode & 07777u,
+                  static_cast<std::size_t>(found.st_size)};
         return 0;
     }
 

@@ -82,10 +82,7 @@ namespace
 // Whether the lock was taken is known at run time only.
 Mutex* Take(Mutex* pMutex, unsigned int timeoutMs, bool throwOnTimeout) KORLO_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (pMutex == nullptr)
-    {
-        throw Exception("%s was NULL", "Mutex");
-    }
+    NotNull(pMutex, "Mutex");
     if (throwOnTimeout)
     {
         pMutex->Lock(timeoutMs);

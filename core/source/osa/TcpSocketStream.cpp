@@ -107,24 +107,9 @@ private:
     std::unique_ptr<char[]> _pOutput;  // the writer's
 };
 
-namespace
-{
-
-// cppcheck-suppress constParameter ; who gets the reference writes through it
-TcpSocket& NotNull(TcpSocket* pSocket)
-{
-    if (pSocket == nullptr)
-    {
-        throw Exception("%s was NULL", "Socket");
-    }
-    return *pSocket;
-}
-
-}  // namespace
-
 TcpSocketStream::TcpSocketStream(TcpSocket* pSocket, unsigned int timeoutMs)
     : std::iostream(nullptr),
-      _pBuffer(std::make_unique<Buffer>(NotNull(pSocket), timeoutMs)),
+      _pBuffer(std::make_unique<Buffer>(*NotNull(pSocket, "Socket"), timeoutMs)),
       _ostream(_pBuffer.get())
 {
     rdbuf(_pBuffer.get());  // which clears the bad flag that a stream without a buffer has

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
-#include <system_error>
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -39,11 +38,6 @@ constexpr std::size_t SanitizerBytes = 0;
 #endif
 
 constexpr std::size_t MaximumNameLength = 15;  // what the kernel keeps of a thread's name
-
-std::string Reason(int error)
-{
-    return std::generic_category().message(error);
-}
 
 /// The attributes of one new thread.
 class Attributes
@@ -86,7 +80,7 @@ void SetPriority(const Start& start)
     if (start.priority != 0 && setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) - start.priority) != 0)
     {
         core::Logger::GetLogger("Thread")->Warning("Failed to give thread '%s' the priority %d: %s", start.name.c_str(),
-                                                   start.priority, Reason(errno).c_str());
+                                                   start.priority, SystemReason(errno).c_str());
     }
 }
 
@@ -130,14 +124,10 @@ void Thread::CurrentThread::Sleep(unsigned int durationMs)
 
 Thread::Thread(const char* name, Runnable* pBody, unsigned int stackBytes, signed char priority)
     : _name(name == nullptr ? "" : name),
-      _pBody(pBody),
+      _pBody(NotNull(pBody, "Runnable")),
       _stackBytes(stackBytes),
       _priority(priority)
 {
-    if (pBody == nullptr)
-    {
-        throw Exception("%s was NULL", "Runnable");
-    }
 }
 
 // Looks at `_state` without the lock: nobody else may use the object any more.
@@ -169,7 +159,7 @@ void Thread::Run()
     }
     if (error != 0)
     {
-        throw Exception("Failed to start thread '%s': %s", _name.c_str(), Reason(error).c_str());
+        throw Exception("Failed to start thread '%s': %s", _name.c_str(), SystemReason(error).c_str());
     }
     static_cast<void>(pStart.release());  // the new thread owns it now
     _state = Started;

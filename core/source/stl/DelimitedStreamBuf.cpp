@@ -4,24 +4,9 @@
 
 namespace korlo::stl
 {
-namespace
-{
-
-template <typename T>
-T* NotNull(T* pointer, const char* what)
-{
-    if (pointer == nullptr)
-    {
-        throw osa::Exception("%s was NULL", what);
-    }
-    return pointer;
-}
-
-}  // namespace
-
 DelimitedStreamBuf::DelimitedStreamBuf(std::istream* pSource, const char* delimiter)
-    : _pSource(NotNull(pSource, "Source")),
-      _delimiter(NotNull(delimiter, "Delimiter"))
+    : _pSource(osa::NotNull(pSource, "Source")),
+      _delimiter(osa::NotNull(delimiter, "Delimiter"))
 {
 }
 

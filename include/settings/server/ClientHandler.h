@@ -2,7 +2,6 @@
 // The server's side of one connection of the settings protocol (docs/protocol.md).
 
 #include <atomic>
-#include <cstddef>
 #include <istream>
 #include <ostream>
 #include <sstream>
@@ -18,16 +17,31 @@
 namespace korlo::settings::server
 {
 
-/// Hears when a connection is about to read its next request.
+/// What a request does to the store, for an owner that prepares for it.
+enum class RequestKind
+{
+    Read,              ///< takes as long as what it writes is large
+    Change,            ///< of the settings in memory alone
+    PersistentChange,  ///< saves the user layer
+    Restore,           ///< reads the defaults anew, and saves the user layer
+    Subscription
+};
+
+/// Hears of the requests of a connection.
 ///
-/// Thread safety: called on the connection's thread.
+/// Thread safety: called on the connection's thread, without any lock held.
 class IRequestGate
 {
 public:
     virtual ~IRequestGate() = default;
 
-    /// May wait: so a client that asks for much and reads slowly is held back between its requests.
-    virtual void BeforeRequest() = 0;
+    /// The next request is about to be read. May wait: so a client that asks for much and reads slowly is held back
+    /// between its requests.
+    /// @return false to end the connection instead.
+    virtual bool BeforeRequest() = 0;
+
+    /// A request that uses the store has been read to its end, and is about to be carried out.
+    virtual void BeforeStore(RequestKind kind) = 0;
 };
 
 /// Reads commands from a connection, carries them out on the store, writes the responses, and pushes notifications
@@ -50,24 +64,17 @@ class ClientHandler : public IChangeCallback
 {
 public:
     /// @param pEnv copied.
+    /// @param pGate borrowed, may be null.
+    ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate);
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut);
     ClientHandler(const ClientHandler&) = delete;
     ClientHandler& operator=(const ClientHandler&) = delete;
     ~ClientHandler() override;
 
-    /// Serves the connection until the client quits, its input ends or `out` takes no more of a response; then the
-    /// client is unsubscribed. What the store or a serializer throws passes out, and ends the connection with it.
+    /// Serves the connection until the client quits, its input ends, the gate ends it or `out` takes no more of a
+    /// response; then the client is unsubscribed. What the store or a serializer throws passes out, and ends the
+    /// connection with it.
     void Run();
-
-    /// The same, with a gate before each request.
-    void Run(IRequestGate& gate);
-
-    /// True once the client has subscribed to anything: other threads may write to `out` from then on. For the thread
-    /// that runs Run.
-    bool IsSubscribed() const { return !_subscribed.empty(); }
-
-    /// How long a list of all that the client has subscribed to would be. For the thread that runs Run.
-    std::size_t GetSubscribedBytes() const { return _subscribedBytes; }
 
     /// Writes a notification with the current content of the groups; `settings` is not looked at. Groups that a group
     /// list cannot carry are left out.
@@ -90,7 +97,7 @@ public:
 private:
     class MsgDispatcher;
 
-    void ServeRequests(IRequestGate* pGate);
+    void BeforeStore(RequestKind kind);
     void SendMessage() KORLO_REQUIRES(_outputMutex);
     void Send(std::string_view text) KORLO_REQUIRES(_outputMutex);
     void Notify(const GroupNameCollection& groups);
@@ -107,8 +114,7 @@ private:
     SerializationManager* _pSerializationManager;        // borrowed
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
-    GroupNameCollection _subscribed;
-    std::size_t _subscribedBytes = 0;  // of `_subscribed`, as a group list; a name that comes again takes no room
+    IRequestGate* const _pGate;                                  // borrowed, may be null
 };
 
 }  // namespace korlo::settings::server

@@ -164,6 +164,14 @@ INSTANTIATE_TEST_SUITE_P(Targets, SettingsToolResourceTest, testing::Bool(),
 
 using SettingsToolResourceTargetTest = ToolTest;
 
+TEST_F(SettingsToolResourceTargetTest, ANameThatCannotBeSentIsStatusTwo)
+{
+    ServerProcess server({"--user", PathOf("user.ini")});
+    const std::string address = "127.0.0.1:" + std::to_string(server.GetPort());
+    ExpectResult(Run({"--server", address, "resource", "reserve", "a\nb", "audio", "1"}), 2, "",
+                 HasSubstr("cannot be sent to a server: 'Resources/a"));
+}
+
 TEST_F(SettingsToolResourceTargetTest, AFileThatIsMissingAndAServerThatIsNotThereAreStatusThree)
 {
     for (const Arguments& arguments : {Arguments{"show", "Bus"}, {"reserve", "Bus", "audio", "1"}})
@@ -200,6 +208,24 @@ TEST_F(SettingsToolResourceTargetTest, AFileOfTheEnvironmentIsReadAndNotWritten)
                  AllOf(HasSubstr("note: "), HasSubstr("9 of 9 units")));
     ExpectResult(Run({"resource", "reserve", "Bus", "audio", "9"}, "", variables), 0, "", HasSubstr("note: "));
     EXPECT_EQ(ReadFile(), text);
+}
+
+TEST_F(SettingsToolResourceTargetTest, WhatRestrictedGroupsSayCountsForAReservation)
+{
+    const ServerProcess server({"--defaults", Write("defaults.ini", "[Resources/Bus]\nTotalAvailable=50\n"),
+                                "--restricted",
+                                Write("restricted.ini", "[Resources/Bus/Consumers/SecureCamera]\nCurrentlyUsed=45\n"
+                                                        "[Resources/SecureBus]\nTotalAvailable=7\n"),
+                                "--user", PathOf("user.ini")});
+    const Arguments reserve = {"--server", "127.0.0.1:" + std::to_string(server.GetPort()), "resource", "reserve"};
+    const auto reserved = [&](const std::string& resource, const std::string& amount) {
+        Arguments arguments = reserve;
+        arguments.insert(arguments.end(), {resource, "audio", amount});
+        return Run(arguments);
+    };
+    ExpectResult(reserved("Bus", "6"), 1, "", HasSubstr("5 of 50 units are available to it"));
+    ExpectResult(reserved("Bus", "5"), 0, "");
+    ExpectResult(reserved("SecureBus", "8"), 1, "", HasSubstr("7 of 7 units are available to it"));
 }
 
 TEST_F(SettingsToolResourceTargetTest, ProcessesThatReserveAtOnceNeverExceedTheTotal)

@@ -39,6 +39,14 @@ protected:
         _address = "127.0.0.1:" + std::to_string(_server->GetPort());
     }
 
+    /// Restarts the server as a later version of the device's software would.
+    void StartWithDefaults(const std::string& text)
+    {
+        _server->End();
+        Write("defaults.ini", text);
+        Start();
+    }
+
     Arguments ServerCommand(Arguments arguments) const
     {
         arguments.insert(arguments.begin(), {"--server", _address});
@@ -115,6 +123,51 @@ TEST_F(SettingsToolServerTest, PersistedChangesOutliveAKilledServerAndOthersDoNo
     _server->End(SIGKILL);
     Start();
     ExpectResult(OnServer({"get", "Audio", "Net/*"}), 0, "[Audio]\nring=80\nvolume=65\n[Net/Wifi]\nchannel=6\n");
+}
+
+TEST_F(SettingsToolServerTest, ErasedDefaultsStayAwayWhenALaterVersionBringsOthers)
+{
+    ExpectResult(OnServer({"erase", "Net/Guest", "Later"}), 0, "");
+    StartWithDefaults("[Later]\nk=1\n[Net/Guest]\nnew=1\nssid=Hall\n");
+    ExpectResult(OnServer({"list"}), 0, "DeviceSecure\n");
+    ExpectResult(OnServer({"set", "[Net/Guest]ssid", "Desk"}), 0, "");
+    StartWithDefaults("[Later]\nk=2\n[Net/Guest]\nnew=2\nssid=Roof\n");
+    ExpectResult(OnServer({"get", "Net/Guest", "Later"}), 0, "[Net/Guest]\nssid=Desk\n");
+}
+
+TEST_F(SettingsToolServerTest, AnOverwrittenPatternKeepsAwayTheDefaultsOfLaterGroups)
+{
+    ExpectResult(OnServer({"overwrite", "Net/*"}, "[Net/Lan]\ndhcp=1\n"), 0, "");
+    ExpectResult(OnServer({"set", "[Net/Dock]k", "v"}), 0, "");
+    StartWithDefaults("[Net/Bluetooth]\nk=1\n[Net/Lan]\nport=2\n");
+    ExpectResult(OnServer({"get", "Net/*"}), 0, "[Net/Dock]\nk=v\n[Net/Lan]\ndhcp=1\n");
+    ExpectResult(OnServer({"dump"}), 0,
+                 "[KorloSettings/Data/DeletedGroups]\n1=Net/*\n[Net/Dock]\nk=v\n[Net/Lan]\ndhcp=1\n");
+}
+
+TEST_F(SettingsToolServerTest, RestoredDefaultsArePersistedAndOutliveALaterVersionsOwn)
+{
+    ExpectResult(OnServer({"erase", "Net/Guest"}), 0, "");
+    ExpectResult(OnServer({"set", "[Own]k", "v"}), 0, "");
+    ExpectResult(OnServer({"restore", "Net/Guest", "Own", "Counter"}), 0, "");
+    const std::string userLayer = "[Counter]\nvalue=0\n[KorloSettings/Data/DeletedGroups]\n1=Net/Guest\n"
+                                  "[Net/Guest]\nssid=Visitors\n";
+    ExpectResult(OnServer({"dump"}), 0, userLayer);
+    StartWithDefaults("[Counter]\nvalue=7\n[Net/Guest]\nssid=Hall\n");
+    ExpectResult(OnServer({"get", "Counter", "Net/Guest", "Own"}), 0,
+                 "[Counter]\nvalue=0\n[Net/Guest]\nssid=Visitors\n");
+    ExpectResult(OnServer({"dump"}), 0, userLayer);
+}
+
+TEST_F(SettingsToolServerTest, AGroupFollowsTheDefaultsAgainWithoutValuesAndRecord)
+{
+    ExpectResult(OnServer({"erase", "Audio"}), 0, "");
+    ExpectResult(OnServer({"restore", "Counter"}), 0, "");
+    ExpectResult(OnServer({"erase", "Counter"}), 0, "");
+    ExpectResult(OnServer({"restore", "KorloSettings/Data/DeletedGroups"}), 1, "", HasSubstr("no group matches"));
+    ExpectResult(OnServer({"dump"}), 0, "");
+    StartWithDefaults("[Audio]\nring=8\n[Counter]\nvalue=7\n");
+    ExpectResult(OnServer({"get", "Audio", "Counter"}), 0, "[Audio]\nring=8\n[Counter]\nvalue=7\n");
 }
 
 TEST_F(SettingsToolServerTest, TestAndMergeMergesOnlyOverExpectedValues)

@@ -1,5 +1,6 @@
 #include "DelayedPersister.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -7,6 +8,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -150,6 +152,20 @@ TEST_F(DelayedPersisterTest, ASaveThatFailsIsLoggedAndTriedAgain)
     _fileSystem.FailWith(0);
     ASSERT_TRUE(_fileSystem.AwaitSyncs(2));
     _pPersister->Finish();
+    EXPECT_EQ(ContentOf(_path), "[A]\nk=1\n");
+}
+
+TEST_F(DelayedPersisterTest, ALayerThatMemoryDoesNotSufficeForIsLoggedAndTriedAgain)
+{
+    LogWatch log;
+    std::atomic<int> attempts = 0;
+    DelayedPersister persister(_target, 1);
+    SettingsManager store(&persister, nullptr, nullptr, false);
+    persister.Start([&] { return attempts++ == 0 ? throw std::bad_alloc() : UserLayerOf(store); });
+    store.MergeSettings(Ini("[A]\nk=1\n"), 0);
+    ASSERT_TRUE(log.WaitFor("3 DelayedPersister: User settings are not saved yet: std::bad_alloc"));
+    ASSERT_TRUE(_fileSystem.AwaitSyncs(1));
+    persister.Finish();
     EXPECT_EQ(ContentOf(_path), "[A]\nk=1\n");
 }
 

@@ -5,6 +5,7 @@
 #include <deque>
 #include <initializer_list>
 #include <memory>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -18,10 +19,10 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t MaxPendingBytes = 1000;
+constexpr std::size_t MaxBacklog = 1000;
 constexpr unsigned int LimitMs = 30'000;
 
-/// A round of a thread that carries out changes, and the queue of a subscriber that it tells of them.
+/// The queue of a subscriber, and the rounds of connections that tell it of changes.
 class NotificationRoundTest : public testing::Test
 {
 protected:
@@ -35,11 +36,25 @@ protected:
         return now;
     }
 
+    /// A notification of the round's connection.
+    void Change(NotificationRound& round)
+    {
+        round.BeforeRequest();
+        round.BeforeQuickChange();
+        Notify();
+    }
+
     void Notify() { EXPECT_TRUE(_pQueue->Send("change", 6)); }
 
-    bool HasSent() const { return _pQueue->GetPendingBytes() == 0; }
+    /// How many notifications have come since the last call.
+    std::size_t CountReceived()
+    {
+        std::array<char, 600> received{};
+        return _pair.client.ReadSome(received.data(), received.size(), 0).bytes / 6;
+    }
 
     TcpPair _pair;
+    GatheredQueues _gathered;
 
 private:
     static std::deque<std::chrono::milliseconds>& TimesToShow()
@@ -48,53 +63,110 @@ private:
         return times;
     }
 
-    std::shared_ptr<OutgoingQueue> _pQueue = std::make_shared<OutgoingQueue>(*_pair.pServer, MaxPendingBytes);
+    std::shared_ptr<OutgoingQueue> _pQueue = std::make_shared<OutgoingQueue>(*_pair.pServer, MaxBacklog, _gathered);
 };
 
-TEST_F(NotificationRoundTest, GathersWhileRequestsAreQuick)
+TEST_F(NotificationRoundTest, GathersOverQuickChanges)
 {
-    ClockShows({0ms, 1ms, 2ms});
-    NotificationRound round(&LookAtClock);
-    Notify();
-    round.OnRequest();
-    Notify();
-    round.OnRequest();
-    EXPECT_FALSE(HasSent());
+    ClockShows({0ms, 1ms, 5ms});
+    NotificationRound round(_gathered, &LookAtClock);
+    Change(round);
+    Change(round);
+    Change(round);
+    EXPECT_EQ(CountReceived(), 0u);
+    round.Send();
+    EXPECT_EQ(CountReceived(), 3u);
 }
 
-TEST_F(NotificationRoundTest, SendsAfterASlowRequest)
+TEST_F(NotificationRoundTest, SendsWhenTheFirstHasWaitedForLong)
 {
-    ClockShows({0ms, 2ms, 2ms});
-    NotificationRound round(&LookAtClock);
-    Notify();
-    round.OnRequest();
-    EXPECT_TRUE(HasSent());
-}
-
-TEST_F(NotificationRoundTest, WhatTheSendingTookDoesNotCountAsTheNextRequests)
-{
-    ClockShows({0ms, 2ms, 7ms, 8ms});
-    NotificationRound round(&LookAtClock);
-    Notify();
-    round.OnRequest();  // sends, from 2 ms to 7 ms
-    ASSERT_TRUE(HasSent());
-    Notify();
-    round.OnRequest();
-    EXPECT_FALSE(HasSent());
+    ClockShows({0ms, 3ms, 6ms, 7ms, 8ms});
+    NotificationRound round(_gathered, &LookAtClock);
+    Change(round);
+    Change(round);
+    round.BeforeRequest();
+    EXPECT_EQ(CountReceived(), 2u);
+    Change(round);
+    round.BeforeRequest();
+    EXPECT_EQ(CountReceived(), 0u);
 }
 
 TEST_F(NotificationRoundTest, SendsWhenItEnds)
 {
-    ClockShows({0ms});
     {
-        const NotificationRound round(&LookAtClock);
-        Notify();
-        EXPECT_FALSE(HasSent());
+        NotificationRound round(_gathered);
+        Change(round);
+        EXPECT_EQ(CountReceived(), 0u);
     }
-    EXPECT_TRUE(HasSent());
-    EXPECT_EQ(NotificationRound::Current(), nullptr);
-    std::array<char, 6> received{};
+    EXPECT_EQ(CountReceived(), 1u);
+}
+
+TEST_F(NotificationRoundTest, SendsWhatAnotherHasGatheredWithItsOwn)
+{
+    NotificationRound first(_gathered);
+    NotificationRound second(_gathered);
+    Change(first);
+    Change(second);
+    second.Send();
+    EXPECT_EQ(CountReceived(), 2u);
+}
+
+TEST_F(NotificationRoundTest, OneThatHasChangedNothingSendsNothingOfOthers)
+{
+    NotificationRound first(_gathered);
+    NotificationRound reader(_gathered);
+    Change(first);
+    reader.Send();
+    EXPECT_EQ(CountReceived(), 0u);
+}
+
+TEST_F(NotificationRoundTest, NothingWaitsForASlowRequestOfItsOwnConnection)
+{
+    NotificationRound round(_gathered);
+    Change(round);
+    round.BeforeSlowRequest();
+    EXPECT_EQ(CountReceived(), 1u);
+    Notify();
+    EXPECT_EQ(CountReceived(), 1u);
+}
+
+TEST_F(NotificationRoundTest, NothingWaitsForASlowRequestOfAnotherConnection)
+{
+    NotificationRound quick(_gathered);
+    NotificationRound slow(_gathered);
+    Change(quick);
+    slow.BeforeSlowRequest();
+    EXPECT_EQ(CountReceived(), 1u);
+    Change(quick);
+    EXPECT_EQ(CountReceived(), 1u);
+}
+
+TEST_F(NotificationRoundTest, GathersAgainAfterTheLastSlowRequest)
+{
+    NotificationRound quick(_gathered);
+    NotificationRound slow(_gathered);
+    slow.BeforeSlowRequest();
+    {
+        NotificationRound slower(_gathered);
+        slower.BeforeSlowRequest();
+        slow.BeforeRequest();
+        Change(quick);
+        EXPECT_EQ(CountReceived(), 1u);
+    }
+    Change(quick);
+    EXPECT_EQ(CountReceived(), 0u);
+}
+
+TEST_F(NotificationRoundTest, AMessageOfTheSubscribersOwnTakesAlongWhatWasGathered)
+{
+    const auto pQueue = std::make_shared<OutgoingQueue>(*_pair.pServer, MaxBacklog, _gathered);
+    EXPECT_TRUE(pQueue->Send("change", 6));
+    EXPECT_EQ(CountReceived(), 0u);
+    pQueue->Adopt();
+    EXPECT_TRUE(pQueue->Send("answer", 6));
+    std::string received(12, '\0');
     EXPECT_EQ(_pair.client.ReadSome(received.data(), received.size(), LimitMs).bytes, received.size());
+    EXPECT_EQ(received, "changeanswer");
 }
 
 }  // namespace

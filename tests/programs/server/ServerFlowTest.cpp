@@ -106,6 +106,47 @@ TEST_F(ServerFlowTest, ASubscriberIsNotDisconnectedForAResponseOfItsOwn)
     EXPECT_EQ(server.GetChild().GetErrors(), "");
 }
 
+TEST_F(ServerFlowTest, ANotificationLargerThanTheBacklogReachesASubscriberThatReads)
+{
+    const std::string big = BigGroup(12'000'000);
+    ServerProcess server({"--user", _user, "--max-backlog", "1000"});
+    RawClient subscriber(server.GetPort());
+    subscriber.Send("subscribe\nBig\nSmall\n.\n");
+    EXPECT_EQ(subscriber.Get("None"), "");
+    RawClient changer(server.GetPort());
+    EXPECT_TRUE(changer.Send("merge nopersist\n" + big + ".\nmerge nopersist\n[Small]\nk=1\n.\n"));
+    for (const std::string& change : {big, std::string("[Small]\nk=1\n")})
+    {
+        EXPECT_EQ(subscriber.ReadLine(), "async change");
+        subscriber.ReadBlock();
+        EXPECT_TRUE(subscriber.ReadBlock() == change);
+    }
+    EXPECT_EQ(server.End(), 0);
+    EXPECT_EQ(server.GetChild().GetErrors(), "");
+}
+
+TEST_F(ServerFlowTest, ManyNotificationsAtOnceReachASubscriberWithASmallBacklog)
+{
+    constexpr int changes = 500;
+    ServerProcess server({"--user", _user, "--max-backlog", "1000"});
+    RawClient subscriber(server.GetPort());
+    subscriber.Send("subscribe\nA\n.\n");
+    EXPECT_EQ(subscriber.Get("None"), "");
+    std::string requests;
+    for (int i = 0; i < changes; ++i)
+    {
+        requests += "merge nopersist\n[A]\nk=" + std::to_string(i) + "\n.\n";
+    }
+    RawClient changer(server.GetPort());
+    EXPECT_TRUE(changer.Send(requests));
+    for (int i = 0; i < changes; ++i)
+    {
+        ASSERT_EQ(subscriber.ReadLine(), "async change");
+        ASSERT_EQ(subscriber.ReadBlock(), "A\n");
+        ASSERT_EQ(subscriber.ReadBlock(), "[A]\nk=" + std::to_string(i) + '\n');
+    }
+}
+
 /// Ten subscribers, of which one may stop reading, while changes run.
 class SubscribersTest : public ServerFlowTest
 {

@@ -102,6 +102,20 @@ TEST_F(ServerHostileClientsTest, SubscriptionsWithoutEnd)
     ExpectNothingLeft();
 }
 
+TEST_F(ServerHostileClientsTest, TheSameSubscriptionWithoutEnd)
+{
+    RawClient client(_server.GetPort());
+    const std::string request = "subscribe\n" + std::string(1000, 'x') + "\n.\n";
+    bool isConnected = true;
+    for (int i = 0; isConnected; ++i)
+    {
+        ASSERT_LT(i, 1000);
+        isConnected = client.Send(request) && client.Get("None").empty() && client.GetStream().good();
+    }
+    _server.GetChild().AwaitErrors("is disconnected, it has subscribed to more than 100000 bytes of groups");
+    ExpectNothingLeft();
+}
+
 TEST_F(ServerHostileClientsTest, ARequestOfExactlyTheLimitIsCarriedOutAndOneByteMoreIsNot)
 {
     const std::string head = "merge\n[A]\nk=";

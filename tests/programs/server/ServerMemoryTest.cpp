@@ -52,5 +52,17 @@ TEST(ServerMemoryTest, AClientThatAsksForMuchAndReadsSlowlyCostsAFewCopiesAndNot
     EXPECT_LT(server.GetResidentKiB(), residentKiB + 30'000);
 }
 
+TEST(ServerMemoryTest, AConnectionThatWaitsKeepsNoLongCommandLine)
+{
+    const TemporaryFolder folder;
+    ServerProcess server({"--user", folder.PathOf("user.ini")});
+    RawClient client(server.GetPort());
+    EXPECT_EQ(client.Get("None"), "");
+    const std::size_t residentKiB = server.GetResidentKiB();
+    client.Send("info " + std::string(15'000'000, 'x') + '\n');
+    EXPECT_EQ(client.Get("None"), "");
+    EXPECT_TRUE(Eventually([&] { return server.GetResidentKiB() < residentKiB + 2'000; }));
+}
+
 }  // namespace
 }  // namespace korlo::daemon

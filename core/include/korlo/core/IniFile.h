@@ -85,7 +85,8 @@ public:
     void LoadFromString(const std::string& text);
 
     /// Writes the whole document as INI text, groups and keys in order. No written line is exactly ".", and what is
-    /// written reads back as the same bytes. Errors show in the stream's state.
+    /// written reads back as the same bytes. Errors show in the stream's state, nowhere else: where the text must be
+    /// whole, write to a stl::TextStream.
     void SaveToStream(std::ostream& out) const;
 
     /// Writes one group in the same form: its header line and its key lines. Writes nothing for an unknown group.

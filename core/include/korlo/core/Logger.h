@@ -49,7 +49,7 @@ public:
 ///
 /// Each line leaves in one system call, so that lines of several threads and processes never mix; control characters in
 /// it are written as `\n`, `\r`, `\t` or `\xHH`, so that no value can pass for a line of its own. Logging keeps
-/// `errno`.
+/// `errno`, and drops a message that there is no memory for.
 ///
 /// Thread safety: all methods, from any thread.
 class Logger

@@ -72,7 +72,6 @@ private:
 
     std::string ResolveLinks() const;
     std::optional<FileStatus> GetReplaceable(const std::string& target) const;
-    std::string ReadFile(const std::string& path) const;
     void SyncFolderOf(const std::string& target) const;
     std::optional<FileStatus> GetStatus(const std::string& path) const;
     void Fill(NewFile& newFile, const std::string& content, const std::optional<FileStatus>& likeThis) const;

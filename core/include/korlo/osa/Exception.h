@@ -55,4 +55,19 @@ private:
     LockError _error;
 };
 
+/// What the system says of an error number of <cerrno>.
+std::string SystemReason(int error);
+
+/// The pointer, when it is one.
+/// @throws Exception "WHAT was NULL".
+template <typename T>
+T* NotNull(T* pointer, const char* what)
+{
+    if (pointer == nullptr)
+    {
+        throw Exception("%s was NULL", what);
+    }
+    return pointer;
+}
+
 }  // namespace korlo::osa

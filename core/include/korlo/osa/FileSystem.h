@@ -7,13 +7,14 @@
 namespace korlo::osa
 {
 
-/// What CrashSafeFile asks of the file that it replaces.
+/// What is asked of a file that is replaced or read.
 struct FileStatus
 {
     bool isRegular = false;
     unsigned int owner = 0;
     unsigned int group = 0;
     unsigned int mode = 0;  ///< The permission bits, up to 07777.
+    std::size_t size = 0;   ///< Bytes; 0 for what tells none, such as a pipe.
 };
 
 /// The system calls that CrashSafeFile is made of, so that a test can let each of them fail in turn.

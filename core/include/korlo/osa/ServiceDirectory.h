@@ -10,6 +10,7 @@ namespace korlo::osa
 /// given no port.
 ///
 ///     ServiceDirectory::Register("korlo-settings-server", "127.0.0.1", listener.GetPort());
+///     ServiceDirectory::Register("korlo-settings-server", "unix:/run/korlo-settings/socket", 0);
 ///
 /// Thread safety: all methods, from any thread.
 class ServiceDirectory
@@ -18,7 +19,8 @@ public:
     ServiceDirectory() = delete;
 
     /// Enters a host, or replaces its entry.
-    /// @param address an address or a name that the system resolves.
+    /// @param address an address or a name that the system resolves, or unix:PATH, with which the port means nothing.
+    ///        It is looked at when somebody connects.
     static void Register(const std::string& host, const std::string& address, unsigned short port);
 
     /// Removes a host; no effect when it is not entered.

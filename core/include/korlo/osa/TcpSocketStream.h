@@ -1,5 +1,5 @@
 #pragma once
-// A TCP connection as standard streams.
+// A connection as standard streams.
 
 #include <istream>
 #include <memory>
@@ -15,8 +15,8 @@ namespace korlo::osa
 /// same way as GetOstream, but then its flags serve both directions: use it that way on one thread only.)
 ///
 /// Output gathers until it is flushed and leaves in one system call, whatever its size up to 64 KiB; what goes beyond
-/// leaves in pieces of about that size. Input comes in one system call for up to 64 KiB, and a read waits only while
-/// nothing is there. The output buffer holds 4 KiB, or 64 KiB while a larger message gathers; the input buffer is 64
+/// leaves in pieces of about that size. Input comes in pieces of up to 64 KiB, and a read waits only while nothing is
+/// there. The output buffer holds 4 KiB, or 64 KiB while a larger message gathers; the input buffer is 64
 /// KiB of addresses, of which the system provides no more memory than the largest message touched.
 ///
 /// A read that meets the end of the connection, an error or the time-out reports the end of the stream; a write or a
