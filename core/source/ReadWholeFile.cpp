@@ -24,14 +24,6 @@ public:
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() { _fileSystem.Close(_file); }
 
-    /// 0 for what tells none.
-    std::size_t GetSize() const
-    {
-        osa::FileStatus status;
-        Demand("read", [&] { return _fileSystem.Stat(_path, status); });
-        return status.size;
-    }
-
     /// Returns 0 at the end of the file.
     std::size_t Read(char* pBuffer, std::size_t size)
     {
@@ -42,7 +34,7 @@ public:
 
 private:
     template <typename Call>
-    void Demand(const char* operation, Call call) const
+    void Demand(const char* operation, Call call)
     {
         int error;
         do
@@ -64,17 +56,21 @@ private:
 
 std::string ReadWholeFile(const std::string& path, osa::IFileSystem& fileSystem)
 {
+    constexpr std::size_t smallBytes = 4096;
+
     OpenFile file(fileSystem, path);
-    // One byte more than the file is said to hold, so that its end is met without a second round; a pipe or a file
-    // of /proc says 0 and is read in steps.
-    std::string text(file.GetSize() + 1, '\0');
+    std::string text(smallBytes, '\0');
     std::size_t length = 0;
     while (const std::size_t count = file.Read(text.data() + length, text.size() - length))
     {
         length += count;
         if (length == text.size())
         {
-            text.resize(text.size() * 2 + 4096);
+            // As much as the file is said to hold, and a byte more to meet its end; of a pipe or a file of /proc, which
+            // say 0, twice as much as there was.
+            osa::FileStatus status;
+            const bool isKnown = fileSystem.Stat(path, status) == 0 && status.size >= text.size();
+            text.resize(isKnown ? status.size + 1 : text.size() * 2);
         }
     }
     text.resize(length);
