@@ -164,14 +164,6 @@ INSTANTIATE_TEST_SUITE_P(Targets, SettingsToolResourceTest, testing::Bool(),
 
 using SettingsToolResourceTargetTest = ToolTest;
 
-TEST_F(SettingsToolResourceTargetTest, ANameThatCannotBeSentIsStatusTwo)
-{
-    ServerProcess server({"--user", PathOf("user.ini")});
-    const std::string address = "127.0.0.1:" + std::to_string(server.GetPort());
-    ExpectResult(Run({"--server", address, "resource", "reserve", "a\nb", "audio", "1"}), 2, "",
-                 HasSubstr("cannot be sent to a server: 'Resources/a"));
-}
-
 TEST_F(SettingsToolResourceTargetTest, AFileThatIsMissingAndAServerThatIsNotThereAreStatusThree)
 {
     for (const Arguments& arguments : {Arguments{"show", "Bus"}, {"reserve", "Bus", "audio", "1"}})
