@@ -52,33 +52,29 @@ private:
     int _file = -1;
 };
 
-void CheckSize(const std::string& path, std::size_t size, std::size_t mostBytes)
-{
-    if (size > mostBytes)
-    {
-        throw osa::Exception("Failed to read '%s': it holds more than %zu bytes", path.c_str(), mostBytes);
-    }
-}
-
 }  // namespace
 
 std::string ReadWholeFile(const std::string& path, osa::IFileSystem& fileSystem, std::size_t mostBytes)
 {
+    constexpr std::size_t smallBytes = 4096;
+
     OpenFile file(fileSystem, path);
-    osa::FileStatus status;
-    // One byte more than the file is said to hold, so that its end is met without a second round; a pipe or a file
-    // of /proc says 0 and is read in steps.
-    const bool isKnown = fileSystem.Stat(path, status) == 0;
-    CheckSize(path, isKnown ? status.size : 0, mostBytes);
-    std::string text((isKnown ? status.size : 0) + 1, '\0');
+    std::string text(smallBytes, '\0');
     std::size_t length = 0;
     while (const std::size_t count = file.Read(text.data() + length, text.size() - length))
     {
         length += count;
-        CheckSize(path, length, mostBytes);
+        if (length > mostBytes)
+        {
+            throw osa::Exception("Failed to read '%s': it holds more than %zu bytes", path.c_str(), mostBytes);
+        }
         if (length == text.size())
         {
-            text.resize(text.size() * 2 + 4096);
+            // As much as the file is said to hold, and a byte more to meet its end; of a pipe or a file of /proc, which
+            // say 0, twice as much as there was.
+            osa::FileStatus status;
+            const bool isKnown = fileSystem.Stat(path, status) == 0 && status.size >= text.size();
+            text.resize(isKnown ? status.size + 1 : text.size() * 2);
         }
     }
     text.resize(length);

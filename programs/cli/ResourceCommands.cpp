@@ -130,14 +130,31 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
     const std::string& amount = invocation.operands[2];
     const ResourceManager::ResourceUsage usage = ParseUsage(resource, amount);
 
-    Session session(invocation.target, Session::Changing);
-    session.Change(GroupsOfResource(resource), [&](KorloSettingsClient& client) {
+    const auto reserve = [&](KorloSettingsClient& client) {
         ResourceManager manager(&client);
         if (!manager.ReserveForConsumer(consumer, {usage}))
         {
             throw Failure(StatusNo, Refusal(manager, consumer, resource, amount));
         }
-    });
+        return manager.GetUsed(consumer, resource);
+    };
+    Session session(invocation.target, Session::Changing);
+    const GroupNameCollection groups = GroupsOfResource(resource);
+    if (session.CanSend(groups))
+    {
+        session.Change(groups, reserve);
+        return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
+    }
+    // The manager cannot read a name that no list carries, but this tool can: the manager works on a copy, and what it
+    // was computed from is tested here.
+    for (bool merged = false; !merged;)
+    {
+        const IniFile settings = session.Read(groups);
+        KorloSettingsClient copy(KorloSettingsClient::Local, settings);
+        IniFile changes;
+        changes.SetInt(GroupOf(resource) + "/Consumers/" + consumer, "CurrentlyUsed", reserve(copy));
+        session.Change(groups, [&](KorloSettingsClient& client) { merged = client.TestAndMerge(settings, changes); });
+    }
     return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
 }
 

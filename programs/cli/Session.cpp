@@ -111,7 +111,7 @@ KorloSettingsClient Session::Open()
 
 core::IniFile Session::Read(const GroupNameCollection& groups)
 {
-    if (!IsInProcess() && !ServerConnection::CanCarry(groups))
+    if (!CanSend(groups))
     {
         return Guarded([&] { return ServerConnection().GetSettings(groups); });
     }
@@ -171,11 +171,16 @@ bool Session::IsInProcess() const
     return _target.localFile || (!_target.server && std::getenv(LocalFileVariable) != nullptr);
 }
 
+bool Session::CanSend(const GroupNameCollection& groups) const
+{
+    return IsInProcess() || ServerConnection::CanCarry(groups);
+}
+
 void Session::CheckNames(const GroupNameCollection& groups) const
 {
     for (const std::string& group : groups)
     {
-        if (!IsInProcess() && !ServerConnection::CanCarry({group}))
+        if (!CanSend({group}))
         {
             throw Failure(StatusWrongCommandLine,
                           "a name that holds a line break, or is a single full stop, cannot be sent to a server: " +

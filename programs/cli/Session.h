@@ -77,6 +77,9 @@ public:
     /// True when the store lives in this process, so that nobody else hears of its changes, or makes any.
     bool IsInProcess() const;
 
+    /// True when an overwrite, a restore or a subscription can send all of them where the settings are.
+    bool CanSend(const GroupNameCollection& groups) const;
+
     /// Nothing for names and patterns that an overwrite, a restore or a subscription can send where the settings are.
     /// @throws Failure with StatusWrongCommandLine.
     void CheckNames(const GroupNameCollection& groups) const;

@@ -65,8 +65,8 @@ void KorloSettingsTcpConnection::TryToConnect()
     _pStream = std::make_unique<osa::TcpSocketStream>(_pSocket.get(), osa::Infinite);
     _pIn = _pStream.get();
     _pOut = &_pStream->GetOstream();
-    SetBreaker([pSocket = _pSocket.get()](StopRequest::Urgency urgency) {
-        urgency == StopRequest::AtOnce ? pSocket->Close() : pSocket->LimitWrites(LastWordsMs);
+    SetBreaker([this](StopRequest::Urgency urgency) {
+        urgency == StopRequest::AtOnce ? _pSocket->Close() : _pSocket->LimitWrites(LastWordsMs);
     });
 }
 

@@ -149,13 +149,9 @@ private:
         }
     }
 
-    /// A name with a line break could not be sent: a star in its place selects the groups too. What else comes with
-    /// them does no harm.
     void Read(const std::string& resource, IniFile& settings) const
     {
-        std::string pattern = GroupOf(resource) + "*";
-        std::ranges::replace(pattern, '\n', '*');
-        _pClient->GetSettings(pattern, settings);
+        _pClient->GetSettings(GroupOf(resource) + "*", settings);
     }
 
     std::int64_t UsedByOthers(const std::string& consumer, const std::string& resource) const

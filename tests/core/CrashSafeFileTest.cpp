@@ -274,6 +274,19 @@ TEST_F(CrashSafeFileTest, ReadingNamesPathAndReason)
               "Failed to open '" + _previous + "': No such file or directory");
 }
 
+TEST_F(CrashSafeFileTest, ReadsFilesOfAnySizeAndThoseThatTellNone)
+{
+    for (const std::size_t size : {0u, 1u, 4095u, 4096u, 4097u, 8192u, 100'000u})
+    {
+        const std::string content(size, 'x');
+        WriteFile(_path, content);
+        EXPECT_TRUE(CrashSafeFile(_path).Read() == content) << size;
+    }
+    const std::string mappings = CrashSafeFile("/proc/self/maps").Read();
+    EXPECT_GT(mappings.size(), 4096u);
+    EXPECT_EQ(mappings.back(), '\n');
+}
+
 TEST_F(CrashSafeFileTest, PassesOverTheLeftoversOfAPowerCut)
 {
     FaultyFileSystem fileSystem;

@@ -70,17 +70,6 @@ TEST_F(ResourceManagerWireTest, TheReadBringsInLongerNamesAndTheTestCoversThem)
     EXPECT_TRUE(manager.ReserveResource("A", "R", 50)) << "the units of the other resource do not count";
 }
 
-TEST_F(ResourceManagerWireTest, AStarIsSentForALineBreakInTheName)
-{
-    const std::string settings = "[\"Resources/a\\nb\"]\nTotalAvailable=5\n";
-    const std::string changes = "[\"Resources/a\\nb/Consumers/A\"]\nCurrentlyUsed=5\n";
-    Play({{"get delimited\nResources/a*b*\n.\n", "data\n" + settings + ".\n"},
-          {"test-and-merge\n" + settings + ".\n" + changes + ".\n", Ok}});
-    ResourceManager manager(&_client);
-    EXPECT_FALSE(manager.ReserveResource("A", "a\nb", 6));
-    EXPECT_TRUE(manager.ReserveResource("A", "a\nb", 5));
-}
-
 TEST_F(ResourceManagerWireTest, AResourceIsReadOnceAndTheTestCoversAllOfThem)
 {
     Play({{GetR, "data\n" + Total(50) + ".\n"},

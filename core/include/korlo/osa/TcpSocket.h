@@ -147,9 +147,9 @@ private:
     std::unique_ptr<const PeerIdentity> _pPeerIdentity;
     int _descriptor = -1;  // changes with _mutex held, while nobody reads or writes
 
-    std::mutex _mutex;         // lets Close meet a living descriptor
-    bool _closed = false;      // guarded by _mutex
-    int _wakeDescriptor = -1;  // guarded by _mutex; made when it is first needed, and then stays
+    std::mutex _mutex;           // lets Close meet a living descriptor
+    bool _closed = false;        // guarded by _mutex
+    int _wakeDescriptor = -1;    // guarded by _mutex; made when it is first needed, and then stays
     bool _readingEnded = false;  // guarded by _mutex; wakes the first Wait, should there be no event yet
 };
 
