@@ -1,5 +1,6 @@
 #include "ReadWholeFile.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "korlo/osa/Exception.h"
@@ -74,7 +75,7 @@ std::string ReadWholeFile(const std::string& path, osa::IFileSystem& fileSystem,
             // say 0, twice as much as there was.
             osa::FileStatus status;
             const bool isKnown = fileSystem.Stat(path, status) == 0 && status.size >= text.size();
-            text.resize(isKnown ? status.size + 1 : text.size() * 2);
+            text.resize(std::min(isKnown ? status.size : text.size() * 2, mostBytes) + 1);
         }
     }
     text.resize(length);

@@ -9,6 +9,7 @@
 #include <streambuf>
 
 #include "ClientInput.h"
+#include "Peer.h"
 #include "korlo/osa/Exception.h"
 #include "settings/server/ClientHandler.h"
 #include "settings/server/SettingsManager.h"
@@ -19,6 +20,7 @@ namespace
 {
 
 using settings::server::ClientHandler;
+using settings::server::IClientAccess;
 using settings::server::IRequestGate;
 using settings::server::RequestKind;
 using settings::server::ServerEnv;
@@ -54,8 +56,9 @@ private:
 class ConnectionHandler final : public ClientHandler
 {
 public:
-    ConnectionHandler(ServerEnv& env, std::istream& in, std::ostream& out, IRequestGate& gate, OutgoingQueue& queue)
-        : ClientHandler(&env, &in, &out, &gate),
+    ConnectionHandler(ServerEnv& env, std::istream& in, std::ostream& out, IRequestGate& gate, IClientAccess& access,
+                      OutgoingQueue& queue)
+        : ClientHandler(&env, &in, &out, &gate, &access),
           _store(*env.pSettingsManager),
           _queue(queue)
     {
@@ -111,7 +114,7 @@ public:
           _output(_queue),
           _in(&_input),
           _out(&_output),
-          _handler(connection._env, _in, _out, *this, _queue)
+          _handler(connection._env, _in, _out, *this, connection._access, _queue)
     {
         _in.exceptions(std::ios::badbit);  // else what goes wrong in reading looks like a client that has left
     }
@@ -223,14 +226,16 @@ private:
     std::size_t _subscribedBytes = 0;  // of all requests to subscribe
 };
 
-ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const settings::server::ServerEnv& env,
+ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer,
+                                   const settings::server::ServerEnv& env, AccessControl& access,
                                    const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner)
     : _env(env),
       _limits(limits),
       _gathered(gathered),
       _owner(owner),
       _pLogger(core::Logger::GetLogger("ClientConnection")),
-      _peer(pSocket->GetPeerAddress()),
+      _peer(peer),
+      _access(access, IdentityOf(*pSocket), _peer),
       _pSocket(std::move(pSocket)),
       _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog, gathered)),
       _thread("Client", this, StackBytes, 0)

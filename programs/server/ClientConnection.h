@@ -8,6 +8,7 @@
 #include "NotificationRound.h"
 #include "OutgoingQueue.h"
 #include "ServerLimits.h"
+#include "access/AccessControl.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpSocket.h"
 #include "korlo/osa/Thread.h"
@@ -38,9 +39,11 @@ public:
 class ClientConnection final : public osa::Runnable
 {
 public:
-    /// @param gathered, owner borrowed, as are the parts of env.
-    ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const settings::server::ServerEnv& env,
-                     const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner);
+    /// @param peer names the client for people; see DescribePeer.
+    /// @param access, gathered, owner borrowed, as are the parts of env.
+    ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer,
+                     const settings::server::ServerEnv& env, AccessControl& access, const ServerLimits& limits,
+                     GatheredQueues& gathered, IConnectionOwner& owner);
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;
 
@@ -67,7 +70,8 @@ private:
     GatheredQueues& _gathered;
     IConnectionOwner& _owner;
     core::Logger* const _pLogger;  // not owned
-    const std::string _peer;
+    const std::string _peer;       // for people
+    ClientAccess _access;
     std::atomic<bool> _isStopping = false;
 
     std::unique_ptr<osa::TcpSocket> _pSocket;      // null once the connection has ended

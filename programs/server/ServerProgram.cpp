@@ -1,20 +1,33 @@
 #include "ServerProgram.h"
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <unistd.h>
 
 #include "DelayedPersister.h"
 #include "FileSettingsPersister.h"
+#include "PassedSockets.h"
 #include "ProcessSetup.h"
 #include "RestrictedFilesLoader.h"
 #include "ServiceNotifier.h"
 #include "SettingsServer.h"
+#include "access/AccessControl.h"
+#include "access/AccessRulesReader.h"
+#include "access/SystemUserDatabase.h"
+#include "control/AccessWords.h"
+#include "control/ControlDoor.h"
+#include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
+#include "korlo/osa/Exception.h"
+#include "korlo/osa/TcpListener.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 
@@ -50,14 +63,109 @@ std::string UserPathOf(const ServerOptions& options)
     return std::string();
 }
 
+/// The rules of --access, or none.
+/// @throws osa::Exception with every mistake in them, a line each.
+std::shared_ptr<const AccessRules> ReadRules(const ServerOptions& options, const IUserDatabase& users)
+{
+    if (options.access.empty())
+    {
+        return nullptr;
+    }
+    const AccessRulesOutcome outcome = AccessRulesReader(users).Read(options.access);
+    for (const std::string& warning : outcome.warnings)
+    {
+        core::Logger::GetLogger("AccessControl")->Warning("%s", warning.c_str());
+    }
+    if (!outcome.pRules)
+    {
+        std::string mistakes;
+        for (const std::string& mistake : outcome.mistakes)
+        {
+            mistakes += (mistakes.empty() ? "" : "\n") + mistake;
+        }
+        throw osa::Exception("%s", mistakes.c_str());
+    }
+    return outcome.pRules;
+}
+
+osa::SocketFileRights RightsOf(const ServerOptions& options, const IUserDatabase& users)
+{
+    osa::SocketFileRights rights;
+    rights.mode = options.socketMode;
+    if (options.socketGroup)
+    {
+        const std::optional<gid_t> group = GroupIdOf(*options.socketGroup, users);
+        if (!group)
+        {
+            throw osa::Exception("--socket-group: there is no group '%s'", options.socketGroup->c_str());
+        }
+        rights.group = *group;
+    }
+    return rights;
+}
+
+/// Every door of the server, open, or none.
+struct Doors
+{
+    /// @throws osa::Exception naming the address and the reason.
+    Doors(const ServerOptions& options, const PassedSockets& passed, const IUserDatabase& users)
+    {
+        for (const int descriptor : passed.settings)
+        {
+            settings.push_back(std::make_unique<osa::TcpListener>(descriptor));
+        }
+        std::vector<ServerOptions::Door> named = options.listen;
+        if (named.empty() && settings.empty())
+        {
+            named.push_back(ServerOptions::DefaultDoor());
+        }
+        const osa::SocketFileRights rights = RightsOf(options, users);
+        for (const ServerOptions::Door& door : named)
+        {
+            settings.push_back(std::make_unique<osa::TcpListener>(door.address, door.port, rights));
+        }
+        if (passed.control)
+        {
+            pControl = std::make_unique<osa::TcpListener>(*passed.control);
+        }
+        else if (!options.controlPath.empty())
+        {
+            constexpr unsigned int ownerOnly = 0600;
+            osa::SocketFileRights controlRights;
+            controlRights.mode = ownerOnly;
+            pControl = std::make_unique<osa::TcpListener>("unix:" + options.controlPath, 0, controlRights);
+        }
+    }
+
+    SettingsServer::Listeners settings;
+    std::unique_ptr<osa::TcpListener> pControl;  // null: there is none
+};
+
 /// Serves clients until a signal arrives; returns when the last one is gone.
 bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsManager& store)
 {
     const ServiceNotifier notifier;
+    const SystemUserDatabase users;
     settings::server::SerializationManager serializers;
-    SettingsServer server(options.address, options.port, {&store, &serializers}, options.limits);
+    AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
+    Doors doors(options, PassedSockets::Take(), users);
+    std::string announcement;
+    for (const std::unique_ptr<osa::TcpListener>& pListener : doors.settings)
+    {
+        announcement += "listening on " + pListener->GetAddress() + '\n';
+    }
+    std::unique_ptr<ControlDoor> pControl;
+    if (doors.pControl)
+    {
+        ControlDoor::Words words;
+        words.push_back(std::make_unique<AccessCheckWord>(access, users));
+        words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
+        pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
+        pControl->Start();
+    }
+    SettingsServer server(std::move(doors.settings), {&store, &serializers}, access, options.limits);
     server.Start();
-    Write(STDOUT_FILENO, "listening on " + server.GetAddress() + '\n');
+    Write(STDOUT_FILENO, announcement);
     notifier.Notify("READY=1");
     WaitForEnd();
     notifier.Notify("STOPPING=1");
@@ -85,6 +193,45 @@ Status Run(const ServerOptions& options)
     return isHealthy ? EndedInOrder : Failed;
 }
 
+/// Reads every file, and says what is wrong with them, a line each on standard error.
+Status Check(const ServerOptions& options)
+{
+    std::vector<std::string> mistakes;
+    const auto note = [&mistakes](const auto& read) {
+        try
+        {
+            read();
+        }
+        catch (const std::exception& exception)
+        {
+            mistakes.emplace_back(exception.what());
+        }
+    };
+    const auto checkFile = [&](const std::string& file) {
+        note([&] {
+            for (const core::IniFile::BadLine& line : core::IniFile::FindBadLines(file.c_str()))
+            {
+                mistakes.push_back(file + ':' + std::to_string(line.number) + ": " + line.reason);
+            }
+        });
+    };
+    for (const std::vector<std::string>* pNamed : {&options.defaults, &options.restricted})
+    {
+        note([&] { std::ranges::for_each(SettingsFiles(*pNamed).Find(), checkFile); });
+    }
+    std::error_code ignored;
+    if (std::filesystem::exists(options.userPath, ignored))
+    {
+        checkFile(options.userPath);
+    }
+    note([&] { ReadRules(options, SystemUserDatabase()); });
+    for (const std::string& mistake : mistakes)
+    {
+        Write(STDERR_FILENO, mistake + '\n');
+    }
+    return mistakes.empty() ? EndedInOrder : Failed;
+}
+
 }  // namespace
 
 int RunServer(int argc, const char* const* argv)
@@ -92,6 +239,10 @@ int RunServer(int argc, const char* const* argv)
     try
     {
         ServerOptions options = ParseOptions(argc, argv);
+        if (options.checksOnly)
+        {
+            return Check(options);
+        }
         ConfigureMemory();
         TakeOverSignals();
         core::Logger::SetLevel(options.logLevel);

@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include "Peer.h"
+
 namespace korlo::daemon
 {
 namespace
@@ -15,14 +17,62 @@ constexpr unsigned int StackBytes = 32 * 1024;
 
 }  // namespace
 
-SettingsServer::SettingsServer(const std::string& address, unsigned short port, const settings::server::ServerEnv& env,
+/// One listener and the thread that accepts at it.
+///
+/// Thread safety: Start and Close belong to the owner.
+class SettingsServer::Door : private osa::Runnable
+{
+public:
+    Door(SettingsServer& server, std::unique_ptr<osa::TcpListener> pListener)
+        : _server(server),
+          _pListener(std::move(pListener)),
+          _thread("Accept", this, StackBytes, 0)
+    {
+    }
+    Door(const Door&) = delete;
+    Door& operator=(const Door&) = delete;
+    ~Door() override { Door::Stop(); }
+
+    void Start() { _thread.Run(); }
+
+    /// Returns when nobody is accepted any more.
+    void Close()
+    {
+        Stop();
+        _thread.Join();
+    }
+
+private:
+    void Stop() override { _pListener->Close(); }
+
+    void Run() override
+    {
+        try
+        {
+            _server.AcceptClients(*_pListener);
+        }
+        catch (const std::exception& exception)
+        {
+            _server.OnDoorFailed(exception.what());
+        }
+    }
+
+    SettingsServer& _server;
+    const std::unique_ptr<osa::TcpListener> _pListener;
+    osa::Thread _thread;  // last
+};
+
+SettingsServer::SettingsServer(Listeners listeners, const settings::server::ServerEnv& env, AccessControl& access,
                                const ServerLimits& limits)
     : _env(env),
       _limits(limits),
       _pLogger(core::Logger::GetLogger("SettingsServer")),
-      _listener(address, port),
-      _acceptThread("Accept", this, StackBytes, 0)
+      _access(access)
 {
+    for (std::unique_ptr<osa::TcpListener>& pListener : listeners)
+    {
+        _doors.emplace_back(*this, std::move(pListener));
+    }
 }
 
 SettingsServer::~SettingsServer()
@@ -32,13 +82,18 @@ SettingsServer::~SettingsServer()
 
 void SettingsServer::Start()
 {
-    _acceptThread.Run();
+    for (Door& door : _doors)
+    {
+        door.Start();
+    }
 }
 
 void SettingsServer::Stop()
 {
-    _listener.Close();
-    _acceptThread.Join();
+    for (Door& door : _doors)
+    {
+        door.Close();
+    }
 
     Connections ended;  // destroyed after the lock is released: the last to end may still hold it
     const PlainLock lock(_mutex);
@@ -59,31 +114,24 @@ bool SettingsServer::IsHealthy() const
     return _isHealthy;
 }
 
-void SettingsServer::Run()
+void SettingsServer::OnDoorFailed(const std::string& reason)
 {
-    try
+    _pLogger->Error("%s", reason.c_str());
     {
-        AcceptClients();
+        const PlainLock lock(_mutex);
+        _isHealthy = false;
     }
-    catch (const std::exception& exception)
-    {
-        _pLogger->Error("%s", exception.what());
-        {
-            const PlainLock lock(_mutex);
-            _isHealthy = false;
-        }
-        ::kill(::getpid(), SIGTERM);
-    }
+    ::kill(::getpid(), SIGTERM);
 }
 
-void SettingsServer::AcceptClients()
+void SettingsServer::AcceptClients(osa::TcpListener& listener)
 {
-    while (std::unique_ptr<osa::TcpSocket> pSocket = _listener.Accept())
+    while (std::unique_ptr<osa::TcpSocket> pSocket = listener.Accept())
     {
-        const std::string peer = pSocket->GetPeerAddress();
+        const std::string peer = DescribePeer(*pSocket);
         try
         {
-            Serve(std::move(pSocket));
+            Serve(std::move(pSocket), peer);
         }
         catch (const std::exception& exception)
         {
@@ -92,17 +140,17 @@ void SettingsServer::AcceptClients()
     }
 }
 
-void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket)
+void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer)
 {
     const PlainLock lock(_mutex);
     if (_running.size() >= _limits.maxClients)
     {
-        _pLogger->Warning("Client '%s' is refused: %u clients are connected already", pSocket->GetPeerAddress().c_str(),
-                          _limits.maxClients);
+        _pLogger->Warning("Client '%s' is refused: %u clients are connected already", peer.c_str(), _limits.maxClients);
         return;
     }
     IConnectionOwner& owner = *this;
-    _running.push_back(std::make_unique<ClientConnection>(std::move(pSocket), _env, _limits, _gathered, owner));
+    _running.push_back(
+        std::make_unique<ClientConnection>(std::move(pSocket), peer, _env, _access, _limits, _gathered, owner));
     try
     {
         _running.back()->Start();

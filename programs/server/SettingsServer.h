@@ -5,11 +5,13 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ClientConnection.h"
 #include "NotificationRound.h"
 #include "PlainMutex.h"
 #include "ServerLimits.h"
+#include "access/AccessControl.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpListener.h"
 #include "korlo/osa/Thread.h"
@@ -18,31 +20,30 @@
 namespace korlo::daemon
 {
 
-/// Listens from its construction on, and serves every client that connects, up to a number, until Stop.
+/// Serves every client that connects at one of its doors, up to a number in all, until Stop. Each door has a thread
+/// that accepts.
 ///
 /// Thread safety: Start and Stop belong to the owner; the rest from any thread.
-class SettingsServer : private osa::Runnable, private IConnectionOwner
+class SettingsServer : private IConnectionOwner
 {
 public:
-    /// @param address, port as TcpListener takes them.
+    using Listeners = std::vector<std::unique_ptr<osa::TcpListener>>;
+
+    /// @param listeners the doors, at least one.
     /// @param env its parts are borrowed.
-    /// @throws osa::Exception when the address cannot be listened on.
-    SettingsServer(const std::string& address, unsigned short port, const settings::server::ServerEnv& env,
+    /// @param access borrowed; what clients may do.
+    SettingsServer(Listeners listeners, const settings::server::ServerEnv& env, AccessControl& access,
                    const ServerLimits& limits);
     SettingsServer(const SettingsServer&) = delete;
     SettingsServer& operator=(const SettingsServer&) = delete;
     ~SettingsServer() override;
-
-    /// Where it listens, as ADDRESS:PORT.
-    const std::string& GetAddress() const { return _listener.GetAddress(); }
-    unsigned short GetPort() const { return _listener.GetPort(); }
 
     /// Begins to accept clients.
     void Start();
 
     /// Accepts nobody any more, lets every connection end (see ClientConnection::Stop), and returns once the last
     /// thread has ended.
-    void Stop() override;
+    void Stop();
 
     /// False when accepting has failed for good; SIGTERM was then sent to the process.
     bool IsHealthy() const;
@@ -50,16 +51,17 @@ public:
 private:
     using Connections = std::list<std::unique_ptr<ClientConnection>>;
 
-    void Run() override;
-    void OnConnectionEnded(ClientConnection& connection) override;
+    class Door;
 
-    void AcceptClients();
-    void Serve(std::unique_ptr<osa::TcpSocket> pSocket);
+    void OnConnectionEnded(ClientConnection& connection) override;
+    void OnDoorFailed(const std::string& reason);
+    void AcceptClients(osa::TcpListener& listener);
+    void Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer);
 
     const settings::server::ServerEnv _env;
     const ServerLimits _limits;
     core::Logger* const _pLogger;  // not owned
-    osa::TcpListener _listener;
+    AccessControl& _access;
 
     GatheredQueues _gathered;  // outlives the connections
 
@@ -69,7 +71,7 @@ private:
     Connections _ended KORLO_GUARDED_BY(_mutex);  // at most one: each that ends takes the one before it away
     bool _isHealthy KORLO_GUARDED_BY(_mutex) = true;
 
-    osa::Thread _acceptThread;  // last
+    std::list<Door> _doors;  // last: their threads use the rest
 };
 
 }  // namespace korlo::daemon

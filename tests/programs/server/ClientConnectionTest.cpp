@@ -46,8 +46,8 @@ class ClientConnectionTest : public testing::Test
 protected:
     void Start()
     {
-        _pConnection =
-            std::make_unique<ClientConnection>(std::move(_pair.pServer), _store.env, ServerLimits(), _gathered, _owner);
+        _pConnection = std::make_unique<ClientConnection>(std::move(_pair.pServer), "somebody", _store.env, _access,
+                                                          ServerLimits(), _gathered, _owner);
         _pConnection->Start();
     }
 
@@ -66,6 +66,7 @@ protected:
     }
 
     settings::server::ExchangeStore _store;
+    AccessControl _access{nullptr, std::nullopt};
     TcpPair _pair;
     osa::TcpSocket& _client = _pair.client;
     LookingOwner _owner{_client};
@@ -131,7 +132,8 @@ TEST_F(ClientConnectionTest, AServerThatStopsEndsEachConnectionWithoutAWarning)
         TcpPair pair;
         settings::server::ExchangeStore store;
         LookingOwner owner(pair.client);
-        ClientConnection connection(std::move(pair.pServer), store.env, ServerLimits(), _gathered, owner);
+        ClientConnection connection(std::move(pair.pServer), "somebody", store.env, _access, ServerLimits(), _gathered,
+                                    owner);
         connection.Start();
         osa::TcpSocketStream stream(&pair.client, LimitMs);
         stream.GetOstream() << "get delimited\n.\n" << begin << std::flush;

@@ -160,9 +160,13 @@ TEST_F(DiskFaultTest, TheServerTellsOfASaveThatFailedAndServesOn)
     FileSettingsPersister persister(SettingsFiles({}), _path, disk);
     SettingsManager store(&persister, nullptr, nullptr, false);
     settings::server::SerializationManager serializers;
-    SettingsServer server("127.0.0.1", 0, {&store, &serializers}, ServerLimits());
+    SettingsServer::Listeners doors;
+    doors.push_back(std::make_unique<osa::TcpListener>("127.0.0.1", 0));
+    const unsigned short port = doors.front()->GetPort();
+    AccessControl access(nullptr, std::nullopt);
+    SettingsServer server(std::move(doors), {&store, &serializers}, access, ServerLimits());
     server.Start();
-    RawClient bystander(server.GetPort());
+    RawClient bystander(port);
     EXPECT_TRUE(bystander.TestAndMerge("", Second));
     const auto set = [&](const std::string& call, int error) {
         disk.FailAlwaysAt(call, error);
@@ -175,7 +179,7 @@ TEST_F(DiskFaultTest, TheServerTellsOfASaveThatFailedAndServesOn)
         const std::string changes = "[A]\nk=" + std::string(call) + '\n';
         set(call, ENOSPC);
         {
-            RawClient client(server.GetPort());
+            RawClient client(port);
             EXPECT_FALSE(client.TestAndMerge("", changes));
             EXPECT_TRUE(client.MeetsTheEnd());
         }

@@ -1,0 +1,55 @@
+#include "Peer.h"
+
+#include <cerrno>
+#include <vector>
+
+#include <pwd.h>
+
+#include "korlo/osa/PeerIdentity.h"
+
+namespace korlo::daemon
+{
+namespace
+{
+
+/// The user's name, or the digits of one that has none.
+std::string NameOf(uid_t user)
+{
+    constexpr std::size_t usualBytes = 1024;
+    constexpr std::size_t mostBytes = 1024 * 1024;
+    std::vector<char> buffer(usualBytes);
+    passwd entry{};
+    passwd* pFound = nullptr;
+    while (::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &pFound) == ERANGE && buffer.size() < mostBytes)
+    {
+        buffer.resize(buffer.size() * 2);
+    }
+    return pFound != nullptr ? pFound->pw_name : std::to_string(user);
+}
+
+}  // namespace
+
+std::string DescribePeer(const osa::TcpSocket& socket)
+{
+    const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity();
+    if (pIdentity == nullptr)
+    {
+        return socket.GetPeerAddress();
+    }
+    return "user " + (pIdentity->user ? NameOf(*pIdentity->user) : "unknown") + ", pid " +
+           std::to_string(pIdentity->process) + " (" + pIdentity->program + ")";
+}
+
+ClientIdentity IdentityOf(const osa::TcpSocket& socket)
+{
+    ClientIdentity identity;
+    if (const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity())
+    {
+        identity.user = pIdentity->user;
+        identity.groups.assign(pIdentity->groups.begin(), pIdentity->groups.end());
+        identity.isUnix = true;
+    }
+    return identity;
+}
+
+}  // namespace korlo::daemon

@@ -1,0 +1,19 @@
+#pragma once
+// Who is at the other end of a connection.
+
+#include <string>
+
+#include "access/ClientIdentity.h"
+#include "korlo/osa/TcpSocket.h"
+
+namespace korlo::daemon
+{
+
+/// For people: the address of a TCP peer; of one on a Unix-domain socket "user www-data, pid 812 (php-fpm)". The name
+/// of the user is looked up in the system's database.
+std::string DescribePeer(const osa::TcpSocket& socket);
+
+/// For access rules, from what the kernel vouched for when the peer connected.
+ClientIdentity IdentityOf(const osa::TcpSocket& socket);
+
+}  // namespace korlo::daemon
