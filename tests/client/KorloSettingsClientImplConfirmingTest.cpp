@@ -234,6 +234,22 @@ TEST_F(KorloSettingsClientImplConfirmingTest, AnAbsentServerIsReportedAtOnce)
     EXPECT_THAT(MessageOf([&] { Client("127.0.0.1"); }), HasSubstr("the port is missing"));
 }
 
+TEST(ConfirmingTest, ReachesAServerOnAUnixDomainSocket)
+{
+    const TemporaryFolder folder;
+    const std::string address = "unix:" + folder.PathOf("socket");
+    osa::TcpListener listener(address, 0);
+    auto value =
+        std::async(std::launch::async, [&] { return KorloSettingsClient::Confirming(address).GetValue("[A]x"); });
+    ScriptedServer::Peer peer(listener.Accept());
+    EXPECT_EQ(peer.Read(3), "get delimited\nA\n.\n");
+    peer.Send("data\n[A]\nx=1\n.\n");
+    EXPECT_EQ(peer.Read(1), "quit\n");
+    peer.Close();
+    EXPECT_EQ(value.get(), "1");
+    EXPECT_THAT(MessageOf([&] { Client(address + "-elsewhere"); }), HasSubstr("-elsewhere"));
+}
+
 TEST_F(KorloSettingsClientImplConfirmingTest, WithoutAnAddressMessagesNameTheServerThatWasFound)
 {
     pClient = std::make_unique<Client>("");
