@@ -85,11 +85,10 @@ private:
 class RawClient
 {
 public:
-    explicit RawClient(unsigned short port) : _socket(1)
-    {
-        constexpr unsigned int connectMs = 30'000;
-        _socket.Connect("127.0.0.1", port, connectMs);
-    }
+    explicit RawClient(unsigned short port) : _socket(1) { _socket.Connect("127.0.0.1", port, WaitMs); }
+
+    /// @param address unix:PATH.
+    explicit RawClient(const std::string& address) : _socket(1) { _socket.Connect(address.c_str(), 0, WaitMs); }
 
     /// False when the connection is lost.
     bool Send(const std::string& text)

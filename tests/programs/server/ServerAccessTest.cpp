@@ -1,0 +1,191 @@
+// What the real server lets clients do, and its control door.
+
+#include <list>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "control/ControlDoor.h"
+#include "support/Files.h"
+#include "support/ServerProcess.h"
+#include "support/TemporaryFolder.h"
+
+namespace korlo
+{
+namespace
+{
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// A server with rules about clients over TCP, who have no user. (The tests may run as a user who may do everything.)
+class ServerAccessTest : public testing::Test
+{
+protected:
+    ServerAccessTest() { WriteFile(_rules, Rules); }
+
+    ServerProcess::Arguments Options() const
+    {
+        return {"--defaults", Write("defaults.ini", "[Audio]\nk=1\n[Network/Eth]\nip=1\n[Private]\nk=1\n"),
+                "--user",     _folder.PathOf("user.ini"),
+                "--access",   _rules,
+                "--control",  _folder.PathOf("control")};
+    }
+
+    std::string Write(const std::string& name, const std::string& text) const
+    {
+        WriteFile(_folder.PathOf(name), text);
+        return _folder.PathOf(name);
+    }
+
+    std::string ControlAddress() const { return "unix:" + _folder.PathOf("control"); }
+
+    /// The answer of the control door.
+    std::string Ask(const std::string& request) const
+    {
+        RawClient client(ControlAddress());
+        client.Send(request + '\n');
+        const std::string first = client.ReadLine();
+        return first == "ok" ? client.ReadBlock() : first;
+    }
+
+    static constexpr const char* Rules = "[Access/tcp]\npeer=tcp\nread=Network/*\nchange=Audio\n";
+
+    const TemporaryFolder _folder;
+    const std::string _rules = _folder.PathOf("rules.ini");
+};
+
+TEST_F(ServerAccessTest, AClientSeesAndChangesWhatItsRulesAllow)
+{
+    ServerProcess server(Options());
+    RawClient client(server.GetPort());
+    EXPECT_EQ(client.Get("*"), "[Audio]\nk=1\n[Network/Eth]\nip=1\n");
+    client.Send("merge\n[Audio]\nk=2\n.\nmerge\n[Private]\nk=2\n.\noverwrite\nNetwork/*\n.\n.\nrestore\n*\n.\n");
+    EXPECT_EQ(client.Get("*"), "[Audio]\nk=2\n[Network/Eth]\nip=1\n");
+    EXPECT_FALSE(client.TestAndMerge("[Private]\nk=1\n", "[Audio]\nk=3\n"));
+    EXPECT_TRUE(client.TestAndMerge("[Audio]\nk=2\n", "[Audio]\nk=3\n"));
+}
+
+TEST_F(ServerAccessTest, ARefusalIsToldToWhoAsksAndWarnedOf)
+{
+    ServerProcess server(Options());
+    RawClient client(server.GetPort());
+    client.Send("merge\n[Audio]\nk=2\n[Private]\nk=2\n.\n");
+    EXPECT_EQ(client.Get("KorloSettings/Trusted/Refused"),
+              "[KorloSettings/Trusted/Refused]\ngroup.1=Private\noperation=merge\n");
+    EXPECT_EQ(client.Get("KorloSettings/Trusted/Refused"), "") << "it is told once";
+    EXPECT_EQ(client.Get("Audio"), "[Audio]\nk=1\n") << "a change is refused as a whole";
+    EXPECT_EQ(RawClient(server.GetPort()).Get("KorloSettings/Trusted/Refused"), "");
+    server.GetChild().AwaitErrors("merge of 'Private' is refused");
+}
+
+TEST_F(ServerAccessTest, ReloadedRulesHoldForStandingConnectionsAndSubscriptions)
+{
+    ServerProcess server(Options());
+    RawClient client(server.GetPort());
+    client.Send("subscribe\n*\n.\n");
+    EXPECT_EQ(client.Get("Private"), "");
+    WriteFile(_rules, "[Access/tcp]\npeer=tcp\nchange=Private\n");
+    EXPECT_EQ(Ask("access-reload"), "[Access]\nrules=1\n");
+    EXPECT_EQ(client.Get("*"), "[Private]\nk=1\n");
+    client.Send("merge\n[Audio]\nk=9\n.\nmerge\n[Private]\nk=9\n.\n");
+    EXPECT_EQ(client.ReadLine(), "async change");
+    EXPECT_EQ(client.ReadBlock(), "Private\n");
+    EXPECT_EQ(client.ReadBlock(), "[Private]\nk=9\n");
+}
+
+TEST_F(ServerAccessTest, RulesThatMakeNoSenseLeaveThoseBeforeInForce)
+{
+    ServerProcess server(Options());
+    WriteFile(_rules, "[Access/tcp]\npeer=tcp\nreed=*\n");
+    EXPECT_THAT(Ask("access-reload"),
+                testing::AllOf(StartsWith("error the rules before stay in force: " + _rules + ":"), HasSubstr("reed")));
+    EXPECT_EQ(RawClient(server.GetPort()).Get("Private"), "");
+    EXPECT_EQ(RawClient(server.GetPort()).Get("Audio"), "[Audio]\nk=1\n");
+}
+
+TEST_F(ServerAccessTest, ACheckNamesTheRuleThatDecides)
+{
+    WriteFile(_rules, "[Access/nobody]\nuser=65530\nread=Audio\ndeny=Secret*\n");
+    ServerProcess server(Options());
+    EXPECT_EQ(Ask("access-check 65530 read Audio"),
+              "[Access]\nallowed=1\nfile=" + _rules + "\nline=3\nreason=the rule allows it\nrule=nobody\n");
+    EXPECT_THAT(Ask("access-check 65530 read SecretX"), testing::AllOf(HasSubstr("allowed=0"), HasSubstr("line=4")));
+    EXPECT_THAT(Ask("access-check 65530 change Audio"), HasSubstr("allowed=0"));
+    EXPECT_THAT(Ask("access-check 0 change \"any\\nbytes\""), HasSubstr("allowed=1"));
+    EXPECT_EQ(Ask("access-check no-such-user-here read Audio"), "error unknown user 'no-such-user-here'");
+    EXPECT_THAT(Ask("access-check 0 watch Audio"), StartsWith("error usage: access-check"));
+    EXPECT_EQ(Ask("nonsense"), "error unknown word 'nonsense'");
+}
+
+TEST_F(ServerAccessTest, ServerWithMistakesInItsRulesDoesNotStart)
+{
+    WriteFile(_rules, "[Access/a]\nreed=*\n[Other]\nk=1\n");
+    ChildProcess server(ServerProcess::Command(Options()));
+    EXPECT_EQ(server.Wait(), 1);
+    EXPECT_EQ(server.GetOutput(), "");
+    EXPECT_THAT(server.GetErrors(), testing::AllOf(HasSubstr(_rules + ":2: "), HasSubstr(_rules + ":3: ")));
+}
+
+TEST_F(ServerAccessTest, TheControlDoorIsItsOwnersAlone)
+{
+    ServerProcess server(Options());
+    struct stat status = {};
+    ASSERT_EQ(::stat(_folder.PathOf("control").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0600u);
+    EXPECT_EQ(server.End(), 0);
+    EXPECT_NE(::stat(_folder.PathOf("control").c_str(), &status), 0);
+}
+
+TEST_F(ServerAccessTest, TheControlDoorServesEightAtOnceAndTellsTheNinth)
+{
+    ServerProcess server(Options());
+    std::list<RawClient> clients;
+    for (std::size_t index = 0; index < daemon::ControlDoor::MostClients; ++index)
+    {
+        clients.emplace_back(ControlAddress()).Send("access-check 0 read A\n");
+        EXPECT_EQ(clients.back().ReadLine(), "ok");
+        clients.back().ReadBlock();
+    }
+    EXPECT_THAT(RawClient(ControlAddress()).ReadLine(), StartsWith("error eight clients are connected already"));
+    clients.pop_front();
+    EXPECT_TRUE(Eventually([this] { return Ask("access-check 0 read A").starts_with("[Access]"); }));
+}
+
+TEST_F(ServerAccessTest, AControlClientThatFloodsOrStallsCostsItsOwnConnection)
+{
+    ServerProcess server(Options());
+    RawClient flooding(ControlAddress());
+    flooding.Send(std::string(daemon::ControlDoor::MostLineBytes + 1, 'x'));
+    EXPECT_THAT(flooding.ReadLine(), StartsWith("error a request may have"));
+    RawClient stalling(ControlAddress());
+    stalling.Send("access-");
+    EXPECT_EQ(RawClient(server.GetPort()).Get("Audio"), "[Audio]\nk=1\n");
+    EXPECT_THAT(Ask("access-check 0 read A"), StartsWith("[Access]"));
+    EXPECT_EQ(server.End(), 0);
+}
+
+TEST_F(ServerAccessTest, ACheckOfTheFilesOpensNothingAndFindsEveryMistake)
+{
+    ServerProcess::Arguments good = Options();
+    good.emplace_back("--check");
+    ChildProcess well(ServerProcess::Command(good));
+    EXPECT_EQ(well.Wait(), 0);
+    EXPECT_EQ(well.GetOutput() + well.GetErrors(), "");
+
+    WriteFile(_rules, "[Access/a]\nreed=*\n");
+    ServerProcess::Arguments bad = Options();
+    Write("defaults.ini", "[A]\nno sense\n");
+    bad[1] = _folder.PathOf("defaults.ini");
+    bad.insert(bad.end(), {"--check", "--restricted", _folder.PathOf("missing.ini")});
+    Write("defaults.ini", "[A]\nno sense\n");
+    ChildProcess wrong(ServerProcess::Command(bad));
+    EXPECT_EQ(wrong.Wait(), 1);
+    EXPECT_THAT(wrong.GetErrors(),
+                testing::AllOf(HasSubstr("defaults.ini:2: "), HasSubstr("missing.ini"), HasSubstr(_rules + ":2: ")));
+}
+
+}  // namespace
+}  // namespace korlo
