@@ -46,11 +46,14 @@ protected:
     {
         ServerLimits limits;
         limits.savesAtOnce = savesAtOnce;
-        _pServer = std::make_unique<SettingsServer>("127.0.0.1", 0, _store.env, limits);
+        SettingsServer::Listeners doors;
+        doors.push_back(std::make_unique<osa::TcpListener>("127.0.0.1", 0));
+        _port = doors.front()->GetPort();
+        _pServer = std::make_unique<SettingsServer>(std::move(doors), _store.env, _access, limits);
         _pServer->Start();
     }
 
-    std::unique_ptr<RawClient> Connect() const { return std::make_unique<RawClient>(_pServer->GetPort()); }
+    std::unique_ptr<RawClient> Connect() const { return std::make_unique<RawClient>(_port); }
 
     std::unique_ptr<RawClient> Subscribe(const std::string& group) const
     {
@@ -70,6 +73,8 @@ protected:
 
     settings::server::ExchangeStore _store;
     StoppingStorage _storage;
+    AccessControl _access{nullptr, std::nullopt};
+    unsigned short _port = 0;
     std::unique_ptr<SettingsServer> _pServer;
 };
 

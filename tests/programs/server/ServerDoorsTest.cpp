@@ -1,6 +1,7 @@
 // The doors of the real server: several of them, files of sockets, and sockets that were passed.
 
 #include <algorithm>
+#include <list>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -50,16 +51,18 @@ protected:
     }
 
     /// The same with descriptors passed as a service manager does, from 3 on.
-    Arguments Passed(const std::vector<int>& descriptors, const std::string& names, const Arguments& more = {}) const
+    Arguments Passed(const std::vector<int>& descriptors, const std::string& names, const Arguments& more = {})
     {
         std::string redirections;
         for (std::size_t index = 0; index < descriptors.size(); ++index)
         {
-            const int flags = ::fcntl(descriptors[index], F_GETFD);
-            ::fcntl(descriptors[index], F_SETFD, flags & ~FD_CLOEXEC);
-            redirections += ' ' + std::to_string(3 + index) + "<&" + std::to_string(descriptors[index]);
+            // Far from those that they become, so that none is lost on the way.
+            constexpr int far = 100;
+            const int copy = ::fcntl(descriptors[index], F_DUPFD, far);
+            redirections += ' ' + std::to_string(3 + index) + "<&" + std::to_string(copy);
+            _copies.emplace_back(copy);
         }
-        Arguments command = {"sh", "-c",
+        Arguments command = {"bash", "-c",
                              "export LISTEN_PID=$$ LISTEN_FDS=" + std::to_string(descriptors.size()) +
                                  " LISTEN_FDNAMES=" + names + "; exec \"$@\"" + redirections,
                              "sh"};
@@ -95,6 +98,7 @@ protected:
         return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777u : 0;
     }
 
+    std::list<OwnedDescriptor> _copies;  // that programs started from here inherit
     const TemporaryFolder _folder;
     const std::string _path = _folder.PathOf("socket");
     const std::string _address = "unix:" + _path;
