@@ -1,5 +1,7 @@
 #include "server/AccessGuard.h"
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,6 +49,18 @@ core::IniFile TakeRefused(AccessGuard& guard)
     core::IniFile answer;
     guard.Answer(*guard.GetRights(), MatcherOf({AccessGuard::RefusedGroup}), answer);
     return answer;
+}
+
+TEST(FakeRightsTest, APatternIsDeniedOnlyWhereItMeetsADenial)
+{
+    FakeRights rights = MayRead({"A*"});
+    rights.deny = {"AB*"};
+    EXPECT_TRUE(rights.MayReadAllOf("AC*"));
+    EXPECT_FALSE(rights.MayReadAllOf("A*"));
+    EXPECT_FALSE(rights.MayReadAllOf("A*C")) << "ABC";
+    EXPECT_TRUE(rights.HidesAllOf("B*"));
+    EXPECT_TRUE(rights.HidesAllOf("AB1*"));
+    EXPECT_FALSE(rights.HidesAllOf("*B"));
 }
 
 TEST(AccessGuardTest, WithoutAnAccessObjectEverythingIsAllowed)

@@ -99,7 +99,7 @@ private:
                 }
             }
         }
-        return meet[left.size()][right.size()];
+        return meet[0][0];
     }
 };
 
