@@ -397,7 +397,7 @@ void ClientHandler::OnChange(const GroupNameCollection& groups, const core::IniF
 {
     const AccessGuard::Rights pRights = _pGuard->GetRights();
     const auto isSent = [&pRights](const std::string& group) {
-        return common::FitsGroupList(group) && pRights->MayRead(group);
+        return common::FitsGroupList(group) && AccessGuard::MayHearOf(*pRights, group);
     };
     if (std::all_of(groups.begin(), groups.end(), isSent))
     {

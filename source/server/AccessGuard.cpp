@@ -45,6 +45,25 @@ void AddUnchangeable(const IAccessRights& rights, const GroupNameCollection& nam
     }
 }
 
+/// False for the record of erased groups, too: some of its entries may have to be hidden.
+bool IsReadableWhole(const IAccessRights& rights, const std::string& group)
+{
+    return group != ErasedGroups && rights.MayRead(group);
+}
+
+/// Adds the groups of a test that would tell the client what it may not read.
+void AddUntestable(const IAccessRights& rights, const IniFile& expected, GroupNameCollection& refused)
+{
+    for (auto group = expected.begin(); group != expected.end() && refused.size() < AccessGuard::MostRefusedNames;
+         ++group)
+    {
+        if (!IsReadableWhole(rights, group->first))
+        {
+            refused.insert(group->first);
+        }
+    }
+}
+
 /// Numbers count the order in which groups were erased: "10" comes after "2". Numbering by the order of the texts would
 /// tell how many entries are hidden.
 bool IsErasedBefore(const std::string& left, const std::string& right)
@@ -91,7 +110,7 @@ bool AccessGuard::ReadsAsAsked(const IAccessRights& rights, const common::GroupN
     }
     return rights.MayReadEverything() || (matcher.GetPatterns().empty() &&
                                           std::all_of(names.begin(), names.end(), [&rights](const std::string& name) {
-                                              return rights.MayRead(name);
+                                              return IsReadableWhole(rights, name);
                                           }));
 }
 
@@ -118,9 +137,9 @@ void AccessGuard::HideUnreadable(const IAccessRights& rights, IniFile& settings)
     HideErasedGroups(rights, settings);
 }
 
-void AccessGuard::RemoveUnreadable(const IAccessRights& rights, GroupNameCollection& groups)
+bool AccessGuard::MayHearOf(const IAccessRights& rights, const std::string& group)
 {
-    std::erase_if(groups, [&rights](const std::string& group) { return !rights.MayRead(group); });
+    return rights.MayReadEverything() || IsReadableWhole(rights, group);
 }
 
 bool AccessGuard::AllowsMerge(const char* operation, const IniFile& changes)
@@ -141,13 +160,10 @@ bool AccessGuard::AllowsTestAndMerge(const IniFile& expected, const IniFile& cha
     if (!pRights->MayChangeEverything())
     {
         AddUnchangeable(*pRights, changes, refused);
-        for (const auto& [group, values] : expected)
-        {
-            if (refused.size() < MostRefusedNames && !pRights->MayRead(group))
-            {
-                refused.insert(group);
-            }
-        }
+    }
+    if (!pRights->MayReadEverything())
+    {
+        AddUntestable(*pRights, expected, refused);
     }
     return Allows("test-and-merge", refused);
 }

@@ -22,7 +22,7 @@ namespace korlo::settings::server
 /// can store anything there, since the name is restricted, and none sees what another was refused.
 ///
 /// Thread safety: belongs to the thread that serves the client's requests, but GetRights, HideUnreadable and
-/// RemoveUnreadable, which any thread may call.
+/// MayHearOf, which any thread may call.
 class AccessGuard
 {
 public:
@@ -49,8 +49,9 @@ public:
     /// erased groups are taken out of it, too, and those that are left are numbered anew.
     static void HideUnreadable(const IAccessRights& rights, core::IniFile& settings);
 
-    /// Takes the names of groups that may not be read out of `groups`.
-    static void RemoveUnreadable(const IAccessRights& rights, GroupNameCollection& groups);
+    /// False for a changed group that the client is not told of. It hears of the record of erased groups only if it may
+    /// read everything: a restore that removes the record would else tell that there are entries it must not see.
+    static bool MayHearOf(const IAccessRights& rights, const std::string& group);
 
     // May the client make the change? One that it may not make is noted and reported. Restricted groups in a document
     // do not count: the store drops them.
@@ -58,7 +59,8 @@ public:
     /// @param operation "merge" or "merge nopersist".
     bool AllowsMerge(const char* operation, const core::IniFile& changes);
 
-    /// A group that is tested must be readable: else the outcome would tell what it holds.
+    /// A group that is tested must be readable, and the record of erased groups to its last entry: else the outcome
+    /// would tell what it holds.
     bool AllowsTestAndMerge(const core::IniFile& expected, const core::IniFile& changes);
     bool AllowsOverwrite(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement);
     bool AllowsRestore(const common::GroupNameMatcher& namesAndPatterns);
