@@ -46,9 +46,8 @@ class KorloSettingsClientImpl;
 ///   tries to connect five times, a second apart). A request whose connection breaks before its answer is sent again:
 ///   a change may be made twice, and TestAndMerge reports the last attempt.
 /// - LocalMultiThreaded and LocalSingleThreaded: as their counterparts, over a connection that does not break.
-/// - A client made by Confirming: what failed, with which server and why, as said there; a RefusedException for a
-/// change
-///   that the server's access rules do not allow.
+/// - A client made by Confirming: what failed, with which server and why, as said there. For a change
+///   that the server's access rules do not allow it is a RefusedException.
 /// - All modes but Local: "Group name '%s' cannot be sent: it is a full stop or holds a line break", before anything is
 ///   sent.
 ///
