@@ -46,7 +46,8 @@ class KorloSettingsClientImpl;
 ///   tries to connect five times, a second apart). A request whose connection breaks before its answer is sent again:
 ///   a change may be made twice, and TestAndMerge reports the last attempt.
 /// - LocalMultiThreaded and LocalSingleThreaded: as their counterparts, over a connection that does not break.
-/// - A client made by Confirming: what failed, with which server and why, as said there.
+/// - A client made by Confirming: what failed, with which server and why, as said there. For a change
+///   that the server's access rules do not allow it is a RefusedException.
 /// - All modes but Local: "Group name '%s' cannot be sent: it is a full stop or holds a line break", before anything is
 ///   sent.
 ///
@@ -62,8 +63,8 @@ public:
     /// How the client reaches the settings.
     enum OperationMode : int
     {
-        MultiThreaded = 0,        ///< the settings server over TCP, with change notifications and a thread for them
-        SingleThreaded = 1,       ///< the settings server over TCP, without
+        MultiThreaded = 0,        ///< the settings server, with change notifications and a thread for them
+        SingleThreaded = 1,       ///< the settings server, without
         Local = 2,                ///< a store of its own in this process, with notifications, filled by the defaults
         LocalSingleThreaded = 3,  ///< as SingleThreaded, over an empty store in this process, without defaults
         LocalMultiThreaded = 4    ///< as MultiThreaded, over an empty store in this process, without defaults
@@ -90,6 +91,9 @@ public:
     /// After any failure on the way to an answer the connection is closed, and every later call throws at once; the
     /// text of the failure says what failed, with which server and why, and of a change that it may have been made or
     /// not.
+    ///
+    /// A change that the server's access rules do not allow throws a RefusedException with the groups, and the client
+    /// goes on working.
     ///
     ///     KorloSettingsClient client = KorloSettingsClient::Confirming("panel.local:4711");
     ///     client.SetValue("[Network]mode", "dhcp");  // the server has it now

@@ -82,6 +82,7 @@ public:
     /// over the available amount is put down to floating-point error. Holding 0 is refused only while the others hold
     /// more than the total. Of a resource that is listed twice the later entry counts. If the client throws, the
     /// reservation may have been written all the same.
+    /// @throws RefusedException when the server's access rules do not allow it; nothing is written then.
     bool ReserveForConsumer(const std::string& consumer, const std::list<ResourceUsage>& usages);
 
 private:

@@ -4,11 +4,10 @@
 #include <exception>
 #include <string_view>
 
-#include "client/KorloSettingsTcpConnection.h"
 #include "client/RemoteCommands.h"
 #include "common/Protocol.h"
 #include "korlo/osa/Exception.h"
-#include "settings/ServerAddress.h"
+#include "settings/RefusedException.h"
 
 namespace korlo::settings::client
 {
@@ -16,30 +15,29 @@ namespace
 {
 
 constexpr unsigned short NoDelay = 1;
-constexpr unsigned short PortOfHost = 0;  // the one that goes with the host's name
 constexpr bool IsConnected = true;
 
-osa::TcpSocket* Connected(osa::TcpSocket& socket, const std::string& address, unsigned int timeoutMs)
+osa::TcpSocket* Connected(osa::TcpSocket& socket, const ServerAddress& server, unsigned int timeoutMs)
 {
-    const ServerAddress server = address.empty() ? ServerAddress{KorloSettingsTcpConnection::ServerHost, PortOfHost}
-                                                 : ServerAddress::Parse(address);
     socket.Connect(server.host.c_str(), server.port, timeoutMs);
     return &socket;
 }
 
 }  // namespace
 
-KorloSettingsClientImplConfirming::Connection::Connection(const std::string& address, const ConfirmingLimits& limits)
+KorloSettingsClientImplConfirming::Connection::Connection(const ServerAddress& server, const ConfirmingLimits& limits)
     : socket(NoDelay),
-      stream(Connected(socket, address, limits.connectMs), limits.answerMs)
+      stream(Connected(socket, server, limits.connectMs), limits.answerMs)
 {
 }
 
 KorloSettingsClientImplConfirming::KorloSettingsClientImplConfirming(const std::string& address,
-                                                                     const ConfirmingLimits& limits)
+                                                                     const ConfirmingLimits& limits,
+                                                                     const std::string& socketPath)
     : KorloSettingsClientImplBlocking(IsConnected),
       _limits(limits),
-      _pConnection(std::make_unique<Connection>(address, limits)),
+      _pConnection(std::make_unique<Connection>(
+          address.empty() ? FindServer(socketPath) : ServerAddress::Parse(address), limits)),
       _server(address.empty() ? _pConnection->socket.GetPeerAddress() : address)
 {
 }
@@ -64,9 +62,10 @@ void KorloSettingsClientImplConfirming::RunCommand(const char* name, RemoteComma
                              "connection, and this client makes no other one",
                              name, _server.c_str());
     }
+    std::optional<common::Refusal> refusal;
     try
     {
-        Exchange(command);
+        refusal = Exchange(command);
     }
     catch (const std::exception& exception)
     {
@@ -76,25 +75,31 @@ void KorloSettingsClientImplConfirming::RunCommand(const char* name, RemoteComma
         throw osa::Exception("'%s' failed with the settings server at '%s': %s%s", name, _server.c_str(),
                              exception.what(), isRead ? "" : "; a change may or may not be made");
     }
+    if (refusal)
+    {
+        throw RefusedException(refusal->operation, refusal->groups);
+    }
 }
 
-void KorloSettingsClientImplConfirming::Exchange(RemoteCommand& command) const
+/// Returns what the server says of a change that it refused, which can be this one alone: each change is asked after.
+std::optional<common::Refusal> KorloSettingsClientImplConfirming::Exchange(RemoteCommand& command) const
 {
-    const GroupNameCollection noGroups;
-    core::IniFile nothing;
-    GetSettingsCommand confirmation(&noGroups, &nothing);
+    const GroupNameCollection refused{common::RefusedGroup};
+    core::IniFile answer;
+    GetSettingsCommand confirmation(&refused, &answer);
     std::ostream& out = _pConnection->stream.GetOstream();
     command.SendRequest(out);
-    if (!command.GetResponseKeyword().empty())
+    if (!command.GetResponseKeyword().empty() && ReadResponse(command))
     {
-        ReadResponse(command);
-        return;
+        return std::nullopt;  // a read, or a change that is made
     }
     confirmation.SendRequest(out);
     ReadResponse(confirmation);
+    return common::Refusal::FindIn(answer);
 }
 
-void KorloSettingsClientImplConfirming::ReadResponse(RemoteCommand& command) const
+/// Returns how the request came out.
+bool KorloSettingsClientImplConfirming::ReadResponse(RemoteCommand& command) const
 {
     CheckStreams();
     std::array<char, 32> line{};  // longer than every keyword: what does not fit is none
@@ -105,8 +110,9 @@ void KorloSettingsClientImplConfirming::ReadResponse(RemoteCommand& command) con
         throw osa::Exception("something else than a settings server seems to answer there");
     }
     CheckStreams();
-    command.HandleResponse(in);
+    const bool outcome = command.HandleResponse(in);
     CheckStreams();
+    return outcome;
 }
 
 void KorloSettingsClientImplConfirming::CheckStreams() const

@@ -201,7 +201,7 @@ bool AccessGuard::Allows(const char* operation, GroupNameCollection& refused)
     if (!_refused)
     {
         _refused.emplace();
-        (*_refused)["operation"] = operation;
+        (*_refused)[common::RefusedOperationKey] = operation;
         std::size_t number = 0;
         std::size_t bytes = 0;
         for (const std::string& name : refused)
@@ -209,7 +209,7 @@ bool AccessGuard::Allows(const char* operation, GroupNameCollection& refused)
             if (bytes + name.size() <= MostRefusedBytes)
             {
                 bytes += name.size();
-                (*_refused)["group." + std::to_string(++number)] = name;
+                (*_refused)[common::RefusedNameKey + std::to_string(++number)] = name;
             }
         }
     }

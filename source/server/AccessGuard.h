@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "common/Refusal.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/osa/Mutex.h"
 #include "settings/GroupNameCollection.h"
@@ -28,7 +29,7 @@ class AccessGuard
 public:
     using Rights = std::shared_ptr<const IAccessRights>;
 
-    static constexpr const char* RefusedGroup = "KorloSettings/Trusted/Refused";
+    static constexpr const char* RefusedGroup = common::RefusedGroup;
     static constexpr std::size_t MostRefusedNames = 64;
     static constexpr std::size_t MostRefusedBytes = 64 * 1024;  ///< of all of them; a name beyond that is left out
 

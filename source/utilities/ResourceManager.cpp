@@ -8,9 +8,12 @@
 #include <string_view>
 #include <utility>
 
+#include "common/Protocol.h"
+#include "common/Refusal.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/osa/Exception.h"
 #include "settings/KorloSettingsClient.h"
+#include "settings/RefusedException.h"
 
 namespace korlo::settings
 {
@@ -133,11 +136,32 @@ public:
                 _isBehind = false;
                 return true;
             }
+            const IniFile tested = _cache;
             Refresh();  // somebody else was faster: compute everything again
+            if (_cache == tested)
+            {
+                ThrowIfRefused(tested, changes);
+            }
         }
     }
 
 private:
+    /// Figures that are the old ones may be what somebody else put back, or the test-and-merge is refused, and would be
+    /// for ever. A refusal of another change, which came first, is gone when it is read: the next attempt tells.
+    void ThrowIfRefused(const IniFile& tested, const IniFile& changes) const
+    {
+        IniFile answer;
+        _pClient->GetSettings(common::RefusedGroup, answer);
+        const std::optional<common::Refusal> refusal = common::Refusal::FindIn(answer);
+        if (refusal && refusal->operation == common::word::TestAndMerge &&
+            std::any_of(refusal->groups.begin(), refusal->groups.end(), [&](const std::string& group) {
+                return changes.Find(group) != changes.end() || tested.Find(group) != tested.end();
+            }))
+        {
+            throw RefusedException(refusal->operation, refusal->groups);
+        }
+    }
+
     void EnsureRead(const std::string& resource)
     {
         if (!_knownResources.contains(resource))

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,12 +12,15 @@
 #include <gmock/gmock.h>
 
 #include "settings/KorloSettingsClient.h"
+#include "settings/RefusedException.h"
+#include "settings/server/IClientAccess.h"
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/Files.h"
 #include "support/ScriptedServer.h"
 #include "support/SettingsServer.h"
 #include "support/TemporaryFolder.h"
+#include "support/UnixSockets.h"
 
 namespace korlo::settings::client
 {
@@ -31,7 +35,7 @@ using testing::Not;
 
 using Client = KorloSettingsClientImplConfirming;
 
-constexpr const char* ReadOfNothing = "get delimited\n.\n";
+constexpr const char* Question = "get delimited\nKorloSettings/Trusted/Refused\n.\n";  // was it refused?
 constexpr const char* Nothing = "data\n.\n";
 constexpr const char* Doubt = "; a change may or may not be made";
 constexpr ConfirmingLimits Impatient{5000, 50, 50};
@@ -73,18 +77,18 @@ protected:
     std::unique_ptr<Client> pClient;  // is destroyed before its peer, which is the longer way
 };
 
-TEST_F(KorloSettingsClientImplConfirmingTest, EveryChangeIsFollowedByAReadOfNothing)
+TEST_F(KorloSettingsClientImplConfirmingTest, EveryChangeIsFollowedByAQuestion)
 {
     Connect();
     const IniFile changes = Ini("[A]\nx=1\n");
-    EXPECT_EQ(Play([&](Client& client) { client.MergeSettings(changes, 0); }, 6, Nothing), "");
-    EXPECT_EQ(request, "merge\n[A]\nx=1\n.\n" + std::string(ReadOfNothing));
-    EXPECT_EQ(Play([&](Client& client) { client.MergeSettings(changes, 1); }, 6, Nothing), "");
-    EXPECT_EQ(request, "merge nopersist\n[A]\nx=1\n.\n" + std::string(ReadOfNothing));
-    EXPECT_EQ(Play([&](Client& client) { client.OverwriteSettings({"A"}, changes); }, 8, Nothing), "");
-    EXPECT_EQ(request, "overwrite\nA\n.\n[A]\nx=1\n.\n" + std::string(ReadOfNothing));
-    EXPECT_EQ(Play([&](Client& client) { client.RestoreToDefaults({"A*"}); }, 5, Nothing), "");
-    EXPECT_EQ(request, "restore\nA*\n.\n" + std::string(ReadOfNothing));
+    EXPECT_EQ(Play([&](Client& client) { client.MergeSettings(changes, 0); }, 7, Nothing), "");
+    EXPECT_EQ(request, "merge\n[A]\nx=1\n.\n" + std::string(Question));
+    EXPECT_EQ(Play([&](Client& client) { client.MergeSettings(changes, 1); }, 7, Nothing), "");
+    EXPECT_EQ(request, "merge nopersist\n[A]\nx=1\n.\n" + std::string(Question));
+    EXPECT_EQ(Play([&](Client& client) { client.OverwriteSettings({"A"}, changes); }, 9, Nothing), "");
+    EXPECT_EQ(request, "overwrite\nA\n.\n[A]\nx=1\n.\n" + std::string(Question));
+    EXPECT_EQ(Play([&](Client& client) { client.RestoreToDefaults({"A*"}); }, 6, Nothing), "");
+    EXPECT_EQ(request, "restore\nA*\n.\n" + std::string(Question));
     pPeer->Close();
 }
 
@@ -92,11 +96,86 @@ TEST_F(KorloSettingsClientImplConfirmingTest, AChangeReturnsNoSoonerThanItsConfi
 {
     Connect();
     auto merged = std::async(std::launch::async, [&] { pClient->MergeSettings(IniFile(), 0); });
-    EXPECT_EQ(pPeer->Read(4), "merge\n.\n" + std::string(ReadOfNothing));
+    EXPECT_EQ(pPeer->Read(5), "merge\n.\n" + std::string(Question));
     EXPECT_EQ(merged.wait_for(20ms), std::future_status::timeout);
     pPeer->Send(Nothing);
     EXPECT_EQ(merged.wait_for(30s), std::future_status::ready);
     pPeer->Close();
+}
+
+/// The refusal that the call throws; none, with a failure, if it throws none.
+template <typename Call>
+std::optional<RefusedException> RefusalOf(const Call& call)
+{
+    try
+    {
+        call();
+    }
+    catch (const RefusedException& refused)
+    {
+        return refused;
+    }
+    ADD_FAILURE() << "it was not refused";
+    return std::nullopt;
+}
+
+TEST_F(KorloSettingsClientImplConfirmingTest, ARefusedChangeIsThrownWithItsGroupsAndTheClientGoesOn)
+{
+    Connect();
+    auto merged = std::async(std::launch::async,
+                             [&] { return RefusalOf([&] { pClient->MergeSettings(Ini("[A]\nx=1\n"), 0); }); });
+    EXPECT_EQ(pPeer->Read(7), "merge\n[A]\nx=1\n.\n" + std::string(Question));
+    pPeer->Send("data\n[KorloSettings/Trusted/Refused]\ngroup.1=A\ngroup.2=B*\noperation=merge\n.\n");
+    const auto refused = merged.get();
+    ASSERT_TRUE(refused);
+    EXPECT_STREQ(refused->what(), "The settings server refused 'merge': its access rules do not allow it to this "
+                                  "client for 'A', 'B*'");
+    EXPECT_EQ(refused->GetGroups(), (GroupNameCollection{"A", "B*"}));
+    EXPECT_EQ(Play([](Client& client) { client.RestoreToDefaults({"A"}); }, 6, Nothing), "");
+    pPeer->Close();
+}
+
+TEST_F(KorloSettingsClientImplConfirmingTest, EachKindOfChangeTellsOfARefusal)
+{
+    Connect();
+    const std::string refusal = "data\n[KorloSettings/Trusted/Refused]\noperation=it\n.\n";
+    const std::string expected = "The settings server refused 'it': its access rules do not allow it to this client";
+    EXPECT_EQ(Play([](Client& client) { client.MergeSettings(IniFile(), 1); }, 5, refusal), expected);
+    EXPECT_EQ(Play([](Client& client) { client.OverwriteSettings({"A"}, IniFile()); }, 7, refusal), expected);
+    EXPECT_EQ(Play([](Client& client) { client.RestoreToDefaults({"A"}); }, 6, refusal), expected);
+    EXPECT_EQ(Play([](Client& client) { client.TestAndMerge(IniFile(), IniFile()); }, 3, "result\nfailure\n" + refusal),
+              expected);
+    EXPECT_EQ(pPeer->Read(3), Question);
+    pPeer->Close();
+}
+
+TEST_F(KorloSettingsClientImplConfirmingTest, ATestThatFailedAsksWhetherItWasRefused)
+{
+    Connect();
+    bool isMerged = true;
+    const auto test = [&](Client& client) { isMerged = client.TestAndMerge(IniFile(), IniFile()); };
+    EXPECT_EQ(Play(test, 3, std::string("result\nfailure\n") + Nothing), "");
+    EXPECT_FALSE(isMerged);
+    EXPECT_EQ(pPeer->Read(3), Question);
+    EXPECT_EQ(Play(test, 3, "result\nok\n"), "");
+    EXPECT_TRUE(isMerged);
+    auto gone = std::async(std::launch::async, [&] { pClient.reset(); });
+    EXPECT_EQ(pPeer->Read(1), "quit\n") << "after a success nothing is asked";
+    pPeer->Close();
+}
+
+TEST_F(KorloSettingsClientImplConfirmingTest, AServerThatGoesBeforeItSaysWhetherItRefusedFailsTheCall)
+{
+    Connect();
+    auto tested =
+        std::async(std::launch::async, [&] { return MessageOf([&] { pClient->TestAndMerge(IniFile(), IniFile()); }); });
+    EXPECT_EQ(pPeer->Read(3), "test-and-merge\n.\n.\n");
+    pPeer->Send("result\nfailure\n");
+    EXPECT_EQ(pPeer->Read(3), Question);
+    pPeer->Close();
+    EXPECT_THAT(tested.get(), HasSubstr("'test-and-merge' failed with the settings server at '" + address +
+                                        "': it ended the connection"));
+    ExpectThatEveryCallFails();
 }
 
 TEST_F(KorloSettingsClientImplConfirmingTest, ReadsAnswersThatArriveInSmallPieces)
@@ -147,7 +226,7 @@ TEST_F(KorloSettingsClientImplConfirmingTest, AChangeThatIsCutOffMayHaveBeenMade
     Connect();
     auto merged =
         std::async(std::launch::async, [&] { return MessageOf([&] { pClient->MergeSettings(IniFile(), 0); }); });
-    EXPECT_EQ(pPeer->Read(4), "merge\n.\n" + std::string(ReadOfNothing));
+    EXPECT_EQ(pPeer->Read(5), "merge\n.\n" + std::string(Question));
     pPeer->Close();
     EXPECT_THAT(merged.get(), AllOf(HasSubstr("'merge' failed with the settings server at '" + address +
                                               "': it ended the connection"),
@@ -174,12 +253,12 @@ TEST_F(KorloSettingsClientImplConfirmingTest, WhatIsNoSettingsServerIsSeenAtOnce
     {
         SCOPED_TRACE(nonsense);
         Connect();
-        EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, nonsense),
+        EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 5, nonsense),
                     AllOf(HasSubstr("at '" + address + "': something else than a settings server"), HasSubstr(Doubt)));
         ExpectThatEveryCallFails();
     }
     Connect();
-    EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, std::string(1000000, 'x')),
+    EXPECT_THAT(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 5, std::string(1000000, 'x')),
                 HasSubstr("something else than a settings server"))
         << "a line without an end";
 }
@@ -191,8 +270,8 @@ TEST_F(KorloSettingsClientImplConfirmingTest, ANameThatAListCannotCarryCostsNoth
     const std::string refusal = "Group name '.' cannot be sent: it is a full stop or holds a line break";
     EXPECT_EQ(MessageOf([&] { pClient->GetSettings({"."}, settings); }), refusal);
     EXPECT_EQ(MessageOf([&] { pClient->OverwriteSettings({"."}, settings); }), refusal);
-    EXPECT_EQ(Play([](Client& client) { client.RestoreToDefaults({"A"}); }, 5, Nothing), "");
-    EXPECT_EQ(request, "restore\nA\n.\n" + std::string(ReadOfNothing));
+    EXPECT_EQ(Play([](Client& client) { client.RestoreToDefaults({"A"}); }, 6, Nothing), "");
+    EXPECT_EQ(request, "restore\nA\n.\n" + std::string(Question));
     pPeer->Close();
 }
 
@@ -202,7 +281,7 @@ TEST_F(KorloSettingsClientImplConfirmingTest, RefusesSubscriptionsAndStaysUsable
     RecordingCallback callback;
     EXPECT_EQ(MessageOf([&] { pClient->Subscribe(&callback, {"A"}); }),
               "KorloSettingsClient::Subscribe not supported in single threaded mode");
-    EXPECT_EQ(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 4, Nothing), "");
+    EXPECT_EQ(Play([](Client& client) { client.MergeSettings(IniFile(), 0); }, 5, Nothing), "");
     pPeer->Close();
 }
 
@@ -259,6 +338,27 @@ TEST_F(KorloSettingsClientImplConfirmingTest, WithoutAnAddressMessagesNameTheSer
                 HasSubstr("at '127.0.0.1:" + std::to_string(server.GetPort()) + "'"));
 }
 
+TEST(ConfirmingSocketTest, WithoutAnAddressTheSocketOfTheServerIsTaken)
+{
+    const TemporaryFolder folder;
+    const std::string path = folder.PathOf("socket");
+    osa::TcpListener listener("unix:" + path, 0);
+    Client client("", {}, path);
+    ScriptedServer::Peer(listener.Accept()).Close();
+    EXPECT_THAT(MessageOf([&] { client.MergeSettings(IniFile(), 0); }), HasSubstr("at 'unix:" + path + "'"));
+}
+
+TEST(ConfirmingSocketTest, ASocketThatRefusesIsTheFailureWithPathAndReason)
+{
+    const TemporaryFolder folder;
+    const std::string path = folder.PathOf("socket");
+    LeaveSocket(path);
+    EXPECT_EQ(MessageOf([&] { Client("", {}, path); }),
+              "Failed to connect to 'unix:" + path +
+                  "': Connection refused: nobody listens on the socket; the server "
+                  "that made it must be started again");
+}
+
 /// KORLO_SETTINGS_LOCALFILE as the test wants it.
 class LocalFileVariable
 {
@@ -291,6 +391,51 @@ TEST(ConfirmingTest, WhatHasReturnedIsCarriedOut)
     EXPECT_EQ(valueOf("B", "z"), "");
     client.RestoreToDefaults("*");
     EXPECT_EQ(valueOf("A", "x"), "0");
+    EXPECT_EQ(client.GetValue("[B]z"), "0");
+}
+
+/// A client that may read everything and change group A alone.
+///
+/// Thread safety: all methods, from any thread.
+class OneGroup : public server::IClientAccess, private server::IAccessRights
+{
+public:
+    std::shared_ptr<const server::IAccessRights> GetRights() const override
+    {
+        return {std::shared_ptr<const server::IAccessRights>(), this};
+    }
+
+    void OnRefused(const std::string&, const GroupNameCollection&) override {}
+
+private:
+    bool MayReadEverything() const override { return true; }
+    bool MayRead(const std::string&) const override { return true; }
+    bool MayReadAllOf(const std::string&) const override { return true; }
+    bool MayChangeEverything() const override { return false; }
+    bool MayChange(const std::string& group) const override { return group == "A"; }
+    bool MayChangeAllOf(const std::string& nameOrPattern) const override { return nameOrPattern == "A"; }
+};
+
+TEST(ConfirmingTest, AServerWithRulesIsUnderstood)
+{
+    OneGroup access;
+    SettingsServer server(Ini("[A]\nx=0\n[B]\nz=0\n"), &access);
+    KorloSettingsClient client = KorloSettingsClient::Confirming("");
+    const auto refusal = [](const std::string& operation, const std::string& name) {
+        return "The settings server refused '" + operation +
+               "': its access rules do not allow it to this client for '" + name + "'";
+    };
+    EXPECT_EQ(MessageOf([&] { client.SetValue("[B]z", "1"); }), refusal("merge", "B"));
+    EXPECT_EQ(MessageOf([&] { client.MergeSettings(Ini("[A]\nx=1\n[C]\ny=1\n"), 1); }),
+              refusal("merge nopersist", "C"));
+    EXPECT_EQ(MessageOf([&] { client.EraseGroups("*"); }), refusal("overwrite", "*"));
+    EXPECT_EQ(MessageOf([&] { client.RestoreToDefaults("B"); }), refusal("restore", "B"));
+    EXPECT_EQ(MessageOf([&] { client.TestAndMerge(Ini("[B]\nz=0\n"), Ini("[B]\nz=1\n")); }),
+              refusal("test-and-merge", "B"));
+    EXPECT_FALSE(client.TestAndMerge(Ini("[B]\nz=1\n"), Ini("[A]\nx=1\n"))) << "another value is no refusal";
+    EXPECT_TRUE(client.TestAndMerge(Ini("[B]\nz=0\n"), Ini("[A]\nx=1\n")));
+    client.SetValue("[A]x", "2");
+    EXPECT_EQ(client.GetValue("[A]x"), "2");
     EXPECT_EQ(client.GetValue("[B]z"), "0");
 }
 

@@ -8,10 +8,14 @@
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/Files.h"
 #include "support/LogWatch.h"
 #include "support/ScriptedServer.h"
+#include "support/TemporaryFolder.h"
+#include "support/UnixSockets.h"
 
 namespace korlo::settings::client
 {
@@ -227,6 +231,99 @@ TEST_F(KorloSettingsTcpConnectionTest, WritingToAPeerThatHasGoneIsAnErrorAndNoSi
         out << "merge\n.\n" << std::flush;
     }
     EXPECT_FALSE(out.good());
+}
+
+/// A connection that looks for a socket of the test's own, with nothing in the directory.
+class KorloSettingsUnixConnectionTest : public testing::Test
+{
+protected:
+    /// One attempt that fails.
+    void FailToConnect()
+    {
+        EXPECT_EQ(MessageOf([this] { connection.EnsureConnection(1); }), ConnectFailure);
+    }
+
+    int Warnings(const std::string& reason) const
+    {
+        return log.Count("4 KorloSettingsConnection: Failed to connect to 'unix:" + path + "': " + reason);
+    }
+
+    const std::string refused =
+        "Connection refused: nobody listens on the socket; the server that made it must be started again";
+    const std::string absent = "No such file or directory: the server is not running, or listens elsewhere";
+    LogWatch log;
+    const TemporaryFolder folder;
+    const std::string path = folder.PathOf("socket");
+    KorloSettingsTcpConnection connection{path};
+};
+
+TEST_F(KorloSettingsUnixConnectionTest, ReachesTheServerAtItsSocket)
+{
+    osa::TcpListener listener("unix:" + path, 0);
+    connection.EnsureConnection(1);
+    ScriptedServer::Peer peer(listener.Accept());
+    *connection.GetOstream() << "hello\n" << std::flush;
+    EXPECT_EQ(peer.Read(1), "hello\n");
+    EXPECT_THAT(log.GetMessages(), IsEmpty());
+}
+
+TEST_F(KorloSettingsUnixConnectionTest, LooksAnewWithEachAttempt)
+{
+    LeaveSocket(path);
+    FailToConnect();
+    const ScriptedServer registered;
+    connection.EnsureConnection(1);
+    EXPECT_TRUE(connection.IsReady());
+}
+
+TEST_F(KorloSettingsUnixConnectionTest, ASocketThatRefusesIsTheFailureAndWarnedOfOnce)
+{
+    LeaveSocket(path);
+    FailToConnect();
+    FailToConnect();
+    EXPECT_EQ(Warnings(refused), 1);
+    EXPECT_EQ(log.GetMessages().size(), 5u) << "two texts of each attempt, and the reason";
+}
+
+TEST_F(KorloSettingsUnixConnectionTest, AnotherReasonIsWarnedOfToo)
+{
+    osa::ServiceDirectory::Register(KorloSettingsTcpConnection::ServerHost, "unix:" + path, 0);
+    FailToConnect();
+    LeaveSocket(path);
+    FailToConnect();
+    FailToConnect();
+    osa::ServiceDirectory::Unregister(KorloSettingsTcpConnection::ServerHost);
+    EXPECT_EQ(Warnings(absent), 1);
+    EXPECT_EQ(Warnings(refused), 1);
+}
+
+TEST_F(KorloSettingsUnixConnectionTest, AfterAConnectionTheSameReasonIsNewsAgain)
+{
+    LeaveSocket(path);
+    FailToConnect();
+    {
+        osa::TcpListener listener("unix:" + path, 0);
+        connection.EnsureConnection(1);
+        connection.CloseConnection();
+        connection.ForgetStreams();
+    }
+    LeaveSocket(path);
+    FailToConnect();
+    EXPECT_EQ(Warnings(refused), 2);
+}
+
+TEST_F(KorloSettingsUnixConnectionTest, ASocketWhoseModeKeepsTheClientOutSaysSo)
+{
+    const osa::TcpListener listener("unix:" + path, 0);
+    ASSERT_EQ(::chmod(folder.GetPath().c_str(), 0711), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0060), 0);
+    const unsigned int user = MayBecomeOtherUsers() ? 41234 : ::geteuid();
+    const auto connect = [this] { FailToConnect(); };
+    MayBecomeOtherUsers() ? AsUser(user, user, {}, connect) : connect();
+    EXPECT_EQ(Warnings("Permission denied: the socket has mode 0060, user " + std::to_string(::geteuid()) + ", group " +
+                       std::to_string(::getegid()) + "; this process, user " + std::to_string(user) +
+                       ", must be one whom the mode lets write"),
+              1);
 }
 
 }  // namespace

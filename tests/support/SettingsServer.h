@@ -13,6 +13,7 @@
 #include "korlo/osa/TcpListener.h"
 #include "korlo/osa/TcpSocketStream.h"
 #include "settings/server/ClientHandler.h"
+#include "settings/server/IClientAccess.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 #include "support/RecordingPersister.h"
@@ -28,8 +29,10 @@ class SettingsServer
 {
 public:
     /// A server whose store has these defaults and keeps its user layer in memory.
-    explicit SettingsServer(const core::IniFile& defaults = core::IniFile())
-        : _persister(PersisterOf(defaults)),
+    /// @param pAccess borrowed, what every client may do; null: everything.
+    explicit SettingsServer(const core::IniFile& defaults = core::IniFile(), server::IClientAccess* pAccess = nullptr)
+        : _pAccess(pAccess),
+          _persister(PersisterOf(defaults)),
           _acceptor([this] { AcceptAll(); })
     {
         osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, "127.0.0.1",
@@ -90,11 +93,12 @@ private:
     void Serve(osa::TcpSocket& socket)
     {
         osa::TcpSocketStream stream(&socket, osa::Infinite);
-        server::ClientHandler handler(&_env, &stream, &stream.GetOstream());
+        server::ClientHandler handler(&_env, &stream, &stream.GetOstream(), nullptr, _pAccess);
         handler.Run();
         socket.Close();
     }
 
+    server::IClientAccess* const _pAccess;
     osa::TcpListener _listener{"127.0.0.1", 0};
     server::RecordingPersister _persister;
     server::SettingsManager _store{&_persister, nullptr, nullptr, false};

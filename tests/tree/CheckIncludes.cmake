@@ -39,7 +39,7 @@ endfunction()
 
 # The headers that lie directly in include/settings/ belong to several floors.
 function(floor_of_settings_header out path)
-    if(path MATCHES "/(SettingLocator|ServerAddress|IChangeCallback|IConnectionCallback|GroupNameCollection)\\.h$")
+    if(path MATCHES "/(SettingLocator|ServerAddress|RefusedException|IChangeCallback|IConnectionCallback|GroupNameCollection)\\.h$")
         set(${out} common PARENT_SCOPE)
     elseif(path MATCHES "/KorloSettingsClient\\.h$")
         set(${out} client PARENT_SCOPE)

@@ -8,7 +8,9 @@
 #include <gmock/gmock.h>
 
 #include "settings/KorloSettingsClient.h"
+#include "settings/RefusedException.h"
 #include "settings/ResourceManager.h"
+#include "support/Files.h"
 #include "support/ScriptedServer.h"
 
 namespace korlo::settings
@@ -131,6 +133,69 @@ TEST_F(ResourceManagerWireTest, AttemptsEndWhenAUsageFails)
     EXPECT_FALSE(manager.ReserveResource("A", "R", 50));
     EXPECT_EQ(manager.GetAvailable("A", "R"), 49) << "the cache is as it was read";
     EXPECT_FALSE(manager.ReserveResource("A", "R", 50)) << "and so nothing more is asked";
+}
+
+constexpr const char* GetRefused = "get delimited\nKorloSettings/Trusted/Refused\n.\n";
+
+std::string Refusal(const std::string& operation, const std::string& group)
+{
+    return "data\n[KorloSettings/Trusted/Refused]\ngroup.1=" + group + "\noperation=" + operation + "\n.\n";
+}
+
+TEST_F(ResourceManagerWireTest, ARefusedReservationThrowsAndLeavesTheManagerUsable)
+{
+    const std::string settings = Total(50) + Consumer("A", 1);
+    const Exchange read{GetR, "data\n" + settings + ".\n"};
+    const Exchange refused{"test-and-merge\n" + settings + ".\n" + Consumer("A", 50) + ".\n", Failure};
+    Play({read,
+          refused,
+          read,
+          {GetRefused, Refusal("test-and-merge", "Resources/R/Consumers/A")},
+          {"test-and-merge\n" + settings + ".\n" + Consumer("A", 2) + ".\n", Ok}});
+    ResourceManager manager(&_client);
+    try
+    {
+        manager.ReserveResource("A", "R", 50);
+        ADD_FAILURE() << "it was not refused";
+    }
+    catch (const RefusedException& refusal)
+    {
+        EXPECT_EQ(refusal.GetGroups(), GroupNameCollection{"Resources/R/Consumers/A"});
+        EXPECT_STREQ(refusal.what(), "The settings server refused 'test-and-merge': its access rules do not allow it "
+                                     "to this client for 'Resources/R/Consumers/A'");
+    }
+    EXPECT_EQ(manager.GetUsed("A", "R"), 1);
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 2)) << "the figures are known";
+}
+
+TEST_F(ResourceManagerWireTest, ARefusalOfATestedGroupThrowsToo)
+{
+    const Exchange read{GetR, "data\n" + Total(50) + ".\n"};
+    Play({read,
+          {"test-and-merge\n" + Total(50) + ".\n" + Consumer("A", 5) + ".\n", Failure},
+          read,
+          {GetRefused, Refusal("test-and-merge", "Resources/R")}});
+    ResourceManager manager(&_client);
+    EXPECT_NE(MessageOf([&] { manager.ReserveResource("A", "R", 5); }), "");
+}
+
+TEST_F(ResourceManagerWireTest, AttemptsGoOnWhereNothingOrSomethingElseWasRefused)
+{
+    const Exchange read{GetR, "data\n.\n"};
+    const std::string attempt = "test-and-merge\n.\n" + Consumer("A", 5) + ".\n";
+    Play({read,
+          {attempt, Failure},
+          read,
+          {GetRefused, "data\n.\n"},
+          {attempt, Failure},
+          read,
+          {GetRefused, Refusal("test-and-merge", "Other")},
+          {attempt, Failure},
+          read,
+          {GetRefused, Refusal("merge", "Resources/R/Consumers/A")},
+          {attempt, Ok}});
+    ResourceManager manager(&_client);
+    EXPECT_TRUE(manager.ReserveResource("A", "R", 5));
 }
 
 TEST_F(ResourceManagerWireTest, AFractionIsComputedAnewWithEachAttempt)
