@@ -2,6 +2,7 @@
 
 #include "ReadWholeFile.h"
 #include "core/IniParser.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::core
 {
