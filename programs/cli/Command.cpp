@@ -37,7 +37,7 @@ constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user l
 
 // What all of them take.
 constexpr Option OfTool[] = {
-    {"--server", "HOST:PORT", "The settings server to talk to.",
+    {"--server", "ADDRESS", "The settings server to talk to: HOST:PORT, [IPV6]:PORT or unix:PATH.",
      [](Invocation& invocation, const std::string& value) { invocation.target.server = value; }},
     {"--local", "FILE", "Work on this file, in this process, without a server.",
      [](Invocation& invocation, const std::string& value) { invocation.target.localFile = value; }},

@@ -20,20 +20,21 @@
 namespace korlo::settings
 {
 
-/// Serves a store on a free port, where every client of this process finds it as long as it lives; one thread a
-/// connection.
+/// Serves a store, on a free port unless a test says otherwise, where every client of this process finds it as long as
+/// it lives; one thread a connection.
 ///
 /// Thread safety: all methods, from any thread.
 class SettingsServer
 {
 public:
     /// A server whose store has these defaults and keeps its user layer in memory.
-    explicit SettingsServer(const core::IniFile& defaults = core::IniFile())
-        : _persister(PersisterOf(defaults)),
+    /// @param address as TcpListener takes it.
+    explicit SettingsServer(const core::IniFile& defaults = core::IniFile(), const std::string& address = "127.0.0.1")
+        : _listener(address, 0),
+          _persister(PersisterOf(defaults)),
           _acceptor([this] { AcceptAll(); })
     {
-        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, "127.0.0.1",
-                                        _listener.GetPort());
+        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, address, _listener.GetPort());
     }
 
     SettingsServer(const SettingsServer&) = delete;
@@ -95,7 +96,7 @@ private:
         socket.Close();
     }
 
-    osa::TcpListener _listener{"127.0.0.1", 0};
+    osa::TcpListener _listener;
     server::RecordingPersister _persister;
     server::SettingsManager _store{&_persister, nullptr, nullptr, false};
     server::SerializationManager _serialization;
