@@ -54,7 +54,7 @@ core::IniFile ControlConnection::Ask(const std::string& request)
     }
     if (first != control::Ok)
     {
-        throw Failed("something else than a control door seems to answer there");
+        throw Failed("something else than a control door seems to answer there", HintAtDoor);
     }
     std::string document;
     for (std::string next = ReadLine(); next != control::EndOfAnswer; next = ReadLine())
@@ -73,7 +73,8 @@ std::string ControlConnection::ReadLine()
         if (next == std::istream::traits_type::eof())
         {
             throw Failed("it ended the connection, or gave no answer for " + std::to_string(_limits.waitMs / 1000) +
-                         " seconds");
+                             " seconds",
+                         HintAtDoor);
         }
         if (++_bytes > _limits.mostBytes)
         {
@@ -101,10 +102,9 @@ void ControlConnection::ThrowError(const std::string& message) const
     throw ControlError(message);
 }
 
-Failure ControlConnection::Failed(const std::string& reason) const
+Failure ControlConnection::Failed(const std::string& reason, const std::string& hint) const
 {
-    return Failure(StatusUnusable, "failed to ask the server's control door " + Quoted(_path) + ": " + reason,
-                   HintAtDoor);
+    return Failure(StatusUnusable, "failed to ask the server's control door " + Quoted(_path) + ": " + reason, hint);
 }
 
 }  // namespace korlo::settings::cli

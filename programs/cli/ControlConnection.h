@@ -51,7 +51,7 @@ public:
 private:
     std::string ReadLine();
     [[noreturn]] void ThrowError(const std::string& message) const;
-    Failure Failed(const std::string& reason) const;
+    Failure Failed(const std::string& reason, const std::string& hint = std::string()) const;
 
     const std::string _path;
     const Limits _limits;

@@ -1,7 +1,11 @@
 // korlo-settings at the control door of a server that the test plays.
 
+#include <functional>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "ControlProtocol.h"
 #include "ToolFixture.h"
