@@ -28,6 +28,11 @@ inline constexpr std::string_view ErrorPrefix = "error ";
 /// How the message begins that answers a question about a user whom the system does not know.
 inline constexpr std::string_view UnknownUser = "unknown user ";
 
+/// What the door itself answers, whatever was asked, to a client too many; and how it begins for a word that it does
+/// not know.
+inline constexpr std::string_view TooManyClients = "eight clients are connected already; try again";
+inline constexpr std::string_view UnknownWord = "unknown word ";
+
 /// A group's name as the last operand of a request: as it stands, or in double quotes, as INI text quotes names, where
 /// a line cannot carry it otherwise.
 inline std::string QuotedName(const std::string& name)

@@ -22,6 +22,16 @@ unsigned long ParseCount(const std::string& text)
     return count;
 }
 
+std::string ParseControlPath(const std::string& path)
+{
+    if (path.empty())
+    {
+        throw Failure(StatusWrongCommandLine, "--control takes the path of a socket, not ''",
+                      std::string("for example --control ") + control::DefaultPath);
+    }
+    return path;
+}
+
 // What commands take of their own.
 constexpr std::span<const Option> NoOptions;
 constexpr Option NoPersist[] = {{"--no-persist", nullptr,
@@ -37,10 +47,12 @@ constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user l
 
 // What all of them take.
 constexpr Option OfTool[] = {
-    {"--server", "HOST:PORT", "The settings server to talk to.",
+    {"--server", "ADDRESS", "The settings server to talk to: HOST:PORT, [IPV6]:PORT or unix:PATH.",
      [](Invocation& invocation, const std::string& value) { invocation.target.server = value; }},
     {"--local", "FILE", "Work on this file, in this process, without a server.",
      [](Invocation& invocation, const std::string& value) { invocation.target.localFile = value; }},
+    {"--control", "PATH", "The control door of the server, in the place of /run/korlo-settings/control.",
+     [](Invocation& invocation, const std::string& value) { invocation.control = ParseControlPath(value); }},
     {"--json", nullptr, "Print results as JSON.",
      [](Invocation& invocation, const std::string&) { invocation.asJson = true; }},
     {"--version", nullptr, "Print the version and exit.",
@@ -136,6 +148,21 @@ const std::vector<Command>& AllCommands()
          "  korlo-settings check device.ini network.ini\n",
          "Prints each as FILE:LINE: message. Status 1 when there are any, 3 when a file cannot be read.", 1,
          Command::AnyNumber, NoOptions, RunCheck},
+        {"access check", "USER read|change GROUP", "Tells whether a user may read or change a group, and why.",
+         "  korlo-settings access check www-data read Network/Wifi\n"
+         "  korlo-settings access check 33 change 'Network/*' --json\n",
+         "Asks the control door of the server, whatever --server and --local say. The user counts as a client on a "
+         "Unix-domain socket, with all the groups that the system gives it; a pattern asks for everything that it can "
+         "match. Prints what decided: the rule, its file and line. Status 0 allowed, 1 refused, 2 unknown user, 3 "
+         "when the door cannot be reached.",
+         3, 3, NoOptions, RunAccessCheck},
+        {"access reload", "", "Lets the server read its access rules anew.",
+         "  korlo-settings access reload\n"
+         "  korlo-settings --control /run/korlo-settings/control access reload --json\n",
+         "Asks the control door of the server, whatever --server and --local say. The new rules hold at once, for "
+         "clients that are connected, too. Status 1, with the first mistake, when the rules make no sense: those "
+         "before stay in force. Status 3 when the door cannot be reached.",
+         0, 0, NoOptions, RunAccessReload},
     };
     return commands;
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ControlProtocol.h"
 #include "Failure.h"
 #include "Session.h"
 
@@ -18,6 +19,7 @@ namespace korlo::settings::cli
 struct Invocation
 {
     Target target;
+    std::string control = control::DefaultPath;  ///< --control PATH
     bool asJson = false;
     std::vector<std::string> operands;  ///< as many as the command takes
     bool noPersist = false;             ///< --no-persist

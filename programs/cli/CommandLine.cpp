@@ -38,7 +38,7 @@ std::string HelpOfTool()
     {
         commands.push_back({command.name, command.summary});
     }
-    return HelpText("korlo-settings [--server HOST:PORT | --local FILE] [--json] COMMAND ...",
+    return HelpText("korlo-settings [--server ADDRESS | --local FILE] [--control PATH] [--json] COMMAND ...",
                     "Reads, changes and watches the settings of a device.", options,
                     "  korlo-settings list 'Network/*'\n"
                     "  korlo-settings set '[Audio]volume' 65\n"

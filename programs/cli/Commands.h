@@ -28,4 +28,8 @@ ExitStatus RunWatch(const Invocation& invocation);
 ExitStatus RunResourceShow(const Invocation& invocation);
 ExitStatus RunResourceReserve(const Invocation& invocation);
 
+// AccessCommands.cpp
+ExitStatus RunAccessCheck(const Invocation& invocation);
+ExitStatus RunAccessReload(const Invocation& invocation);
+
 }  // namespace korlo::settings::cli

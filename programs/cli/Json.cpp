@@ -62,6 +62,25 @@ std::string JsonOf(const std::string& resource, int total, const std::vector<Res
     return Line({{"resource", resource}, {"total", total}, {"consumers", entries}});
 }
 
+std::string JsonOf(const AccessVerdict& verdict)
+{
+    json value = {{"allowed", verdict.isAllowed ? 1 : 0},
+                  {"reason", verdict.reason},
+                  {"rule", json()},
+                  {"file", json()},
+                  {"line", json()}};
+    if (verdict.rule)
+    {
+        value.update({{"rule", verdict.rule->name}, {"file", verdict.rule->file}, {"line", verdict.rule->line}});
+    }
+    return Line(value);
+}
+
+std::string JsonOf(int rules, const std::vector<std::string>& warnings)
+{
+    return Line({{"rules", rules}, {"warnings", warnings}});
+}
+
 std::string JsonOf(const std::vector<std::pair<std::string, core::IniFile::BadLine>>& badLines)
 {
     json lines = json::array();

@@ -35,6 +35,29 @@ struct ResourceConsumer
 /// `{"resource":"R","total":100,"consumers":[{"name":"A","used":30,"max":50}]}`; `max` is null for no cap.
 std::string JsonOf(const std::string& resource, int total, const std::vector<ResourceConsumer>& consumers);
 
+/// What the server's access rules say to a question.
+struct AccessVerdict
+{
+    /// What decided.
+    struct Rule
+    {
+        std::string name;
+        std::string file;
+        int line;
+    };
+
+    bool isAllowed;
+    std::string reason;
+    std::optional<Rule> rule;  ///< nothing where no rule decided
+};
+
+/// `{"allowed":1,"reason":"...","rule":"web","file":"a.ini","line":3}`, with the names and the 0 or 1 of the server's
+/// own answer; `rule`, `file` and `line` are null where no rule decided.
+std::string JsonOf(const AccessVerdict& verdict);
+
+/// `{"rules":3,"warnings":["..."]}`
+std::string JsonOf(int rules, const std::vector<std::string>& warnings);
+
 /// `[{"file":"a.ini","line":3,"message":"..."}]`
 std::string JsonOf(const std::vector<std::pair<std::string, core::IniFile::BadLine>>& badLines);
 

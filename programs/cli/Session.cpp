@@ -40,10 +40,10 @@ void RegisterServer(const std::string& text)
         const ServerAddress address = ServerAddress::Parse(text);
         osa::ServiceDirectory::Register(ServerConnection::ServerHost, address.host, address.port);
     }
-    catch (const osa::Exception&)
+    catch (const osa::Exception& error)
     {
-        throw Failure(StatusWrongCommandLine, "--server takes HOST:PORT, not " + Quoted(text),
-                      "for example --server 127.0.0.1:4711");
+        throw Failure(StatusWrongCommandLine, std::string("--server: ") + error.what(),
+                      "for example --server 127.0.0.1:4711 or --server unix:/run/korlo-settings/socket");
     }
 }
 
@@ -200,7 +200,7 @@ Failure Session::Unreachable(const std::exception& error) const
     const std::string server = _target.server && _pClient == nullptr ? " at " + Quoted(*_target.server) : std::string();
     return Failure(StatusUnusable, "failed to talk to the settings server" + server + ": " + Reason(error.what()),
                    _target.server ? "is korlo-settings-server running there? --local FILE works without a server"
-                                  : "--server HOST:PORT names a server, --local FILE works on a file without one");
+                                  : "--server ADDRESS names a server, --local FILE works on a file without one");
 }
 
 }  // namespace korlo::settings::cli

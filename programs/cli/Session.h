@@ -21,7 +21,7 @@ namespace korlo::settings::cli
 /// Where the settings are. Without either, the client library's own rules hold.
 struct Target
 {
-    std::optional<std::string> server;     ///< HOST:PORT
+    std::optional<std::string> server;     ///< as ServerAddress takes it
     std::optional<std::string> localFile;  ///< a path
 };
 
@@ -46,7 +46,7 @@ public:
 
     using Operation = std::function<void(KorloSettingsClient&)>;
 
-    /// @param target a HOST:PORT that makes no sense throws Failure with StatusWrongCommandLine.
+    /// @param target a server's address that makes no sense throws Failure with StatusWrongCommandLine.
     Session(const Target& target, Purpose purpose);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

@@ -21,8 +21,8 @@
 namespace korlo::settings
 {
 
-/// Serves a store on a free port, where every client of this process finds it as long as it lives; one thread a
-/// connection.
+/// Serves a store, on a free port unless a test says otherwise, where every client of this process finds it as long as
+/// it lives; one thread a connection.
 ///
 /// Thread safety: all methods, from any thread.
 class SettingsServer
@@ -30,13 +30,15 @@ class SettingsServer
 public:
     /// A server whose store has these defaults and keeps its user layer in memory.
     /// @param pAccess borrowed, what every client may do; null: everything.
-    explicit SettingsServer(const core::IniFile& defaults = core::IniFile(), server::IClientAccess* pAccess = nullptr)
+    /// @param address as TcpListener takes it.
+    explicit SettingsServer(const core::IniFile& defaults = core::IniFile(), server::IClientAccess* pAccess = nullptr,
+                            const std::string& address = "127.0.0.1")
         : _pAccess(pAccess),
+          _listener(address, 0),
           _persister(PersisterOf(defaults)),
           _acceptor([this] { AcceptAll(); })
     {
-        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, "127.0.0.1",
-                                        _listener.GetPort());
+        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, address, _listener.GetPort());
     }
 
     SettingsServer(const SettingsServer&) = delete;
@@ -99,7 +101,7 @@ private:
     }
 
     server::IClientAccess* const _pAccess;
-    osa::TcpListener _listener{"127.0.0.1", 0};
+    osa::TcpListener _listener;
     server::RecordingPersister _persister;
     server::SettingsManager _store{&_persister, nullptr, nullptr, false};
     server::SerializationManager _serialization;

@@ -121,7 +121,7 @@ private:
             std::find_if(_words.begin(), _words.end(), [name](const auto& pWord) { return pWord->GetName() == name; });
         if (word == _words.end())
         {
-            WriteError(out, "unknown word '" + std::string(name) + "'");
+            WriteError(out, std::string(control::UnknownWord) + '\'' + std::string(name) + '\'');
             return;
         }
         core::IniFile answer;
@@ -195,8 +195,8 @@ void ControlDoor::Accept(std::unique_ptr<osa::TcpSocket> pSocket)
     _clients.remove_if([](const Client& client) { return client.HasEnded(); });
     if (_clients.size() >= MostClients)
     {
-        constexpr std::string_view refusal = "error eight clients are connected already; try again\n";
         static_assert(MostClients == 8);
+        const std::string refusal = std::string(control::ErrorPrefix) + std::string(control::TooManyClients) + '\n';
         pSocket->WriteAll(refusal.data(), refusal.size(), 0);
         return;
     }

@@ -64,6 +64,10 @@ const Row Rows[] = {
     {{"resource show", "R"}, "resource show", {"R"}},
     {{"resource", "reserve", "R", "A", "-5"}, "resource reserve", {"R", "A", "-5"}},
     {{"resource", "reserve", "--", "R", "A", "-5%"}, "resource reserve", {"R", "A", "-5%"}},
+    {{"access", "check", "u", "read", "-x"}, "access check", {"u", "read", "-x"}},
+    {{"access", "--json", "check", "u", "change", "--", "--g"}, "access check", {"u", "change", "--g"}},
+    {{"access check", "33", "read", "*"}, "access check", {"33", "read", "*"}},
+    {{"access", "reload"}, "access reload", {}},
 };
 
 TEST(CommandLineTest, TakesOptionsWhereTheyStandAndTheRestAsItIs)
@@ -100,6 +104,38 @@ TEST(CommandLineTest, TakesOptionsOfTheToolBeforeAndAfterTheOperands)
     EXPECT_FALSE(server.invocation.all);
     EXPECT_FALSE(server.invocation.asJson);
     EXPECT_TRUE(std::get<CommandRun>(ParseCommandLine({"dump", "--all"})).invocation.all);
+}
+
+std::string HelpFor(const Arguments& arguments)
+{
+    const auto parsed = ParseCommandLine(arguments);
+    return std::holds_alternative<Information>(parsed) ? std::get<Information>(parsed).text : "no help";
+}
+
+TEST(CommandLineTest, TheControlDoorIsTheUsualOneUnlessAnotherIsNamed)
+{
+    for (const Arguments& arguments : {Arguments{"--control", "/c", "access", "reload"},
+                                       {"access", "--control=/c", "reload"},
+                                       {"access", "reload", "--control", "/c"}})
+    {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        EXPECT_EQ(std::get<CommandRun>(ParseCommandLine(arguments)).invocation.control, "/c");
+    }
+    const auto usual = std::get<CommandRun>(ParseCommandLine({"access", "reload"}));
+    EXPECT_EQ(usual.invocation.control, "/run/korlo-settings/control");
+}
+
+TEST(CommandLineTest, HelpTellsOfAllAddressesAndOfTheControlDoor)
+{
+    for (const Arguments& arguments : {Arguments{"--help"}, {"access", "check", "--help"}})
+    {
+        const std::string help = HelpFor(arguments);
+        EXPECT_THAT(help, HasSubstr("  --server ADDRESS  "));
+        EXPECT_THAT(help, HasSubstr("HOST:PORT, [IPV6]:PORT or unix:PATH"));
+        EXPECT_THAT(help, HasSubstr("  --control PATH "));
+        EXPECT_THAT(help, HasSubstr(control::DefaultPath));
+    }
+    EXPECT_THAT(HelpFor({"--help"}), HasSubstr("[--server ADDRESS | --local FILE] [--control PATH] [--json]"));
 }
 
 TEST(CommandLineTest, TheLastArgumentOfSetIsItsValueWhateverItIs)
@@ -166,6 +202,14 @@ TEST(CommandLineTest, RefusesWhatMakesNoSense)
         {{"test-and-merge", "f"}, "test-and-merge was given too few arguments"},
         {{"overwrite", "A", "--with"}, "--with needs a value"},
         {{"overwrite", "--with", "f"}, "overwrite was given too few arguments"},
+        {{"access"}, "unknown command 'access': it is 'access check' or 'access reload'"},
+        {{"access", "grant"}, "unknown command 'access grant': it is 'access check' or 'access reload'"},
+        {{"access", "check", "u", "read"}, "access check was given too few arguments"},
+        {{"access", "check", "u", "read", "A", "B"}, "access check was given too many arguments"},
+        {{"access", "reload", "f"}, "access reload was given too many arguments"},
+        {{"--control", "", "access", "reload"}, "--control takes the path of a socket"},
+        {{"access", "reload", "--control"}, "--control needs a value"},
+        {{"access", "reload", "--control", "a", "--control", "b"}, "--control was given twice"},
         {{"watch", "A", "--count", "0"}, "--count"},
         {{"watch", "A", "--count", "-1"}, "--count"},
         {{"watch", "A", "--count", "x"}, "--count"},
@@ -200,12 +244,6 @@ TEST(CommandLineTest, AnUnknownOptionIsRefusedWithAHintAtTheEndOfOptions)
     {
         EXPECT_THAT(failure.GetHint(), HasSubstr("'--'"));
     }
-}
-
-std::string HelpFor(const Arguments& arguments)
-{
-    const auto parsed = ParseCommandLine(arguments);
-    return std::holds_alternative<Information>(parsed) ? std::get<Information>(parsed).text : "no help";
 }
 
 TEST(CommandLineTest, EveryCommandHasHelpWithExamples)

@@ -1,6 +1,7 @@
 // What each command of korlo-settings prints, changes and returns.
 
 #include "ToolFixture.h"
+#include "support/SettingsServer.h"
 
 namespace korlo::settings::cli
 {
@@ -239,6 +240,12 @@ TEST_F(SettingsToolTest, AWrongCommandLineIsStatusTwo)
     ExpectResult(Run({"frobnicate"}), 2, "",
                  AllOf(StartsWith("korlo-settings: unknown command 'frobnicate'\n"), HasSubstr("--help")));
     ExpectResult(Run({"--server", "nonsense", "list"}), 2, "", HasSubstr("HOST:PORT"));
+    for (const std::string address : {"nonsense", "[::1]", ":4711", "unix:", "UNIX:/run/socket"})
+    {
+        ExpectResult(Run({"--server", address, "list"}), 2, "",
+                     AllOf(HasSubstr("--server: '" + address + "' is not the address of a settings server"),
+                           HasSubstr("unix:PATH"), HasSubstr("hint: for example --server 127.0.0.1:4711")));
+    }
     ExpectResult(Run({"bad\x1B[2J"}), 2, "", HasSubstr("'bad\\x1B[2J'"));
 }
 
@@ -248,6 +255,40 @@ TEST_F(SettingsToolTest, AServerThatCannotBeReachedIsStatusThree)
     ExpectResult(
         Run({"--server", "127.0.0.1:1", "list"}), 3, "",
         AllOf(HasSubstr("failed to talk to the settings server at '127.0.0.1:1': "), HasSubstr("--local FILE")));
+}
+
+TEST_F(SettingsToolTest, ASocketFileThatIsNotThereIsStatusThreeWithItsPath)
+{
+    const std::string address = "unix:" + PathOf("socket");
+    for (const Arguments& arguments :
+         {Arguments{"get", "Audio"}, {"set", "[Audio]volume", "1"}, {"watch", "*"}, {"dump"}})
+    {
+        SCOPED_TRACE(arguments.front());
+        Arguments words = {"--server", address};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        ExpectResult(Run(words), 3, "",
+                     AllOf(HasSubstr("failed to talk to the settings server at '" + address + "': "),
+                           HasSubstr("No such file or directory"),
+                           HasSubstr("is korlo-settings-server running there?")));
+    }
+}
+
+TEST_F(SettingsToolTest, EveryKindOfCommandReachesAServerOnASocketFile)
+{
+    const std::string address = "unix:" + PathOf("socket");
+    core::IniFile defaults;
+    defaults.LoadFromString("[Audio]\nvolume=40\n");
+    const SettingsServer server(defaults, address);
+    ExpectResult(Run({"--server", address, "get", "[Audio]volume"}), 0, "40\n");
+    ExpectResult(Run({"--server", address, "set", "[Audio]volume", "41"}), 0, "");
+    ExpectResult(Run({"--server", address, "get", "Audio"}), 0, "[Audio]\nvolume=41\n");
+    ExpectResult(Run({"--server", address, "dump"}), 0, "[Audio]\nvolume=41\n");
+    ExpectResult(Run({"--server", address, "subscribed"}), 0, "");
+    ChildProcess watcher(Command({"--server", address, "watch", "Audio", "--count", "1"}));
+    watcher.AwaitErrors("watching\n");
+    ExpectResult(Run({"--server", address, "merge"}, "[Audio]\nvolume=42\n"), 0, "");
+    EXPECT_EQ(watcher.Wait(), 0);
+    EXPECT_THAT(watcher.GetOutput(), HasSubstr("volume=42\n"));
 }
 
 TEST_F(SettingsToolTest, TheVariableHoldsOnlyWithoutOptions)

@@ -1,0 +1,140 @@
+#include <algorithm>
+
+#include "Commands.h"
+#include "ControlConnection.h"
+#include "ControlProtocol.h"
+#include "IniText.h"
+#include "Json.h"
+#include "StandardStreams.h"
+#include "korlo/core/StringUtil.h"
+
+namespace korlo::settings::cli
+{
+namespace
+{
+
+using core::IniFile;
+
+constexpr const char* AnswerGroup = "Access";
+constexpr const char* HintAtNumber = "a user is a name that the server's system knows, or a number";
+
+/// Empty where the answer does not say.
+std::string Said(const IniFile& answer, const std::string& key)
+{
+    return answer.HasValue(AnswerGroup, key) ? answer.GetValue(AnswerGroup, key) : std::string();
+}
+
+int SaidNumber(const IniFile& answer, const std::string& key)
+{
+    int number = 0;
+    if (!core::StringUtil::TryParse(Said(answer, key), number))
+    {
+        throw Failure(StatusUnusable,
+                      "the server's control door gave an answer that makes no sense: " + Quoted(key) +
+                          " is no number, but " + Quoted(Said(answer, key)),
+                      "is the server of the same version as this program?");
+    }
+    return number;
+}
+
+void CheckUser(const std::string& user)
+{
+    // In the request it is one word.
+    if (user.empty() || user.find_first_of(" \t\n") != std::string::npos)
+    {
+        throw Failure(StatusWrongCommandLine, "unknown user " + Quoted(user), HintAtNumber);
+    }
+}
+
+void CheckKind(const std::string& kind)
+{
+    if (kind != control::Read && kind != control::Change)
+    {
+        throw Failure(StatusWrongCommandLine,
+                      std::string("access check takes ") + control::Read + " or " + control::Change + ", not " +
+                          Quoted(kind),
+                      "for example korlo-settings access check www-data read Audio");
+    }
+}
+
+AccessVerdict VerdictOf(const IniFile& answer)
+{
+    AccessVerdict verdict = {SaidNumber(answer, "allowed") != 0, Said(answer, "reason"), std::nullopt};
+    if (answer.HasValue(AnswerGroup, "rule"))
+    {
+        verdict.rule = {Said(answer, "rule"), Said(answer, "file"), SaidNumber(answer, "line")};
+    }
+    return verdict;
+}
+
+/// A line, whatever the names hold.
+std::string TextOf(const AccessVerdict& verdict)
+{
+    const std::string outcome = verdict.isAllowed ? "allowed: " : "refused: ";
+    if (!verdict.rule)
+    {
+        return outcome + verdict.reason + '\n';
+    }
+    return outcome + "rule " + Quoted(NameToken(verdict.rule->name)) + " in " + NameToken(verdict.rule->file) +
+           " line " + std::to_string(verdict.rule->line) + (verdict.isAllowed ? " allows it\n" : " denies it\n");
+}
+
+std::vector<std::string> WarningsIn(const IniFile& answer)
+{
+    std::vector<std::string> warnings;
+    for (std::string key = "warning.1"; answer.HasValue(AnswerGroup, key);
+         key = "warning." + std::to_string(warnings.size() + 1))
+    {
+        warnings.push_back(answer.GetValue(AnswerGroup, key));
+    }
+    return warnings;
+}
+
+}  // namespace
+
+ExitStatus RunAccessCheck(const Invocation& invocation)
+{
+    const std::string& user = invocation.operands[0];
+    const std::string& kind = invocation.operands[1];
+    CheckUser(user);
+    CheckKind(kind);
+    const std::string request =
+        std::string(control::AccessCheck) + ' ' + user + ' ' + kind + ' ' + control::QuotedName(invocation.operands[2]);
+    try
+    {
+        const AccessVerdict verdict = VerdictOf(ControlConnection(invocation.control).Ask(request));
+        WriteOutput(invocation.asJson ? JsonOf(verdict) : TextOf(verdict));
+        return verdict.isAllowed ? StatusDone : StatusNo;
+    }
+    catch (const ControlError& error)
+    {
+        const std::string message = error.what();
+        throw message.starts_with(control::UnknownUser)
+            ? Failure(StatusWrongCommandLine, message, HintAtNumber)
+            : Failure(StatusUnusable, "the server failed to answer: " + Reason(message));
+    }
+}
+
+ExitStatus RunAccessReload(const Invocation& invocation)
+{
+    try
+    {
+        const IniFile answer = ControlConnection(invocation.control).Ask(control::AccessReload);
+        const int rules = SaidNumber(answer, "rules");
+        const std::vector<std::string> warnings = WarningsIn(answer);
+        if (invocation.asJson)
+        {
+            WriteOutput(JsonOf(rules, warnings));
+            return StatusDone;
+        }
+        std::ranges::for_each(warnings, WriteMessage);
+        WriteOutput("access rules in force: " + std::to_string(rules) + '\n');
+        return StatusDone;
+    }
+    catch (const ControlError& error)
+    {
+        throw Failure(StatusNo, Reason(error.what()));
+    }
+}
+
+}  // namespace korlo::settings::cli
