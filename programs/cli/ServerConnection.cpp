@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Operands.h"
+#include "client/ServerLookup.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::settings::cli
@@ -14,14 +15,14 @@ namespace
 
 namespace word = common::word;
 
-constexpr unsigned short PortOfHost = 0;
 constexpr unsigned short NoDelay = 1;
 constexpr unsigned int ConnectTimeoutMs = 5'000;
 constexpr unsigned int AnswerTimeoutMs = 15'000;
 
 osa::TcpSocket* Connected(osa::TcpSocket& socket)
 {
-    socket.Connect(ServerConnection::ServerHost, PortOfHost, ConnectTimeoutMs);
+    const ServerAddress server = client::FindServer(client::ServerSocketPath);
+    socket.Connect(server.host.c_str(), server.port, ConnectTimeoutMs);
     return &socket;
 }
 

@@ -8,6 +8,7 @@
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/ServiceDirectory.h"
+#include "settings/RefusedException.h"
 #include "settings/ServerAddress.h"
 
 namespace korlo::settings::cli
@@ -56,6 +57,10 @@ auto Session::Guarded(const Call& call) const
     try
     {
         return call();
+    }
+    catch (const RefusedException& refused)
+    {
+        throw Failure(StatusNo, Reason(refused.what()), "'korlo-settings access check' tells which rule decides");
     }
     catch (const osa::Exception& error)
     {

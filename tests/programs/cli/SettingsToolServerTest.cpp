@@ -396,5 +396,15 @@ TEST_F(SettingsToolServerTest, TheOptionWinsOverTheEnvironment)
     EXPECT_EQ(ReadFile(), "[Audio]\nvolume=9\n");
 }
 
+TEST_F(SettingsToolServerTest, AChangeThatTheRulesRefuseIsStatusOneWithItsGroups)
+{
+    Write("rules.ini", "[Access/tcp]\npeer=tcp\nread=*\nchange=Audio\n");
+    ServerProcess server({"--user", PathOf("rules-user.ini"), "--access", PathOf("rules.ini")});
+    const std::string address = "127.0.0.1:" + std::to_string(server.GetPort());
+    ExpectResult(Run({"--server", address, "set", "[Audio]volume", "1"}), 0, "");
+    ExpectResult(Run({"--server", address, "set", "[Network]k", "1"}), 1, "", testing::HasSubstr("'Network'"));
+    ExpectResult(Run({"--server", address, "erase", "Network*"}), 1, "", testing::HasSubstr("Network*"));
+}
+
 }  // namespace
 }  // namespace korlo::settings::cli

@@ -278,7 +278,7 @@ TEST_F(SettingsToolTest, EveryKindOfCommandReachesAServerOnASocketFile)
     const std::string address = "unix:" + PathOf("socket");
     core::IniFile defaults;
     defaults.LoadFromString("[Audio]\nvolume=40\n");
-    const SettingsServer server(defaults, address);
+    const SettingsServer server(defaults, nullptr, address);
     ExpectResult(Run({"--server", address, "get", "[Audio]volume"}), 0, "40\n");
     ExpectResult(Run({"--server", address, "set", "[Audio]volume", "41"}), 0, "");
     ExpectResult(Run({"--server", address, "get", "Audio"}), 0, "[Audio]\nvolume=41\n");
