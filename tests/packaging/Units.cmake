@@ -52,9 +52,9 @@ if(EXISTS ${rules}/10-shipped.ini)
 endif()
 
 # The units find one another, what they wait for, and the program that they start; no line is unknown.
-run(pkg-config --variable=systemdsystemunitdir systemd)
+run(${PKG_CONFIG} --variable=systemdsystemunitdir systemd)
 string(STRIP "${OUTPUT}" system_units)
-file(GLOB targets ${system_units}/*.target ${system_units}/*.slice)
+file(GLOB targets ${system_units}/*.target)
 file(COPY ${targets} DESTINATION ${units})
 run(systemd-analyze verify --man=no --root=${device}
     korlo-settings-server.service korlo-settings-server.socket korlo-settings-server-control.socket)
