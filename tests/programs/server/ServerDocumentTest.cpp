@@ -153,29 +153,5 @@ TEST(ServerDocumentTest, EveryOptionIsDescribed)
     }
 }
 
-TEST(ServerDocumentTest, TheUnitStartsTheServerWithOptionsThatItTakes)
-{
-    const std::string unit = ContentOf(std::string(KORLO_DOCS) + "/../packaging/korlo-settings-server.service").value();
-    const std::string start = "ExecStart=/usr/sbin/";
-    std::istringstream line(unit.substr(unit.find(start) + start.size()));
-    std::string command;
-    std::getline(line, command);
-    std::istringstream text(command);
-    std::vector<std::string> words;
-    for (std::string word; text >> word;)
-    {
-        words.push_back(word);
-    }
-    std::vector<const char*> arguments;
-    for (const std::string& word : words)
-    {
-        arguments.push_back(word.c_str());
-    }
-    const ServerOptions options = ParseOptions(static_cast<int>(arguments.size()), arguments.data());
-    EXPECT_EQ(options.userPath, ServerOptions().userPath);
-    EXPECT_THAT(unit, HasSubstr("\nType=notify\n"));
-    EXPECT_THAT(unit, HasSubstr("\nStateDirectory=korlo-settings\n"));
-}
-
 }  // namespace
 }  // namespace korlo::daemon
