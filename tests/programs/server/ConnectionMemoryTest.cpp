@@ -42,7 +42,8 @@ protected:
     struct Served
     {
         Served(ConnectionMemoryTest& test, const std::string& requests)
-            : connection(std::move(pair.pServer), test.store.env, ServerLimits(), test.gathered, test.owner)
+            : connection(std::move(pair.pServer), peer, test.store.env, test.access, ServerLimits(), test.gathered,
+                         test.owner)
         {
             connection.Start();
             stream.GetOstream() << requests + "get delimited\n.\n" << std::flush;
@@ -72,6 +73,7 @@ protected:
 
     LogWatch log;
     settings::server::ExchangeStore store;
+    AccessControl access{nullptr, std::nullopt};
     GatheredQueues gathered;
     AnyOwner owner;
 };
