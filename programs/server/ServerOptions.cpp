@@ -103,7 +103,7 @@ void AddOptions(CLI::App& app, ServerOptions& options)
         ->default_str("127.0.0.1:4711");
     app.add_option_function<std::string>(
            "--socket-mode", [&options](const std::string& text) { options.socketMode = ParseMode(text); },
-           "Who may connect to the Unix-domain sockets of --listen: the mode of their files")
+           "The mode of the files of Unix-domain sockets that --listen makes")
         ->type_name("MODE")
         ->take_last()
         ->default_str("0660");
