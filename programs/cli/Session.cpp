@@ -121,7 +121,7 @@ core::IniFile Session::Read(const GroupNameCollection& groups)
         return Guarded([&] { return ServerConnection().GetSettings(groups); });
     }
     core::IniFile settings;
-    KorloSettingsClient& client = Client();
+    const KorloSettingsClient& client = Client();
     Guarded([&] { client.GetSettings(groups, settings); });
     return settings;
 }

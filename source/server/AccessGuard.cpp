@@ -192,7 +192,7 @@ bool AccessGuard::AllowsRestore(const common::GroupNameMatcher& namesAndPatterns
     return Allows("restore", refused);
 }
 
-bool AccessGuard::Allows(const char* operation, GroupNameCollection& refused)
+bool AccessGuard::Allows(const char* operation, const GroupNameCollection& refused)
 {
     if (refused.empty())
     {

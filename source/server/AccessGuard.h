@@ -67,7 +67,7 @@ public:
     bool AllowsRestore(const common::GroupNameMatcher& namesAndPatterns);
 
 private:
-    bool Allows(const char* operation, GroupNameCollection& refused);
+    bool Allows(const char* operation, const GroupNameCollection& refused);
 
     FullAccess _fullAccess;
     IClientAccess* const _pAccess;

@@ -176,7 +176,9 @@ struct SettingsManager::Notification
 {
     std::uint64_t version;
     std::type_index form;  // serializers have no state
+    // cppcheck-suppress unusedStructMember ; it does not see that WriteNotification uses them
     GroupNameCollection groups;
+    // cppcheck-suppress unusedStructMember
     std::string text;
 };
 
