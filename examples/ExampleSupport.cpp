@@ -32,7 +32,11 @@ void UseServer(const std::string& text)
     {
         throw std::invalid_argument("--server takes HOST:PORT, for example 127.0.0.1:4711, not '" + text + "'");
     }
-    osa::ServiceDirectory::Register("korlo-settings-server", text.substr(0, colon), static_cast<unsigned short>(port));
+    const std::string address = text.substr(0, colon);
+    // [server]
+    // Before the first client of the process is made: all of them look for the server there.
+    osa::ServiceDirectory::Register("korlo-settings-server", address, static_cast<unsigned short>(port));
+    // [end]
     ::unsetenv("KORLO_SETTINGS_LOCALFILE");  // it would turn every client into a local one
 }
 

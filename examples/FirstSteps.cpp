@@ -74,7 +74,7 @@ void Run(const Operands&, Termination& termination)
 {
     // [subscribe]
     AudioChanges callback;
-    KorloSettingsClient client(KorloSettingsClient::MultiThreaded);  // goes before the callback
+    KorloSettingsClient client(KorloSettingsClient::MultiThreaded);  // is destroyed before the callback
     client.Subscribe(&callback, "Audio");
     // [end]
     ReadAndChange(client);

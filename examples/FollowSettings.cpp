@@ -27,7 +27,7 @@ void Apply(int volume, bool echoCancel, const std::string& ringtone)
 void Run(const Operands&, Termination& termination)
 {
     // [follow]
-    // In this order: what is declared last goes first, the watcher before its client and its variables.
+    // In this order: the watcher is destroyed before its client and its variables.
     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
     int volume = 0;
     bool echoCancel = false;

@@ -31,7 +31,7 @@ void Run(const Operands& patterns, Termination& termination)
     // [mirror]
     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
     IniFile mirror;
-    IniWatcher watcher(&client, &mirror);  // goes before its document and its client
+    IniWatcher watcher(&client, &mirror);  // is destroyed before its document and its client
     for (const std::string& pattern : patterns)
     {
         watcher.AddPattern(pattern);  // all of them before the first Update

@@ -11,7 +11,7 @@ namespace korlo::settings
 
 class KorloSettingsClient;
 
-/// Keeps a document in step with chosen groups. Changes are only gathered when they arrive; the application applies
+/// Keeps a document in step with chosen groups. Changes are only collected when they arrive; the application applies
 /// them when it calls Update or TryUpdate, on its own thread, so nobody else ever touches the document.
 ///
 ///     IniFile mirror;
@@ -21,8 +21,8 @@ class KorloSettingsClient;
 ///         if (watcher.Update())
 ///             Apply(mirror);
 ///
-/// A change that is made between the first reading and the subscription, both in the first Update, is met at the next
-/// change of its group.
+/// A change that is made between the first reading and the subscription, both in the first Update, shows up with its
+/// group's next change.
 ///
 /// Thread safety: one thread owns the watcher and the document; notifications come on the client's thread. It may be
 /// destroyed while they arrive, unless the client is local: that one goes on calling, so the watcher must outlive
@@ -50,7 +50,7 @@ public:
     /// @throws whatever the client throws in the first call.
     bool Update();
 
-    /// As a later Update, but returns false rather than wait for a notification that is being gathered.
+    /// As a later Update, but returns false instead of waiting while a notification is being recorded.
     /// @throws osa::Exception "TryUpdate called before Update".
     bool TryUpdate();
 

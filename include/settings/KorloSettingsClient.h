@@ -26,31 +26,60 @@ class KorloSettingsClientImpl;
 ///     std::string mode = client.GetValue("[Network]mode");
 ///
 /// Where an operation takes group names, an entry that holds `*` is a pattern. Documents to be filled are added to,
-/// never cleared.
+/// never cleared; a read whose answer was lost adds nothing.
 ///
-/// Thread safety: all methods, from any thread, in the local mode. Callbacks then run on the thread that made the
-/// change, before its call returns.
+/// **When a change is made.** In the local mode, when the call returns. In the other modes MergeSettings, SetValue,
+/// OverwriteSettings, EraseGroups and RestoreToDefaults return once the request is on its way: the server carries it
+/// out afterwards, and if it fails there (a full disk, say), nobody is told. To be sure, read with the same client: the
+/// server answers requests in their order. A single-threaded client may have reconnected for that read, and the change
+/// may be lost: compare what it read. TestAndMerge waits for the answer in every mode, and a client made by
+/// KorloSettingsClient::Confirming waits for every change.
+///
+/// **Failures.** Every operation that needs the server may throw an osa::Exception:
+///
+/// - MultiThreaded: without a connection it waits for up to 10 s, then throws an osa::LockException. "%s lost
+///   connection to korlo-settings-server": the request could not be written. "%s failed to communicate with
+///   korlo-settings-server": the connection was lost before the answer came, and the change of a TestAndMerge may have
+///   been made. After a connection was lost while nobody waited for an answer, the first call that awaits one fails
+///   with this text too, at once and with nothing sent: a read may always be repeated.
+/// - SingleThreaded: "Failed to connect to korlo-settings-server", after some 20 s (five attempts, in each of which it
+///   tries to connect five times, a second apart). A request whose connection breaks before its answer is sent again:
+///   a change may be made twice, and TestAndMerge reports the last attempt.
+/// - LocalMultiThreaded and LocalSingleThreaded: as their counterparts, over a connection that does not break.
+/// - A client made by Confirming: what failed, with which server and why, as said there.
+/// - All modes but Local: "Group name '%s' cannot be sent: it is a full stop or holds a line break", before anything is
+///   sent.
+///
+/// Nothing but Confirming limits the wait for a server that is connected and does not answer.
+///
+/// Thread safety: all methods, from any thread, in every mode. A single-threaded or confirming client serves one call
+/// at a time, a multi-threaded one one call that awaits an answer at a time; the others wait, without a limit, before
+/// their own limits begin. Destroy the client when no call is under way, and never in a callback. What a callback may
+/// do, and on which thread it runs: see IChangeCallback.
 class KorloSettingsClient
 {
 public:
     /// How the client reaches the settings.
     enum OperationMode : int
     {
-        MultiThreaded = 0,        ///< the settings server over TCP, with change notifications
+        MultiThreaded = 0,        ///< the settings server over TCP, with change notifications and a thread for them
         SingleThreaded = 1,       ///< the settings server over TCP, without
-        Local = 2,                ///< a store of its own in this process
-        LocalSingleThreaded = 3,  ///< as SingleThreaded, over a connection within this process
-        LocalMultiThreaded = 4    ///< as MultiThreaded, over a connection within this process
+        Local = 2,                ///< a store of its own in this process, with notifications, filled by the defaults
+        LocalSingleThreaded = 3,  ///< as SingleThreaded, over an empty store in this process, without defaults
+        LocalMultiThreaded = 4    ///< as MultiThreaded, over an empty store in this process, without defaults
     };
 
     /// If the environment variable KORLO_SETTINGS_LOCALFILE is set, the client is local whatever the mode, over the
-    /// file that it names (if it is not empty). The client is ready when the constructor returns.
-    /// @throws osa::Exception "Invalid or unsupported operation mode"; or that the file cannot be read, with its path
-    ///         and the reason.
+    /// file that it names (if it is not empty). The file is read once and never written. The client may be used when
+    /// the constructor returns, which does not wait for a connection: MultiThreaded connects on a thread of its own,
+    /// SingleThreaded with the first operation.
+    /// @throws osa::Exception "Invalid or unsupported operation mode"; that the file cannot be read, with its path
+    ///         and the reason; or that no thread can be started.
     explicit KorloSettingsClient(OperationMode mode);
 
-    /// The same with the application's defaults, which only a local client uses; they are copied. Values of the file
-    /// that KORLO_SETTINGS_LOCALFILE names override them key by key.
+    /// The same with the application's defaults, which only the local mode uses; they are copied. Values of the file
+    /// that KORLO_SETTINGS_LOCALFILE names override them key by key. Restricted groups are dropped from both.
+    /// @throws osa::Exception as above.
     KorloSettingsClient(OperationMode mode, const core::IniFile& defaults);
 
     /// A client for tools and scripts, which want to know what became of a change. It connects at once or throws, never
@@ -63,7 +92,7 @@ public:
     /// not.
     ///
     ///     KorloSettingsClient client = KorloSettingsClient::Confirming("panel.local:4711");
-    ///     client.SetValue("[Network]mode", "dhcp");  // it is so now, and on the server's disk
+    ///     client.SetValue("[Network]mode", "dhcp");  // the server has it now
     ///
     /// @param address HOST:PORT, [IPV6]:PORT or unix:PATH; see ServerAddress. An address is used whatever the
     ///        environment says. Empty: if KORLO_SETTINGS_LOCALFILE is set, the client is a local one, whose changes are
@@ -75,10 +104,12 @@ public:
     KorloSettingsClient(const KorloSettingsClient&) = delete;
     KorloSettingsClient& operator=(const KorloSettingsClient&) = delete;
 
-    /// Ends all subscriptions; callbacks are not deleted.
+    /// Ends all subscriptions and waits for a callback that is under way; callbacks are not deleted. A multi-threaded
+    /// client takes a second or two to end while the server is away or hangs.
     ~KorloSettingsClient();
 
-    /// Adds the selected groups to `settings`; a name that selects nothing adds nothing.
+    /// Adds the selected groups to `settings`, restricted ones included; a name that selects nothing adds nothing.
+    /// @throws osa::Exception see Failures, as does every read.
     void GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const;
     void GetSettings(const std::string& group, core::IniFile& settings) const;
 
@@ -89,46 +120,62 @@ public:
     std::string GetValue(const SettingLocator& locator) const;
 
     /// The same by a text such as "[Network]Address".
-    /// @throws osa::Exception "Failed to parse '%s' as a SettingLocator".
+    /// @throws osa::Exception "Failed to parse '%s' as a SettingLocator"; else see Failures.
     std::string GetValue(const std::string& locator) const;
 
-    /// Sets one value, to last; the other keys of its group stay.
+    /// Sets one value and persists it; the other keys of its group stay.
+    /// @throws osa::Exception "Failed to parse '%s' as a SettingLocator" for a text; else as MergeSettings.
     void SetValue(const SettingLocator& locator, const std::string& value);
     void SetValue(const std::string& locator, const std::string& value);
 
     /// Merges `changes`: adds and replaces keys, removes none. Restricted groups are dropped silently.
     /// @param flags bit 0 (value 1): do not persist. Other bits mean nothing.
+    /// @throws osa::Exception see Failures, as does every change; in the local mode whatever a callback throws, and the
+    ///         change stays made.
     void MergeSettings(const core::IniFile& changes);
     void MergeSettings(const core::IniFile& changes, unsigned int flags);
 
-    /// Merges `changes`, to last, if the settings hold every value of `expected` at that moment; else changes nothing
-    /// and returns false. Nobody else's change comes between the test and the merge.
+    /// Merges and persists `changes` if the settings hold every value of `expected`; else changes nothing and returns
+    /// false. Nobody else's change comes between the test and the merge.
+    /// @throws osa::Exception as MergeSettings; the change may have been made when the connection was lost.
     bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes);
 
-    /// Replaces the selected groups by those of `settings`, to last; a selected group that is not in it is erased.
+    /// Replaces the selected groups by those of `settings` and persists that; a selected group that is not in it is
+    /// erased, as by EraseGroups. Restricted groups stay as they are.
+    /// @throws osa::Exception as MergeSettings.
     void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings);
     void OverwriteSettings(const std::string& group, const core::IniFile& settings);
 
     /// Replaces the groups of the same names.
     void OverwriteSettings(const core::IniFile& settings);
 
-    /// Erases the selected groups, to last.
+    /// Erases the selected groups, and records it, so that their defaults do not return at the next start.
+    /// @throws osa::Exception as MergeSettings.
     void EraseGroups(const GroupNameCollection& groups);
     void EraseGroups(const std::string& group);
 
-    /// Returns the selected groups to their defaults.
+    /// Returns the selected groups to their defaults. Over an empty store in this process, which has none, it does
+    /// nothing.
+    /// @throws osa::Exception as MergeSettings.
     void RestoreToDefaults(const GroupNameCollection& groups);
     void RestoreToDefaults(const std::string& group);
 
-    /// Asks for a call at each change of the groups, in addition to what the callback has asked for before.
+    /// Asks for a call at each change of the groups, in addition to what the callback has asked for before. Over a
+    /// server, it returns once the request is on its way; a read with the same client afterwards returns when the
+    /// server has the subscription. The client subscribes again by itself whenever it reconnects; changes that were
+    /// made while it was away are not reported.
     /// @param pCallback borrowed; must stay alive until it is unsubscribed or the client is destroyed. With a local
     ///        client only the latter counts; see UnSubscribe.
+    /// @throws osa::Exception "callback was NULL"; "KorloSettingsClient::Subscribe not supported in single threaded
+    ///         mode", always, in SingleThreaded and LocalSingleThreaded; without a connection as in Failures, and the
+    ///         callback is then not subscribed.
     void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups);
     void Subscribe(IChangeCallback* pCallback, const std::string& group);
 
     /// Drops all groups of the callback at once; an unknown one is ignored. When it returns, no call to the callback is
-    /// under way, unless it was the callback that called. A local client goes on calling the callback until the client
-    /// is destroyed.
+    /// under way, unless it was the callback that called: so hold no lock that a callback takes. Needs no server.
+    /// **A local client goes on calling the callback until the client is destroyed** (Local, and any mode with
+    /// KORLO_SETTINGS_LOCALFILE).
     void UnSubscribe(IChangeCallback* pCallback);
 
     /// Tells `pCallback` whether the client has a connection: now, on the calling thread, and then, with a

@@ -1,5 +1,5 @@
 #pragma once
-// Keeps a process's logging as its settings say.
+// Configures a process's logging from its settings.
 
 #include <memory>
 
@@ -11,8 +11,9 @@ class KorloSettingsClient;
 /// Configures the logging of the whole process from one group of settings, at construction and whenever the group
 /// changes. The keys are those of core::Logger::ConfigureLogging; "log.file", if there, also gets a logrotate stanza.
 ///
-/// A group without "log.level" is given "log.level" 1, "log.syslog" true, "log.stdout" false and "using_defs" false, to
-/// last; its other keys stay. A group that has "log.level" is not written.
+/// A group without "log.level" is given "log.level" 1, "log.syslog" true, "log.stdout" false and "using_defs" false,
+/// which are persisted; its other keys stay. A group that has "log.level" is not written. A group that names no output,
+/// or that is erased later, leaves the messages to standard error.
 ///
 /// Thread safety: construction and destruction on any one thread; reconfigurations come on the client's notification
 /// thread. It may be destroyed while notifications arrive, unless the client is local: that one goes on calling, so the
@@ -20,8 +21,8 @@ class KorloSettingsClient;
 class LogManager
 {
 public:
-    /// With a single-threaded client, which cannot subscribe, this succeeds with an error in the log, and the logging
-    /// stays as it is now.
+    /// With a single-threaded client, which cannot subscribe, this succeeds with an error in the log, and later changes
+    /// of the group have no effect.
     /// @param pClient borrowed, not null; must outlive the log manager.
     /// @param group the name of the group, not null; copied.
     /// @throws osa::Exception "%s was NULL", and whatever the client throws while the group is read or written.

@@ -12,7 +12,7 @@ namespace korlo::settings
 class KorloSettingsClient;
 
 /// Accounts for resources: each has a total of units, perhaps a list of the consumers that may use it, and for each
-/// consumer what it uses now and perhaps a cap. All of it lies in the settings:
+/// consumer what it uses now and perhaps a cap. All of it is kept in the settings:
 ///
 /// | group                                  | key              | meaning                            | when absent   |
 /// |----------------------------------------|------------------|------------------------------------|---------------|
@@ -22,13 +22,14 @@ class KorloSettingsClient;
 /// | the same                               | MaxAllowed       | the most that it may hold          | no cap        |
 ///
 /// A reservation is a test-and-merge of everything that it was computed from: if anybody changed any of it meanwhile,
-/// the manager reads it again and tries anew. A consumer whose CurrentlyUsed appears between the reading and the
+/// the manager reads it again and retries. A consumer whose CurrentlyUsed appears between the reading and the
 /// writing is not seen; where the total must never be exceeded, let every consumer's group hold CurrentlyUsed=0
 /// beforehand. The name of a consumer holds no '/': what follows it is taken for a subgroup, and not counted by the
 /// others.
 ///
-/// Figures come from a cache, which is filled at the first use of a resource and renewed by Refresh alone. What the
-/// client throws passes out.
+/// Figures come from a cache, which is filled at the first use of a resource and renewed by Refresh, or by a
+/// reservation whose test failed. What the client throws passes out. The figures that were known stay then, and the
+/// next reservation reads them again before it relies on them; a resource that was never read is read at its next use.
 ///
 /// Thread safety: none of its own; one thread at a time. Any number of managers, in any number of processes.
 class ResourceManager
@@ -53,7 +54,7 @@ public:
     /// Gives nothing back: what consumers hold stays in the settings. A consumer that is done reserves 0.
     ~ResourceManager();
 
-    /// Reads every resource that was used so far again.
+    /// Reads every resource that was used so far again: all of them, or none if the client throws.
     void Refresh() const;
 
     /// The units that the consumer holds.
@@ -79,7 +80,8 @@ public:
     /// Sets what the consumer holds of every listed resource, all or nothing; false, and nothing written, when any of
     /// it is more than is available or less than 0. A fraction is rounded up to whole units, and a hundredth of a unit
     /// over the available amount is put down to floating-point error. Holding 0 is refused only while the others hold
-    /// more than the total. Of a resource that is listed twice the later entry counts.
+    /// more than the total. Of a resource that is listed twice the later entry counts. If the client throws, the
+    /// reservation may have been written all the same.
     bool ReserveForConsumer(const std::string& consumer, const std::list<ResourceUsage>& usages);
 
 private:

@@ -8,8 +8,8 @@
 namespace korlo::settings
 {
 
-/// Binds a consumer and a resource of a ResourceManager. Every call but IsAuthorized reads the figures anew before it
-/// answers or reserves, so it acts on what is so now.
+/// Binds a consumer and a resource of a ResourceManager. Every call but IsAuthorized reads the figures again before it
+/// answers or reserves, so it acts on current values; if that fails, what the client throws passes out.
 ///
 ///     ResourceReserver bandwidth(&client, "Bandwidth", "video");
 ///     if (bandwidth.TrySetUsage(20))
@@ -44,9 +44,11 @@ public:
 
     /// What the consumer holds.
     int GetCurrentUsage() const;
+
+    /// The units that there are.
     int GetTotalResources() const;
 
-    /// Whether the consumer may use the resource, by what was read last.
+    /// Whether the consumer may use the resource, by what was read last; the first call of all reads it.
     bool IsAuthorized() const;
 
 private:

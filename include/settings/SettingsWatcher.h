@@ -47,7 +47,7 @@ public:
     /// @throws whatever the client throws in the first call.
     bool UpdateSettings();
 
-    /// As a later UpdateSettings, but returns false rather than wait for a notification that is being gathered.
+    /// As a later UpdateSettings, but returns false instead of waiting while a notification is being recorded.
     /// @throws osa::Exception "TryUpdate called before Update".
     bool TryUpdateSettings();
 

@@ -84,6 +84,7 @@ void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombin
 {
     for (const std::string& file : _defaults.Find())
     {
+        _pLogger->Trace("Loading default settings from '%s'", file.c_str());
         core::IniFile document(file.c_str());
         settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
         combiner.LoadFromIni(document);
@@ -94,6 +95,7 @@ void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner&
 {
     if (!SavesNothing() && _file.Exists())
     {
+        _pLogger->Trace("Loading user settings from '%s'", _file.GetPath().c_str());
         const std::string text = Load();
         combiner.LoadFromString(text);
         NoteStored(text);

@@ -1,8 +1,6 @@
 #include "settings/KorloSettingsClient.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <iterator>
 #include <utility>
 
 #include "client/KorloSettingsClientImplConfirming.h"
@@ -25,17 +23,10 @@ using client::KorloSettingsClientImplMultiThreaded;
 using client::KorloSettingsClientImplSingleThreaded;
 using client::KorloSettingsLocalConnection;
 using client::KorloSettingsTcpConnection;
+using common::GroupNamesOf;
 using core::IniFile;
 
 constexpr const char* LocalFileVariable = "KORLO_SETTINGS_LOCALFILE";
-
-GroupNameCollection GroupNamesOf(const IniFile& ini)
-{
-    GroupNameCollection names;
-    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
-                   common::GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
-    return names;
-}
 
 std::unique_ptr<KorloSettingsClientImpl> CreateOverFile(const char* path, const IniFile* pDefaults)
 {
@@ -205,9 +196,7 @@ void KorloSettingsClient::Subscribe(IChangeCallback* pCallback, const std::strin
 
 void KorloSettingsClient::UnSubscribe(IChangeCallback* pCallback)
 {
-    common::CallbackDispatcher& dispatcher = _pImpl->_dispatcher;
-    const osa::MutexAutoLock lock(&dispatcher._mutex);
-    dispatcher._subscriptions.erase(pCallback);
+    _pImpl->_dispatcher.Remove(pCallback);
 }
 
 void KorloSettingsClient::SetConnectionCallback(IConnectionCallback* pCallback)

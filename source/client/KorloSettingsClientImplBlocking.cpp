@@ -14,20 +14,13 @@ namespace
 class RepeatableGet : public GetSettingsCommand
 {
 public:
-    RepeatableGet(const GroupNameCollection* pGroups, core::IniFile* pResult)
-        : GetSettingsCommand(pGroups, pResult),
-          _pResult(pResult)
-    {
-    }
+    using GetSettingsCommand::GetSettingsCommand;
 
     void SendRequest(std::ostream& out) override
     {
         _pResult->Clear();
         GetSettingsCommand::SendRequest(out);
     }
-
-private:
-    core::IniFile* _pResult;
 };
 
 }  // namespace

@@ -22,31 +22,29 @@ constexpr int ConnectionAttempts = 3;
 constexpr unsigned int DoNotWait = 0;
 
 /// Runs one step of the reader thread's cycle, which goes on whatever the step throws; false if it threw.
-/// @param log is called with the reason. What it throws in turn, for want of memory, stays unsaid.
+/// @param log is called with the reason.
 template <typename Step, typename Log>
 bool Survive(const Step& step, const Log& log)
 {
-    const auto logSafely = [&log](const char* reason) {
+    try
+    {
         try
         {
-            log(reason);
+            step();
+            return true;
+        }
+        catch (const std::exception& exception)
+        {
+            log(exception.what());
         }
         catch (...)
         {
+            log("unknown");
         }
-    };
-    try
-    {
-        step();
-        return true;
-    }
-    catch (const std::exception& exception)
-    {
-        logSafely(exception.what());
     }
     catch (...)
     {
-        logSafely("unknown");
+        // There is no memory for the message either, and it stays unsaid.
     }
     return false;
 }

@@ -23,7 +23,9 @@ public:
 
 private:
     const GroupNameCollection* _pGroups;
-    core::IniFile* _pResult;
+
+protected:
+    core::IniFile* const _pResult;
 };
 
 /// Merges changes. Thread safety: as RemoteCommand.

@@ -1,7 +1,8 @@
 #include "settings/common/CallbackDispatcher.h"
 
 #include <algorithm>
-#include <iterator>
+#include <functional>
+#include <utility>
 
 #include "korlo/osa/Exception.h"
 
@@ -25,6 +26,32 @@ const GroupNameCollection& Select(const GroupNameMatcher& subscribed, const Grou
     return copy;
 }
 
+std::uint32_t HashOf(const std::string& name)
+{
+    return static_cast<std::uint32_t>(std::hash<std::string>()(name));
+}
+
+/// Entries that are new to `counts` move there, memory and all.
+template <typename Counts>
+void AddCounts(Counts& counts, Counts& added)
+{
+    counts.merge(added);
+    for (const auto& [key, count] : added)
+    {
+        counts.find(key)->second += count;
+    }
+}
+
+template <typename Counts>
+void TakeOff(Counts& counts, const typename Counts::key_type& key)
+{
+    const auto entry = counts.find(key);
+    if (--entry->second == 0)
+    {
+        counts.erase(entry);
+    }
+}
+
 }  // namespace
 
 CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr)
@@ -33,48 +60,94 @@ CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr)
 
 CallbackDispatcher::~CallbackDispatcher() = default;
 
+void CallbackDispatcher::Index::Count(const GroupNameMatcher& asked, const GroupNameMatcher* pBefore)
+{
+    for (const std::string& name : asked.GetNames())
+    {
+        if (pBefore == nullptr || !pBefore->GetNames().contains(name))
+        {
+            ++_names[HashOf(name)];
+        }
+    }
+    for (const std::string& pattern : asked.GetPatterns())
+    {
+        if (pBefore == nullptr || !pBefore->GetPatterns().contains(pattern))
+        {
+            ++_patterns[pattern];
+        }
+    }
+}
+
+void CallbackDispatcher::Index::Add(Index&& other) noexcept
+{
+    AddCounts(_names, other._names);
+    AddCounts(_patterns, other._patterns);
+}
+
+void CallbackDispatcher::Index::Remove(const GroupNameMatcher& subscribed) noexcept
+{
+    for (const std::string& name : subscribed.GetNames())
+    {
+        TakeOff(_names, HashOf(name));
+    }
+    for (const std::string& pattern : subscribed.GetPatterns())
+    {
+        TakeOff(_patterns, pattern);
+    }
+}
+
+bool CallbackDispatcher::Index::SelectsAny(const GroupNameCollection& groups) const
+{
+    return std::any_of(groups.begin(), groups.end(),
+                       [this](const std::string& group) { return _names.contains(HashOf(group)); }) ||
+           std::any_of(_patterns.begin(), _patterns.end(), [&groups](const auto& pattern) {
+               return GroupNameMatcher::PatternSelectsAny(pattern.first, groups);
+           });
+}
+
 void CallbackDispatcher::AddCallback(IChangeCallback* pCallback, const GroupNameCollection& groups)
 {
-    GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(groups);
-    AddCallback(pCallback, matcher);
+    GroupNameMatcher asked;
+    asked.AddNamesAndPatterns(groups);
+    Add(pCallback, std::move(asked));
 }
 
 void CallbackDispatcher::AddCallback(IChangeCallback* pCallback, const GroupNameMatcher& matcher)
+{
+    Add(pCallback, GroupNameMatcher(matcher));
+}
+
+void CallbackDispatcher::Add(IChangeCallback* pCallback, GroupNameMatcher&& asked)
 {
     if (pCallback == nullptr)
     {
         throw osa::Exception("%s was NULL", "callback");
     }
     const osa::MutexAutoLock lock(&_mutex);
-    Merge(pCallback, matcher);
+    const auto known = _subscriptions.find(pCallback);
+    Index counts;
+    counts.Count(asked, known == _subscriptions.end() ? nullptr : &known->second);
+    GroupNameMatcher& subscribed = _subscriptions[pCallback];
+    // From here on nothing fails: a subscriber that the index knows nothing of would never be called.
+    _index.Add(std::move(counts));
+    subscribed.Merge(std::move(asked));
 }
 
-void CallbackDispatcher::Merge(IChangeCallback* pCallback, const GroupNameMatcher& matcher)
+void CallbackDispatcher::Remove(IChangeCallback* pCallback)
 {
-    _subscriptions[pCallback].Merge(matcher);
-
-    // Rebuilt now and then: in a server that runs for years, subscribers come and go.
-    constexpr std::size_t slack = 64;
-    if (++_addedToEverything > 2 * _subscriptions.size() + slack)
+    SubscriptionMap::node_type removed;  // destroyed after the mutex is released
+    const osa::MutexAutoLock lock(&_mutex);
+    removed = _subscriptions.extract(pCallback);
+    if (!removed.empty())
     {
-        _everything = GroupNameMatcher();
-        for (const auto& [pSubscriber, subscribed] : _subscriptions)
-        {
-            _everything.Merge(subscribed);
-        }
-        _addedToEverything = _subscriptions.size();
-    }
-    else
-    {
-        _everything.Merge(matcher);
+        _index.Remove(removed.mapped());
     }
 }
 
 void CallbackDispatcher::OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) const
 {
     const osa::MutexAutoLock lock(&_mutex);
-    if (!_everything.SelectsAny(changedGroups))
+    if (!_index.SelectsAny(changedGroups))
     {
         return;
     }
@@ -93,10 +166,7 @@ void CallbackDispatcher::OnChange(const GroupNameCollection& changedGroups, cons
 
 void CallbackDispatcher::OnChange(const core::IniFile& settings) const
 {
-    GroupNameCollection names;
-    std::transform(settings.begin(), settings.end(), std::inserter(names, names.end()),
-                   GetFirstFromPairFunctor<std::string, core::IniFile::KeyValueMap>());
-    OnChange(names, settings);
+    OnChange(GroupNamesOf(settings), settings);
 }
 
 void CallbackDispatcher::GetAllSubscribedGroups(GroupNameCollection& groups) const

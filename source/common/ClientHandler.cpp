@@ -6,9 +6,9 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "common/Assertion.h"
-#include "common/NotificationCache.h"
 #include "common/Protocol.h"
 #include "common/ReadDelimitedValues.h"
 #include "korlo/core/Stopwatch.h"
@@ -23,6 +23,7 @@ namespace
 namespace word = common::word;
 
 constexpr const char* Source = "source/common/ClientHandler";
+constexpr std::size_t KeptBytes = 4096;  // of each buffer, that a connection may keep while it waits
 
 /// The next word of a command line, empty when there is none.
 std::string TakeWord(std::istream& line)
@@ -30,6 +31,17 @@ std::string TakeWord(std::istream& line)
     std::string word;
     line >> word;
     return word;
+}
+
+void WriteNotification(std::ostream& out, const GroupNameCollection& groups, const core::IniFile& settings,
+                       const ISettingsSerializer& serializer)
+{
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    out << word::AsyncChange << '\n';
+    common::WriteGroupList(out, groups);
+    serializer.OnSerialize(settings, matcher, out);
+    out << word::EndOfBlock << '\n';
 }
 
 }  // namespace
@@ -107,6 +119,7 @@ ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* p
       _pSerializer(_pSerializationManager->GetSerializer("ini"))
 {
     common::Assert(_pSerializer != nullptr, "_pSerializer != __null", Source);
+    _message.exceptions(std::ios::badbit);  // else a stream that is out of memory drops the rest without a word
 }
 
 ClientHandler::~ClientHandler()
@@ -141,6 +154,11 @@ void ClientHandler::ServeRequests(IRequestGate* pGate)
         words.clear();
         words.str(line);
         MsgDispatcher::Instance().Dispatch(*this, words);
+        if (line.size() > KeptBytes)
+        {
+            std::string().swap(line);
+            std::istringstream().swap(words);
+        }
     }
     Unsubscribe();
 }
@@ -150,13 +168,19 @@ void ClientHandler::Unsubscribe()
     _pSettingsManager->Unsubscribe(this);
 }
 
-/// Hands the gathered message to the client's stream in one piece. The store, which wrote it, must not wait for that.
+/// Hands the gathered response to the client's stream. The store, which wrote it, must not wait for that.
 void ClientHandler::SendMessage()
 {
-    constexpr std::size_t keptBytes = 4096;  // that an idle connection may keep
-    const std::string_view text = _message.view();
+    Send(_message.view());
+    _message.view().size() > KeptBytes ? static_cast<void>(std::move(_message).str()) : _message.str(std::string());
+}
+
+/// One write for each response: a stream that hands on what it is given gets whole messages. One that takes no more
+/// ends the connection.
+void ClientHandler::Send(std::string_view text)
+{
     _pOut->write(text.data(), static_cast<std::streamsize>(text.size())).flush();
-    text.size() > keptBytes ? std::ostringstream().swap(_message) : _message.str(std::string());
+    _quit = _quit || !_pOut->good();
 }
 
 /// Every line and every block ends with a line break, so a stream that met its own end was cut off inside the request.
@@ -212,7 +236,8 @@ void ClientHandler::TestAndMerge(std::istream&)
     // The mutex comes after the change, whose notification may have to be written by this very handler.
     const bool merged = _pSettingsManager->TestAndMerge(expected, changes);
     const osa::MutexAutoLock lock(&_outputMutex);
-    *_pOut << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n' << std::flush;
+    _message << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n';
+    SendMessage();
 }
 
 void ClientHandler::Subscribe(std::istream&)
@@ -299,15 +324,16 @@ void ClientHandler::Info(std::istream& options)
     _pSettingsManager->GetAllSubscribedGroups(groups);
 
     const osa::MutexAutoLock lock(&_outputMutex);
-    *_pOut << word::SubscribedTitle << '\n' << word::SubscribedRule << '\n';
+    _message << word::SubscribedTitle << '\n' << word::SubscribedRule << '\n';
     for (const std::string& group : groups)
     {
         if (group.find('\n') == std::string::npos)  // a subscriber in the server's own process may have any name
         {
-            *_pOut << group << '\n';
+            _message << group << '\n';
         }
     }
-    *_pOut << '\n' << std::flush;
+    _message << '\n';
+    SendMessage();
 }
 
 void ClientHandler::OnChange(const GroupNameCollection& groups, const core::IniFile&)
@@ -341,20 +367,7 @@ void ClientHandler::Notify(const GroupNameCollection& groups)
     // What the store holds now, read under the mutex: so the last notification that a client gets tells the last state.
     const osa::MutexAutoLock lock(&_outputMutex);
     const ISettingsSerializer& serializer = Serializer("_pSerializer != __null");
-    const std::type_index form = typeid(serializer);
-    auto pText = NotificationCache::Instance().Find({_pSettingsManager->GetVersion(), form, groups});
-    if (!pText)
-    {
-        common::GroupNameMatcher matcher;
-        matcher.AddNamesAndPatterns(groups);
-        std::ostringstream text;
-        text << word::AsyncChange << '\n';
-        common::WriteGroupList(text, groups);
-        const std::uint64_t version = _pSettingsManager->WriteGroups(text, matcher, serializer);
-        text << word::EndOfBlock << '\n';
-        pText = std::make_shared<const std::string>(std::move(text).str());
-        NotificationCache::Instance().Keep({version, form, groups}, pText);
-    }
+    const auto pText = _pSettingsManager->WriteNotification(groups, serializer, &WriteNotification);
     _pOut->write(pText->data(), static_cast<std::streamsize>(pText->size())).flush();
 }
 

@@ -1,6 +1,7 @@
 #include "settings/common/GroupNameMatcher.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "korlo/core/StringUtil.h"
 
@@ -130,6 +131,12 @@ void GroupNameMatcher::Merge(const GroupNameMatcher& other)
     _patterns.insert(other._patterns.begin(), other._patterns.end());
 }
 
+void GroupNameMatcher::Merge(GroupNameMatcher&& other) noexcept
+{
+    _names.merge(other._names);
+    _patterns.merge(other._patterns);
+}
+
 void GroupNameMatcher::GetMatchingGroups(const GroupNameCollection& groups, GroupNameCollection& matched) const
 {
     SelectFrom(groups, _names, _patterns, [&matched](const std::string& name) {
@@ -146,9 +153,24 @@ void GroupNameMatcher::GetMatchingGroups(const IniFile& ini, GroupNameCollection
     });
 }
 
+void GroupNameMatcher::MergeMatchingGroups(const IniFile& from, IniFile& into) const
+{
+    GroupNameCollection matched;
+    GetMatchingGroups(from, matched);
+    for (const std::string& group : matched)
+    {
+        into.MergeSettings(from, group);
+    }
+}
+
 bool GroupNameMatcher::SelectsAny(const GroupNameCollection& groups) const
 {
     return !SelectFrom(groups, _names, _patterns, [](const std::string&) { return false; });
+}
+
+bool GroupNameMatcher::PatternSelectsAny(const std::string& pattern, const GroupNameCollection& groups)
+{
+    return !SelectByPattern(groups, pattern, [](const std::string&) { return false; });
 }
 
 void GroupNameMatcher::SerializeIni(std::ostream& out, const IniFile& ini) const
@@ -173,6 +195,14 @@ void GroupNameMatcher::SerializeIni(std::ostream& out, const IniFile& ini) const
             ini.SaveGroupToStream(out, group);
         }
     }
+}
+
+GroupNameCollection GroupNamesOf(const IniFile& ini)
+{
+    GroupNameCollection names;
+    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
+                   GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
+    return names;
 }
 
 }  // namespace korlo::settings::common

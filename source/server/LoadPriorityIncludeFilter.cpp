@@ -1,5 +1,6 @@
 #include "settings/server/LoadPriorityIncludeFilter.h"
 
+#include "korlo/core/Logger.h"
 #include "korlo/core/StringUtil.h"
 #include "settings/server/GroupDiscriminator.h"
 
@@ -12,7 +13,7 @@ using PriorityMap = std::map<std::string, int>;
 
 constexpr const char* LoadPriorityGroup = "KorloSettings/LoadPriority";
 
-PriorityMap ReadClaims(const core::IniFile& ini)
+PriorityMap ReadClaims(const core::IniFile& ini, const core::Logger& logger)
 {
     PriorityMap declared;
     const auto group = ini.Find(LoadPriorityGroup);
@@ -23,7 +24,15 @@ PriorityMap ReadClaims(const core::IniFile& ini)
     for (const auto& [name, text] : group->second)
     {
         int priority = 0;
-        if (core::StringUtil::TryParse(text, priority) && !GroupDiscriminator::IsRestrictedGroup(name))
+        if (GroupDiscriminator::IsRestrictedGroup(name))
+        {
+            logger.Trace("The claim for group '%s' is ignored: the group is restricted", name.c_str());
+        }
+        else if (!core::StringUtil::TryParse(text, priority))
+        {
+            logger.Trace("The claim for group '%s' is ignored: it is not an integer", name.c_str());
+        }
+        else
         {
             declared[name] = priority;
         }
@@ -35,12 +44,17 @@ PriorityMap ReadClaims(const core::IniFile& ini)
 
 void LoadPriorityIncludeFilter::FilterIni(core::IniFile& ini)
 {
-    const PriorityMap declared = ReadClaims(ini);
+    const core::Logger& logger = *core::Logger::GetLogger("LoadPriorityIncludeFilter");
+    const PriorityMap declared = ReadClaims(ini, logger);
     for (const auto& [name, priority] : _priorities)
     {
         const auto claim = declared.find(name);
-        if (claim == declared.end() || claim->second < priority)
+        const bool isOutbid = claim == declared.end() || claim->second < priority;
+        if (isOutbid && ini.HasGroup(name))
         {
+            logger.Trace("Group '%s' is dropped: it was claimed with priority %d, and this document claims it with %s",
+                         name.c_str(), priority,
+                         claim == declared.end() ? "none" : std::to_string(claim->second).c_str());
             ini.RemoveGroup(name);
         }
     }

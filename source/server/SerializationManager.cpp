@@ -12,8 +12,10 @@ SerializationManager::SerializationManager()
 {
     auto pIni = std::make_unique<IniFileSettingsSerializer>();
     auto pPhpArray = std::make_unique<PhpArraySettingsSerializer>();
-    Register("ini", pIni.release());
-    Register("phparray", pPhpArray.release());
+    _serializers = {{"ini", pIni.get()}, {"phparray", pPhpArray.get()}};
+    // Not before: where memory runs out above, nobody else would delete them.
+    static_cast<void>(pIni.release());
+    static_cast<void>(pPhpArray.release());
 }
 
 SerializationManager::~SerializationManager()

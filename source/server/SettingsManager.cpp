@@ -1,8 +1,10 @@
 #include "settings/server/SettingsManager.h"
 
 #include <algorithm>
-#include <atomic>
 #include <iterator>
+#include <sstream>
+#include <typeindex>
+#include <utility>
 
 #include "korlo/core/GetSecondFromPairFunctor.h"
 #include "server/StoreLock.h"
@@ -16,14 +18,8 @@ namespace
 using common::GroupNameMatcher;
 using core::IniFile;
 
-const std::string DeletedGroups = "KorloSettings/Data/DeletedGroups";
-
-/// Stores count their changes from far apart, so that versions of different stores never meet.
-std::uint64_t FirstVersion()
-{
-    static std::atomic<std::uint32_t> stores = 0;
-    return static_cast<std::uint64_t>(++stores) << 40;
-}
+// Not a string: a store may be a global, loaded before globals of this file would be made and used after they are gone.
+constexpr const char* DeletedGroups = "KorloSettings/Data/DeletedGroups";
 
 IniFile UnrestrictedCopy(const IniFile& source)
 {
@@ -39,12 +35,6 @@ GroupNameMatcher MatcherOf(const std::string& nameOrPattern)
     return matcher;
 }
 
-void AddGroupNames(const IniFile& ini, GroupNameCollection& names)
-{
-    std::transform(ini.begin(), ini.end(), std::inserter(names, names.end()),
-                   common::GetFirstFromPairFunctor<std::string, IniFile::KeyValueMap>());
-}
-
 }  // namespace
 
 SettingsManager::SettingsManager()
@@ -52,8 +42,7 @@ SettingsManager::SettingsManager()
       _pRestrictedLoader(nullptr),
       _pIncludeFilter(nullptr),
       _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
-      _lock("SettingsMutex"),
-      _version(FirstVersion())
+      _lock("SettingsMutex")
 {
 }
 
@@ -64,8 +53,7 @@ SettingsManager::SettingsManager(ISettingsPersister* pPersister, IRestrictedSett
       _pRestrictedLoader(pRestrictedLoader),
       _pIncludeFilter(pIncludeFilter),
       _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
-      _lock("SettingsMutex"),
-      _version(FirstVersion())
+      _lock("SettingsMutex")
 {
     _lock.WriteLock(osa::Infinite);
     if (!deferLoad)
@@ -158,12 +146,7 @@ void SettingsManager::RemoveErasedGroups()
 void SettingsManager::GetGroups(IniFile& out, const GroupNameMatcher& matcher) const
 {
     const StoreReadLock lock(_lock);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(_settings, matched);
-    for (const std::string& group : matched)
-    {
-        out.MergeSettings(_settings, group);
-    }
+    matcher.MergeMatchingGroups(_settings, out);
 }
 
 void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) const
@@ -183,18 +166,47 @@ void SettingsManager::DumpAllSettings(std::ostream& os) const
     _settings.SaveToStream(os);
 }
 
-std::uint64_t SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
-                                           const ISettingsSerializer& serializer) const
+void SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
+                                  const ISettingsSerializer& serializer) const
 {
     const StoreReadLock lock(_lock);
     serializer.OnSerialize(_settings, matcher, os);
-    return _version;
 }
 
-std::uint64_t SettingsManager::GetVersion() const
+/// A text, and all that it depends on.
+struct SettingsManager::Notification
 {
+    std::uint64_t version;
+    std::type_index form;  // serializers have no state
+    GroupNameCollection groups;
+    std::string text;
+};
+
+std::shared_ptr<const std::string> SettingsManager::WriteNotification(const GroupNameCollection& groups,
+                                                                      const ISettingsSerializer& serializer,
+                                                                      NotificationWriter write) const
+{
+    constexpr std::size_t mostKeptBytes = 64 * 1024;
+    const std::type_index form = typeid(serializer);
+
     const StoreReadLock lock(_lock);
-    return _version;
+    std::shared_ptr<const Notification> pNotification;
+    {
+        const osa::MutexAutoLock lastLock(&_notificationMutex);
+        pNotification = _pLastNotification;
+    }
+    if (!pNotification || pNotification->version != _version || pNotification->form != form ||
+        pNotification->groups != groups)
+    {
+        std::ostringstream text;
+        text.exceptions(std::ios::badbit);  // else a stream that is out of memory drops the rest without a word
+        write(text, groups, _settings, serializer);
+        pNotification =
+            std::make_shared<const Notification>(Notification{_version, form, groups, std::move(text).str()});
+        const osa::MutexAutoLock lastLock(&_notificationMutex);
+        _pLastNotification = pNotification->text.size() <= mostKeptBytes ? pNotification : nullptr;
+    }
+    return {pNotification, &pNotification->text};
 }
 
 void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags)
@@ -250,7 +262,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         _userSettings.ValueListAppendUnique(DeletedGroups, namesAndPatterns);
         SaveUserSettings();
     }
-    AddGroupNames(accepted, changedGroups);
+    changedGroups.merge(common::GroupNamesOf(accepted));
     _dispatcher.OnChange(changedGroups, accepted);
 }
 
@@ -265,6 +277,10 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
     {
         return;
     }
+    {
+        // A load that was deferred holds this lock and not the other: its filters and the persister serve it alone.
+        const StoreReadLock loaded(_lock);
+    }
     GroupNameCollection changedGroups;
     IniFile restored;
     {
@@ -276,17 +292,12 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
         matcher.GetMatchingGroups(_userSettings, changedGroups);
         RemoveGroups(changedGroups);
 
-        GroupNameCollection restoredGroups;
-        matcher.GetMatchingGroups(defaults, restoredGroups);
-        for (const std::string& group : restoredGroups)
-        {
-            _userSettings.MergeSettings(defaults, group);
-            _settings.MergeSettings(defaults, group);
-            restored.MergeSettings(defaults, group);
-        }
+        matcher.MergeMatchingGroups(defaults, restored);
+        _userSettings.MergeSettings(restored);
+        _settings.MergeSettings(restored);
         SaveUserSettings();
-        changedGroups.merge(restoredGroups);
     }
+    changedGroups.merge(common::GroupNamesOf(restored));
     _dispatcher.OnChange(changedGroups, restored);
 }
 
@@ -333,8 +344,7 @@ void SettingsManager::Subscribe(IChangeCallback* pCallback, const std::string& n
 
 void SettingsManager::Unsubscribe(IChangeCallback* pCallback)
 {
-    const osa::MutexAutoLock lock(&_dispatcher._mutex);
-    _dispatcher._subscriptions.erase(pCallback);
+    _dispatcher.Remove(pCallback);
 }
 
 void SettingsManager::GetAllSubscribedGroups(GroupNameCollection& groups) const

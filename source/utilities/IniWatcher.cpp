@@ -74,6 +74,8 @@ public:
     {
         _pLogger->Trace("Gathering a change of %u groups", static_cast<unsigned int>(changedGroups.size()));
         const osa::MutexAutoLock lock(&_pendingMutex);
+        // A group that has changed before keeps none of its earlier content; one that comes without content was erased,
+        // and is named in `_pendingGroups` alone.
         for (const std::string& group : changedGroups)
         {
             _pending.RemoveGroup(group);
@@ -89,7 +91,7 @@ private:
         _pTarget->Clear();
         _pClient->GetSettings(_watched, *_pTarget);
         _pClient->Subscribe(this, _watched);
-        _started = true;
+        _started = true;  // last: what throws above is done again by the next Update
     }
 
     bool ApplyPending() KORLO_REQUIRES(_pendingMutex)

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include "korlo/core/IniFile.h"
 #include "korlo/osa/Exception.h"
@@ -67,13 +68,18 @@ public:
         }
     }
 
+    /// Replaces the cache as a whole or, if anything throws, not at all: an empty one would stand for the default
+    /// totals and for resources that everybody may use.
     void Refresh()
     {
-        _cache.Clear();
+        _isBehind = true;
+        IniFile current;
         for (const std::string& resource : _knownResources)
         {
-            Read(resource);
+            Read(resource, current);
         }
+        _cache = std::move(current);
+        _isBehind = false;
     }
 
     int GetUsed(const std::string& consumer, const std::string& resource)
@@ -110,6 +116,10 @@ public:
 
     bool Reserve(const std::string& consumer, const std::list<ResourceUsage>& usages)
     {
+        if (_isBehind)
+        {
+            Refresh();
+        }
         for (;;)
         {
             IniFile changes;
@@ -122,12 +132,14 @@ public:
                 }
                 changes.SetInt(ConsumersPrefix(usage.resource) + consumer, CurrentlyUsed, *units);
             }
+            _isBehind = true;  // a client that throws may have written all the same
             if (_pClient->TestAndMerge(_cache, changes))
             {
                 _cache.MergeSettings(changes);
+                _isBehind = false;
                 return true;
             }
-            Refresh();  // somebody else was faster: compute everything anew
+            Refresh();  // somebody else was faster: compute everything again
         }
     }
 
@@ -136,18 +148,20 @@ private:
     {
         if (!_knownResources.contains(resource))
         {
-            Read(resource);
+            IniFile current;  // read apart: of an answer that is cut short, nothing may stay
+            Read(resource, current);
+            _cache.MergeSettings(current);
             _knownResources.insert(resource);
         }
     }
 
     /// A name with a line break could not be sent: a star in its place selects the groups too. What else comes with
     /// them does no harm.
-    void Read(const std::string& resource)
+    void Read(const std::string& resource, IniFile& settings) const
     {
         std::string pattern = GroupOf(resource) + "*";
         std::ranges::replace(pattern, '\n', '*');
-        _pClient->GetSettings(pattern, _cache);
+        _pClient->GetSettings(pattern, settings);
     }
 
     std::int64_t UsedByOthers(const std::string& consumer, const std::string& resource) const
@@ -160,7 +174,8 @@ private:
         {
             std::string_view name = std::string_view(group->first).substr(prefix.size());
             name = name.substr(0, name.find('/'));
-            // A consumer's subgroups follow its own group, as a rule; a name that comes back later counts again.
+            // A consumer's subgroups follow its own group, as a rule, and are skipped as the name kept last. Where "A+"
+            // sorts between "A" and "A/Detail", A counts twice: too much rather than too little.
             if (name != last && name != consumer)
             {
                 used += _cache.GetIntOrDefault(prefix + std::string(name), CurrentlyUsed, 0);
@@ -182,8 +197,12 @@ private:
     }
 
     KorloSettingsClient* const _pClient;  // borrowed
-    IniFile _cache;
+    IniFile _cache;  // all that was read: a reservation tests all of it, and so everything that it was computed from
     std::set<std::string> _knownResources;  // those whose groups are in the cache
+    // A refresh or a reservation threw, so that the store may hold what the cache does not. The test of the next
+    // reservation would miss a consumer that has no group in the cache; it reads everything again first. Getters go on
+    // answering from the figures that were read last.
+    bool _isBehind = false;
 };
 
 ResourceManager::ResourceManager(KorloSettingsClient* pClient) : _pImpl(std::make_unique<ResourceManagerImpl>(pClient))

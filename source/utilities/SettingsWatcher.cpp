@@ -106,7 +106,7 @@ private:
     }
 
     core::Logger* _pLogger;  // not owned
-    IniFile _mirror;
+    IniFile _mirror;         // before the watcher, which borrows it
     IniWatcher _watcher;
     std::vector<std::unique_ptr<SettingBase>> _settings;
 };

@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -266,6 +267,27 @@ TEST(KorloSettingsClientImplMultiThreadedLifeTest, AHandlerThatHasEndedLeavesIts
     EXPECT_TRUE(pClient->RunCommand("Quit", new QuitCommand));
     EXPECT_TRUE(
         log.WaitFor("4 KorloSettings: Connect() failed: KorloSettingsLocalConnection: Connection is in invalid state"));
+    EXPECT_TRUE(EndsInTime(pClient));
+}
+
+/// Sends the head of a request and finds no memory for the rest.
+class HalfCommand : public RemoteCommand
+{
+public:
+    HalfCommand() : RemoteCommand("") {}
+
+    void SendRequest(std::ostream& out) override
+    {
+        out << "merge\n[A]\n" << std::flush;
+        throw std::bad_alloc();
+    }
+};
+
+TEST(KorloSettingsClientImplMultiThreadedLifeTest, AHandlerThatWaitsForHalfARequestDoesNotKeepAClientFromItsEnd)
+{
+    const LogWatch log;
+    auto pClient = std::make_unique<Client>(new KorloSettingsLocalConnection);
+    EXPECT_THROW(pClient->RunCommand("Half", new HalfCommand), std::bad_alloc);
     EXPECT_TRUE(EndsInTime(pClient));
 }
 

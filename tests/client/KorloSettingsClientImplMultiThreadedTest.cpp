@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -267,6 +268,33 @@ TEST_F(KorloSettingsClientImplMultiThreadedTest, AConnectionThatIsLostWhileSendi
                   "Hello lost connection to korlo-settings-server");
         Reconnect();
         EXPECT_EQ(Get().get(), GetFailure) << "nobody waited when the connection broke";
+        ExpectThatGetWorks("1");
+    }
+}
+
+TEST_F(KorloSettingsClientImplMultiThreadedTest, AFailedRequestDropsTheConnectionThoughTheServerSaysNothing)
+{
+    Connect();
+    EXPECT_NE(MessageOf([&] { pClient->RunCommand("Hello", new FunctionCommand("", FailToSend)); }), "");
+    EXPECT_TRUE(pPeer->MeetsTheEnd());
+    pPeer = server.Accept();
+    EXPECT_EQ(Get().get(), GetFailure);
+    ExpectThatGetWorks("1");
+}
+
+TEST_F(KorloSettingsClientImplMultiThreadedTest, HalfARequestIsNeverSentNorTheHeadOfAnother)
+{
+    Connect();
+    for (const char* keyword : {"world", ""})
+    {
+        const auto sendHalf = [](std::ostream& out) {
+            out << "merge\n[A]\n";
+            throw std::bad_alloc();
+        };
+        EXPECT_THROW(pClient->RunCommand("Hello", new FunctionCommand(keyword, sendHalf)), std::bad_alloc);
+        EXPECT_TRUE(pPeer->MeetsTheEnd());
+        pPeer = server.Accept();
+        EXPECT_EQ(Get().get(), GetFailure);
         ExpectThatGetWorks("1");
     }
 }

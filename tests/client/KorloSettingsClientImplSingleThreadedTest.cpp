@@ -100,6 +100,19 @@ TEST(KorloSettingsClientImplSingleThreadedTest, ATestAndMergeThatIsSentAgainRepo
     EXPECT_FALSE(client.TestAndMerge(Ini("[A]\nx=1\n"), Ini("[A]\nx=2\n")));
 }
 
+TEST(KorloSettingsClientImplSingleThreadedTest, NothingOfAnAnswerThatWasCutReachesTheCaller)
+{
+    ConnectionScript script{{"data\n[A]\ncut=1\n", "data\n[A]\nx=1\n.\n"}, {}, {}, 0};
+    EXPECT_EQ(GetFrom(script), "[A]\nx=1\n");
+}
+
+TEST(KorloSettingsClientImplSingleThreadedTest, AnOutcomeThatWasCutIsNone)
+{
+    ConnectionScript script{{"result\nok", "result\nfailure\n"}, {}, {}, 0};
+    Client client(new FakeConnection(script));
+    EXPECT_FALSE(client.TestAndMerge(Ini("[A]\nx=1\n"), Ini("[A]\nx=2\n")));
+}
+
 TEST(KorloSettingsClientImplSingleThreadedTest, FiveAttemptsEachConnectWithFiveRetries)
 {
     const LogCapture log;

@@ -167,6 +167,22 @@ TEST_F(KorloSettingsTcpConnectionTest, ClosingLeavesThePointersToEnsureConnectio
     EXPECT_EQ(connection.GetOstream(), nullptr);
 }
 
+TEST_F(KorloSettingsTcpConnectionTest, AClosedConnectionIsEstablishedAnew)
+{
+    for (int round = 0; round < 2; ++round)
+    {
+        connection.EnsureConnection(1);
+        EXPECT_TRUE(connection.IsReady());
+        const auto pPeer = server.Accept();
+        *connection.GetOstream() << "hello\n" << std::flush;
+        EXPECT_EQ(pPeer->Read(1), "hello\n");
+        connection.CloseConnection();
+        EXPECT_TRUE(pPeer->MeetsTheEnd());
+    }
+    EXPECT_EQ(MessageOf([&] { connection.EnsureConnection(0); }), ConnectFailure);
+    EXPECT_EQ(connection.GetIstream(), nullptr);
+}
+
 TEST_F(KorloSettingsTcpConnectionTest, DestroyingItEndsTheConnection)
 {
     auto pConnection = std::make_unique<KorloSettingsTcpConnection>();

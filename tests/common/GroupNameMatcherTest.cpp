@@ -313,5 +313,38 @@ TEST(GetFirstFromPairFunctorTest, CollectsTheGroupNamesOfADocument)
     EXPECT_EQ(names, (GroupNameCollection{"a", "b"}));
 }
 
+TEST(GroupNameMatcherTest, MergingMatchingGroupsTakesThemWholeAndKeepsWhatIsThere)
+{
+    const GroupNameMatcher matcher = MatcherOf({"A", "Net/*", "None"});
+    core::IniFile into = Ini("[A]\nold=1\nx=1\n[Other]\n");
+    matcher.MergeMatchingGroups(Ini("[A]\nx=2\n[B]\n[Net/1]\n[Net/2]\ny=2\n"), into);
+    EXPECT_EQ(into, Ini("[A]\nold=1\nx=2\n[Net/1]\n[Net/2]\ny=2\n[Other]\n"));
+}
+
+TEST(GroupNameMatcherTest, MergingByMovingAddsWhatIsNew)
+{
+    GroupNameMatcher matcher = MatcherOf({"A", "B", "P*"});
+    GroupNameMatcher added = MatcherOf({"B", "C", "P*", "Q*"});
+    matcher.Merge(std::move(added));
+    EXPECT_EQ(matcher.GetNames(), (GroupNameCollection{"A", "B", "C"}));
+    EXPECT_EQ(matcher.GetPatterns(), (GroupNameCollection{"P*", "Q*"}));
+}
+
+TEST(GroupNameMatcherTest, APatternSelectsAnyAsAMatcherOfItWould)
+{
+    const GroupNameCollection groups{"A", "Net/1", "Net/2/x"};
+    for (const std::string pattern : {"*", "A*", "B*", "*x", "Net/*/x", "Net/*/y", "*1*2"})
+    {
+        EXPECT_EQ(GroupNameMatcher::PatternSelectsAny(pattern, groups), MatcherOf({pattern}).SelectsAny(groups))
+            << pattern;
+    }
+}
+
+TEST(GroupNameMatcherTest, TheNamesOfADocumentAreThoseOfAllItsGroups)
+{
+    EXPECT_EQ(GroupNamesOf(Ini("[B]\nx=1\n[A]\n")), (GroupNameCollection{"A", "B"}));
+    EXPECT_EQ(GroupNamesOf(core::IniFile()), GroupNameCollection());
+}
+
 }  // namespace
 }  // namespace korlo::settings::common

@@ -1,89 +1,19 @@
-// What documents take from the heap, and what they do when the heap has nothing left. A program of its own, because it
-// replaces the global operator new.
+// What documents take from the heap, and what they do when the heap has nothing left. A program of its own: see
+// support/Heap.h.
 
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
-#include <new>
 #include <sstream>
 #include <string>
 #include <utility>
-
-#include <malloc.h>
 
 #include <gtest/gtest.h>
 
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
-
-namespace
-{
-
-/// What has gone through operator new and delete.
-struct Heap
-{
-    long long allocations = 0;
-    long long blocks = 0;          // that are allocated now
-    long long requestedBytes = 0;  // of all allocations, whether given back or not
-    long long usableBytes = 0;     // of the blocks that are allocated now
-    long long failAfter = -1;      // so many more allocations go well, then one fails; below 0 none does
-};
-
-Heap heap;
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    if (heap.failAfter >= 0 && heap.failAfter-- == 0)
-    {
-        throw std::bad_alloc();
-    }
-    void* const pBlock = std::malloc(size);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    ++heap.allocations;
-    ++heap.blocks;
-    heap.requestedBytes += static_cast<long long>(size);
-    heap.usableBytes += static_cast<long long>(malloc_usable_size(pBlock));
-    return pBlock;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    try
-    {
-        return operator new(size);
-    }
-    catch (const std::bad_alloc&)
-    {
-        return nullptr;
-    }
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    if (pBlock != nullptr)
-    {
-        --heap.blocks;
-        heap.usableBytes -= static_cast<long long>(malloc_usable_size(pBlock));
-        std::free(pBlock);
-    }
-}
-
-void operator delete(void* pBlock, std::size_t) noexcept
-{
-    operator delete(pBlock);
-}
-
-void operator delete(void* pBlock, const std::nothrow_t&) noexcept
-{
-    operator delete(pBlock);
-}
+#include "support/Heap.h"
 
 namespace korlo::core
 {

@@ -111,11 +111,33 @@ TEST_F(CrashSafeFileTest, KeepsModeOwnerAndGroupOfAnExistingFile)
     EXPECT_EQ(StatusOf(_path).st_gid, group);
 }
 
+TEST_F(CrashSafeFileTest, OwnerGroupAndModeThatAreRightAlreadyAreNotSet)
+{
+    WriteFile(_path, OldContent);
+    ASSERT_EQ(::chmod(_path.c_str(), 0640), 0);
+    FaultyFileSystem fileSystem;
+    fileSystem.FailAlwaysAt("SetOwner", EPERM);
+    CrashSafeFile file(_path, CrashSafeFile::KeepPrevious, 0640, fileSystem);
+    for (const std::string& content : {NewContent, OldContent, NewContent})
+    {
+        file.Replace(content);
+        EXPECT_EQ(StatusOf(_path).st_mode & 07777u, 0640u);
+    }
+    EXPECT_THAT(fileSystem.GetCalls(), testing::Not(testing::Contains("SetOwner")));
+
+    ASSERT_EQ(::chmod(_path.c_str(), 0600), 0);
+    FaultyFileSystem refusing;
+    refusing.FailAlwaysAt("SetMode", EPERM);
+    CrashSafeFile(_path, CrashSafeFile::KeepPrevious, 0640, refusing).Replace(OldContent);
+    EXPECT_EQ(ContentOf(_path), OldContent);
+}
+
 TEST_F(CrashSafeFileTest, AGroupThatCannotBeKeptGetsNoMoreRightsThanEverybody)
 {
     WriteFile(_path, OldContent);
     ASSERT_EQ(::chmod(_path.c_str(), 0664), 0);
     FaultyFileSystem fileSystem;
+    fileSystem.LetFilesBelongTo(::geteuid(), 4321);
     fileSystem.FailAlwaysAt("SetOwner", EPERM);
 
     CrashSafeFile(_path, CrashSafeFile::KeepNone, 0644, fileSystem).Replace(NewContent);
@@ -126,19 +148,23 @@ TEST_F(CrashSafeFileTest, AGroupThatCannotBeKeptGetsNoMoreRightsThanEverybody)
 
 TEST_F(CrashSafeFileTest, AnOwnerThatCannotBeKeptLeavesTheGroupItsRights)
 {
-    WriteFile(_path, OldContent);
-    ASSERT_EQ(::chmod(_path.c_str(), 0660), 0);
-    FaultyFileSystem fileSystem;
-    CrashSafeFile(_path, CrashSafeFile::KeepNone, 0644, fileSystem).Replace(OldContent);
-    const auto setOwner = std::find(fileSystem.GetCalls().begin(), fileSystem.GetCalls().end(), "SetOwner");
-    const auto index = static_cast<std::size_t>(setOwner - fileSystem.GetCalls().begin());
+    for (const gid_t group : {::getegid(), gid_t{4321}})
+    {
+        SCOPED_TRACE(group);
+        WriteFile(_path, OldContent);
+        ASSERT_EQ(::chmod(_path.c_str(), 0660), 0);
+        FaultyFileSystem fileSystem;
+        fileSystem.LetFilesBelongTo(1234, group);
+        constexpr std::size_t setOwner = 5;
+        fileSystem.FailAt(setOwner, FaultyFileSystem::FailOnce, EPERM);
+        fileSystem.LetOwnersBeSet();
 
-    FaultyFileSystem refusing;
-    refusing.FailAt(index, FaultyFileSystem::FailOnce, EPERM);
-    CrashSafeFile(_path, CrashSafeFile::KeepNone, 0644, refusing).Replace(NewContent);
+        CrashSafeFile(_path, CrashSafeFile::KeepNone, 0644, fileSystem).Replace(NewContent);
 
-    EXPECT_EQ(ContentOf(_path), NewContent);
-    EXPECT_EQ(StatusOf(_path).st_mode & 07777u, 0660u);
+        EXPECT_EQ(fileSystem.GetCalls()[setOwner], "SetOwner");
+        EXPECT_EQ(ContentOf(_path), NewContent);
+        EXPECT_EQ(StatusOf(_path).st_mode & 07777u, 0660u);
+    }
 }
 
 TEST_F(CrashSafeFileTest, FollowsSymbolicLinksToTheFileThatIsReplaced)
@@ -276,7 +302,7 @@ TEST_F(CrashSafeFileTest, TheContentIsOnTheDiskBeforeItTakesTheName)
 
     CrashSafeFile(_path, CrashSafeFile::KeepPrevious, 0644, fileSystem).Replace(NewContent);
 
-    EXPECT_THAT(fileSystem.GetCalls(), ElementsAre("ReadLink", "Stat", "Create", "Write", "SetOwner", "SetMode", "Sync",
+    EXPECT_THAT(fileSystem.GetCalls(), ElementsAre("ReadLink", "Stat", "Create", "Write", "Stat", "SetMode", "Sync",
                                                    "Close", "Link", "Rename", "Unlink", "Rename", "SyncFolder"));
 }
 

@@ -245,6 +245,35 @@ TEST_F(LoggerConfigurationTest, WhereTheFileWasTheOnlyOutputStandardErrorTakesIt
                                                EndsWith("Error Configured: still heard\n")));
 }
 
+TEST_F(LoggerConfigurationTest, WithoutAnyOutputStandardErrorTakesTheLines)
+{
+    const std::map<std::string, std::string> rows[] = {
+        {},
+        {{"log.level", "2"}},
+        {{"log.syslog", "false"}, {"log.stdout", "false"}, {"using_defs", "false"}},
+        {{"log.syslog", "perhaps"}, {"log.file", ""}}};
+    for (const auto& keys : rows)
+    {
+        SCOPED_TRACE(testing::PrintToString(keys));
+        Logger::ClearAppenders();
+        DescriptorCapture error(STDERR_FILENO);
+        Configure(keys);
+        _logger.Warning("heard");
+        EXPECT_THAT(error.GetWrites(), ElementsAre(EndsWith("] Warning Configured: heard\n")));
+    }
+}
+
+TEST_F(LoggerConfigurationTest, TheLevelHoldsForStandardErrorToo)
+{
+    DescriptorCapture error(STDERR_FILENO);
+    Configure({{"log.level", "1"}});
+    _logger.Warning("dropped");
+    _logger.Error("heard");
+    Configure({{"log.level", "0"}});
+    _logger.Error("dropped");
+    EXPECT_THAT(error.GetWrites(), ElementsAre(EndsWith("] Error Configured: heard\n")));
+}
+
 TEST_F(LoggerConfigurationTest, APathThatTheSystemWouldCutIsRefused)
 {
     DescriptorCapture error(STDERR_FILENO);

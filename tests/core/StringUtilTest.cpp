@@ -1,5 +1,6 @@
 #include "korlo/core/StringUtil.h"
 
+#include <chrono>
 #include <climits>
 #include <random>
 
@@ -107,6 +108,61 @@ TEST(StringUtilTest, AHostilePatternDoesNotTakeForever)
         pattern += "a*";
     }
     EXPECT_FALSE(StringUtil::MatchesPattern(pattern + "b", std::string(5000, 'a')));
+}
+
+TEST(StringUtilTest, EveryShortPatternMatchesAsTheDefinitionDoes)
+{
+    const auto allTexts = [](const std::string& alphabet, std::size_t maxLength) {
+        Pieces texts{""};
+        for (std::size_t i = 0; texts[i].size() < maxLength; ++i)
+        {
+            for (const char character : alphabet)
+            {
+                texts.push_back(texts[i] + character);
+            }
+        }
+        return texts;
+    };
+    const Pieces texts = allTexts("ab", 6);
+    for (const std::string& pattern : allTexts("ab*", 5))
+    {
+        for (const std::string& text : texts)
+        {
+            ASSERT_EQ(StringUtil::MatchesPattern(pattern, text), MatchesByDefinition(pattern, text))
+                << pattern << " on " << text;
+        }
+    }
+}
+
+TEST(StringUtilTest, APatternCostsTheSumOfTheLengthsWhateverTheyHold)
+{
+    constexpr std::size_t half = 500'000;
+    const std::string name(2 * half, 'a');
+    const std::string run(half, 'a');
+    const std::string patterns[] = {
+        "*" + run + "b",
+        "*" + run + "b*",
+        "*b" + run + "*",
+        "*" + run + "b" + run + "*",
+        "*" + std::string(31, 'a') + "b*",
+        "a*" + run + "*" + run + "*",
+        "*" + run + "*" + run + "*b",
+    };
+    const auto begin = std::chrono::steady_clock::now();
+    for (const std::string& pattern : patterns)
+    {
+        EXPECT_FALSE(StringUtil::MatchesPattern(pattern, name));
+    }
+    EXPECT_TRUE(StringUtil::MatchesPattern("*" + run + "*" + run + "*", name));
+    std::string stars;
+    for (std::size_t i = 0; i < half; ++i)
+    {
+        stars += "*a";
+    }
+    EXPECT_TRUE(StringUtil::MatchesPattern(stars, name));
+    EXPECT_FALSE(StringUtil::MatchesPattern(stars + "*b", name));
+    // Milliseconds each where the sum counts, minutes where the product does.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
 TEST(StringUtilTest, StartsWithComparesTheWholePrefix)

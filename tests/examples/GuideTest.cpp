@@ -107,30 +107,42 @@ std::map<std::string, std::string> AllRegions()
     return regions;
 }
 
-std::string Document()
+std::string Document(const std::string& path = "guide.md")
 {
-    return ContentOf(std::string(KORLO_DOCS) + "/guide.md").value();
+    return ContentOf(std::string(KORLO_DOCS) + '/' + path).value();
+}
+
+/// Returns the regions that the document shows.
+std::set<std::string> ExpectRegions(const std::string& path, const std::map<std::string, std::string>& regions)
+{
+    std::istringstream document(Document(path));
+    std::set<std::string> shown;
+    for (const Block& block : ReadBlocks(document))
+    {
+        SCOPED_TRACE("docs/" + path + ", line " + std::to_string(block.line));
+        if (block.language == "cpp")
+        {
+            const auto region = regions.find(block.origin);
+            EXPECT_EQ(block.text, region == regions.end() ? "no such region" : region->second) << block.origin;
+            shown.insert(block.origin);
+        }
+    }
+    return shown;
 }
 
 TEST(GuideTest, EveryBlockOfCodeIsARegionOfACompiledExample)
 {
     const std::map<std::string, std::string> regions = AllRegions();
-    std::istringstream document(Document());
-    std::set<std::string> shown;
-    for (const Block& block : ReadBlocks(document))
-    {
-        SCOPED_TRACE("docs/guide.md, line " + std::to_string(block.line));
-        if (block.language == "cpp")
-        {
-            ASSERT_TRUE(regions.contains(block.origin)) << block.origin;
-            EXPECT_EQ(block.text, regions.at(block.origin));
-            shown.insert(block.origin);
-        }
-    }
+    const std::set<std::string> shown = ExpectRegions("guide.md", regions);
     for (const auto& [name, text] : regions)
     {
         EXPECT_TRUE(shown.contains(name)) << "the guide does not show " << name;
     }
+}
+
+TEST(GuideTest, TheReadmeShowsCompiledExamplesToo)
+{
+    EXPECT_FALSE(ExpectRegions("../README.md", AllRegions()).empty());
 }
 
 TEST(GuideTest, EverySettingsFileIsOneOfTheExamples)

@@ -4,10 +4,13 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "korlo/core/Logger.h"
 #include "settings/server/SettingsCombiner.h"
 #include "support/Documents.h"
+#include "support/LogCapture.h"
 
 namespace korlo::settings::server
 {
@@ -173,6 +176,24 @@ TEST(LoadPriorityIncludeFilterTest, MergePrioritiesKeepsTheGreaterOfTwo)
     filter.MergePriorities({{"A", 4}, {"B", -1}, {"C", 0}});
     const IniFile layer = Loaded(filter, {"[A]\n[B]\n[C]\n[D]\n[" + Reserved + "]\nA=5\nB=-2\nC=0\n"});
     EXPECT_EQ(layer, Ini("[A]\n[C]\n[D]\n"));
+}
+
+TEST(LoadPriorityIncludeFilterTest, ATraceNamesEachGroupThatIsDroppedAndEachClaimThatIsIgnored)
+{
+    const LogCapture log;
+    core::Logger::GetLogger("LoadPriorityIncludeFilter")->SetThreshold(core::LogLevelTrace);
+    Loaded({"[" + Reserved + "]\nA=5\nB=7\nC=1\nDeviceSecure=9\nD=high\n",  // D=high and a restricted group: ignored
+            "[A]\nx=1\n[" + Reserved + "]\nA=4\n",                          // too weak a claim
+            "[B]\nx=1\n",                                                   // none; and no word of A and C
+            "[C]\nx=1\n[" + Reserved + "]\nC=1\n"});                        // kept
+    const std::string prefix = "8 LoadPriorityIncludeFilter: ";
+    EXPECT_THAT(
+        log.GetMessages(),
+        testing::ElementsAre(
+            prefix + "The claim for group 'D' is ignored: it is not an integer",
+            prefix + "The claim for group 'DeviceSecure' is ignored: the group is restricted",
+            prefix + "Group 'A' is dropped: it was claimed with priority 5, and this document claims it with 4",
+            prefix + "Group 'B' is dropped: it was claimed with priority 7, and this document claims it with none"));
 }
 
 }  // namespace

@@ -64,6 +64,8 @@ TEST(ProtocolDocumentTest, EveryTranscriptIsWhatAServerSays)
 {
     const std::vector<std::string> defaults = BlocksOf("ini");
     ASSERT_EQ(defaults.size(), 1u);
+    const std::vector<std::string> restricted = BlocksOf("ini restricted");
+    ASSERT_EQ(restricted.size(), 1u);
     const std::vector<std::string> transcripts = BlocksOf("transcript");
     ASSERT_EQ(transcripts.size(), 2u);
     for (const std::string& transcript : transcripts)
@@ -72,7 +74,9 @@ TEST(ProtocolDocumentTest, EveryTranscriptIsWhatAServerSays)
         {
             RecordingPersister persister;
             persister.defaults = {Ini(defaults[0])};
-            SettingsManager store(&persister, nullptr, nullptr, false);
+            RecordingRestrictedLoader restrictedLoader;
+            restrictedLoader.documents = {Ini(restricted[0])};
+            SettingsManager store(&persister, &restrictedLoader, nullptr, false);
             SerializationManager serialization;
             ServerEnv env{&store, &serialization};
             PiecewiseStream in(LinesOf(transcript, '>'), pieceBytes);

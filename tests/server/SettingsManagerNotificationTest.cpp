@@ -2,7 +2,10 @@
 #include "settings/server/SettingsManager.h"
 
 #include <chrono>
+#include <functional>
 #include <future>
+#include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -202,6 +205,100 @@ TEST_F(SettingsManagerNotificationTest, WhatACallbackThrowsPassesOutOfTheChangeT
     auto change = std::async(std::launch::async, [&] { store.MergeSettings(Ini("[A]\nx=5\n"), 0); });
     ASSERT_EQ(change.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(all.GetChanges().back(), (Change{{"A"}, Ini("[A]\nx=5\n")}));
+}
+
+/// Counts the texts that were made.
+///
+/// Thread safety: none of its own; the owner guards it.
+class CountingSerializer : public ISettingsSerializer
+{
+public:
+    void OnSerialize(const IniFile& ini, const common::GroupNameMatcher&, std::ostream& out) const override
+    {
+        ++count;
+        ini.SaveToStream(out);
+    }
+
+    void OnDeserialize(std::istream&, IniFile&) const override {}
+
+    mutable int count = 0;
+};
+
+/// Another form of the same.
+///
+/// Thread safety: as its base's.
+class OtherSerializer : public CountingSerializer
+{
+};
+
+void WriteAll(std::ostream& os, const GroupNameCollection& groups, const IniFile& settings,
+              const ISettingsSerializer& serializer)
+{
+    serializer.OnSerialize(settings, MatcherOf(groups), os);
+}
+
+TEST_F(SettingsManagerNotificationTest, OneTextIsMadeForAllSubscribersThatGetTheSame)
+{
+    const CountingSerializer serializer;
+    const auto pFirst = store.WriteNotification({"A"}, serializer, &WriteAll);
+    EXPECT_EQ(*pFirst, "[A]\nx=1\ny=1\n[Net/a]\nm=1\n[Net/b]\nm=1\n");
+    for (int subscriber = 0; subscriber < 500; ++subscriber)
+    {
+        EXPECT_EQ(store.WriteNotification({"A"}, serializer, &WriteAll), pFirst);
+    }
+    EXPECT_EQ(serializer.count, 1);
+}
+
+TEST_F(SettingsManagerNotificationTest, OtherGroupsAndOtherFormsGetATextOfTheirOwn)
+{
+    const CountingSerializer serializer;
+    const OtherSerializer other;
+    store.WriteNotification({"A"}, serializer, &WriteAll);
+    store.WriteNotification({"A", "B"}, serializer, &WriteAll);
+    store.WriteNotification({"A", "B"}, other, &WriteAll);
+    EXPECT_EQ(serializer.count, 2);
+    EXPECT_EQ(other.count, 1);
+}
+
+TEST_F(SettingsManagerNotificationTest, AfterEveryKindOfChangeTheTextIsMadeAnew)
+{
+    const std::vector<std::function<void()>> changes = {
+        [this] { store.MergeSettings(Ini("[A]\nx=2\n"), SettingsManager::DoNotPersist); },
+        [this] { store.MergeSettings(Ini("[A]\nx=3\n"), 0); },
+        [this] { store.TestAndMerge(Ini("[A]\nx=3\n"), Ini("[A]\nx=4\n")); },
+        [this] { store.OverwriteSettings("A", Ini("[A]\nx=5\n")); },
+        [this] { store.RestoreToDefaults(MatcherOf({"A"})); },
+    };
+    const CountingSerializer serializer;
+    std::string before = *store.WriteNotification({"A"}, serializer, &WriteAll);
+    for (const auto& change : changes)
+    {
+        change();
+        const std::string after = *store.WriteNotification({"A"}, serializer, &WriteAll);
+        EXPECT_NE(after, before);
+        before = after;
+    }
+}
+
+TEST_F(SettingsManagerNotificationTest, ALargeTextIsNotKept)
+{
+    store.MergeSettings(Ini("[Big]\nk=" + std::string(64 * 1024, 'x') + '\n'), SettingsManager::DoNotPersist);
+    const CountingSerializer serializer;
+    const std::weak_ptr<const std::string> pText = store.WriteNotification({"Big"}, serializer, &WriteAll);
+    EXPECT_TRUE(pText.expired());
+}
+
+TEST_F(SettingsManagerNotificationTest, WhatCannotBeWrittenIsNotTakenForTheText)
+{
+    const CountingSerializer serializer;
+    EXPECT_THROW(store.WriteNotification(
+                     {"A"}, serializer,
+                     [](std::ostream& os, const GroupNameCollection&, const IniFile&, const ISettingsSerializer&) {
+                         os << "a part";
+                         throw std::runtime_error("the rest is missing");
+                     }),
+                 std::runtime_error);
+    EXPECT_EQ(store.WriteNotification({"A"}, serializer, &WriteAll)->substr(0, 4), "[A]\n");
 }
 
 }  // namespace

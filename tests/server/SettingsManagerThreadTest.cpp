@@ -7,6 +7,7 @@
 #include <future>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -153,6 +154,30 @@ TEST(SettingsManagerThreadTest, RestoresLoadTheirDefaultsOneAfterTheOther)
     EXPECT_FALSE(overlapped);
     EXPECT_EQ(persister.user, Ini("[A]\nx=1\n[B]\nx=1\n"));
     EXPECT_EQ(persister.saveCount, 200);
+}
+
+TEST(SettingsManagerThreadTest, ARestoreWaitsForADeferredLoad)
+{
+    RecordingPersister persister;
+    persister.defaults = {Ini("[A]\nx=1\n[B]\nx=1\n")};
+    persister.user = Ini("[A]\nx=2\n[B]\nx=2\n");
+    std::promise<void> loading;
+    std::vector<std::thread::id> loaders;  // guarded by what is tested here: the thread sanitizer looks on
+    persister.beforeLoadDefaults = [&] {
+        loaders.push_back(std::this_thread::get_id());
+        if (loaders.size() == 1)
+        {
+            loading.set_value();
+        }
+    };
+    SettingsManager store(&persister, nullptr, nullptr, true);
+    auto restoring = std::async(std::launch::async, [&store] { store.RestoreToDefaults(MatcherOf({"A"})); });
+    EXPECT_EQ(loading.get_future().wait_for(50ms), std::future_status::timeout);
+    store.LoadSettings();
+    ASSERT_EQ(restoring.wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(loaders.size(), 2u);
+    EXPECT_EQ(loaders[0], std::this_thread::get_id());
+    EXPECT_EQ(persister.user, Ini("[A]\nx=1\n[B]\nx=2\n"));
 }
 
 TEST(SettingsManagerThreadTest, OthersReadAndChangeTheStoreWhileARestoreReadsTheDefaults)

@@ -47,6 +47,16 @@ public:
     /// Behaves as a file system without hard links.
     void RefuseLinks() { _hasLinks = false; }
 
+    /// Lets every file but new ones and generations before, whose names end in '~', seem to belong to somebody else.
+    void LetFilesBelongTo(unsigned int owner, unsigned int group)
+    {
+        _owner = owner;
+        _group = group;
+    }
+
+    /// Says yes to every owner and sets none: only a privileged process could.
+    void LetOwnersBeSet() { _setsOwners = false; }
+
     const std::vector<std::string>& GetCalls() const { return _calls; }
     bool HasFailed() const { return _hasFailed; }
     int GetOpenFiles() const { return _openFiles; }
@@ -80,7 +90,7 @@ public:
 
     int SetOwner(int file, unsigned int owner, unsigned int group) override
     {
-        return Call("SetOwner", [&] { return _real.SetOwner(file, owner, group); });
+        return Call("SetOwner", [&] { return _setsOwners ? _real.SetOwner(file, owner, group) : 0; });
     }
 
     int SetMode(int file, unsigned int mode) override
@@ -102,7 +112,13 @@ public:
 
     int Stat(const std::string& path, osa::FileStatus& status) override
     {
-        return Call("Stat", [&] { return _real.Stat(path, status); });
+        return Call("Stat", [&] {
+            const int error = _real.Stat(path, status);
+            const bool isNew = path.ends_with('~');
+            status.owner = isNew || _owner == KeepOwner ? status.owner : _owner;
+            status.group = isNew || _group == KeepOwner ? status.group : _group;
+            return error;
+        });
     }
 
     int ReadLink(const std::string& path, std::string& target) override
@@ -168,6 +184,9 @@ private:
     std::vector<std::string> _calls;
     bool _hasFailed = false;
     bool _hasLinks = true;
+    bool _setsOwners = true;
+    unsigned int _owner = KeepOwner;
+    unsigned int _group = KeepOwner;
     int _openFiles = 0;
 };
 

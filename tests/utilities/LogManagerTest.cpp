@@ -12,8 +12,10 @@
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "korlo/core/Logger.h"
+#include "support/DescriptorCapture.h"
 #include "support/Files.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedServer.h"
@@ -30,6 +32,7 @@ using core::Logger;
 using Mode = KorloSettingsClient::OperationMode;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -235,6 +238,27 @@ TEST_P(LogManagerTest, AnErasedGroupMeansTheDefaultsOfTheLoggerAndIsNotWritten)
     store.Settle();
     EXPECT_EQ(logger.GetThreshold(), core::LogLevelWarning);
     EXPECT_EQ(store.Read("Log"), "");
+}
+
+TEST_P(LogManagerTest, AGroupThatHoldsOnlyALevelLogsToStandardError)
+{
+    store.Change("[Log]\nlog.level=2\n");
+    DescriptorCapture error(STDERR_FILENO);
+    Start();
+    logger.Warning("heard");
+    EXPECT_THAT(error.GetWrites(), Contains(EndsWith("] Warning Application: heard\n")));
+    EXPECT_EQ(store.Read("Log"), "[Log]\nlog.level=2\n");
+}
+
+TEST_P(LogManagerTest, AnErasedGroupLeavesWarningsOnStandardError)
+{
+    Start(1, "app.log");
+    DescriptorCapture error(STDERR_FILENO);
+    store.Erase("Log");
+    store.Settle();
+    logger.Warning("heard");
+    EXPECT_THAT(error.GetWrites(), Contains(EndsWith("] Warning Application: heard\n")));
+    EXPECT_THAT(Messages("app.log"), Not(Contains("Warning Application: heard")));
 }
 
 TEST_P(LogManagerTest, ChangesOfOtherGroupsDoNotReconfigure)

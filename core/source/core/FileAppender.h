@@ -7,7 +7,7 @@ namespace korlo::core
 {
 
 /// Appends each message as one line to a file that it keeps open. Several processes may share the file, and it may be
-/// truncated under way. A line that the file does not take (the disk is full) goes to standard error.
+/// truncated meanwhile. A line that the file does not take (the disk is full) goes to standard error.
 ///
 /// Thread safety: as ILogAppender.
 class FileAppender : public ILogAppender

@@ -106,7 +106,7 @@ void IniFile::LoadFromText(std::string_view text, const char* source)
     IniParser parser(text, loader);
     parser.Run();
     GroupMap loaded = loader.TakeGroups();
-    if (_groups.empty())
+    if (_groups.empty())  // the usual case: the loader's compact layout is taken over as it is
     {
         _groups = std::move(loaded);
         return;
@@ -156,7 +156,7 @@ std::vector<IniFile::BadLine> IniFile::FindBadLines(const char* path)
 
 void IniFile::MergeSettings(const IniFile& other)
 {
-    if (_groups.empty())
+    if (_groups.empty())  // a copy is laid out compactly, which what is added group by group is not
     {
         _groups = other._groups;
         return;
@@ -193,6 +193,7 @@ bool IniFile::ContainsSettings(const IniFile& other) const
 {
     for (const auto& [name, values] : other._groups)
     {
+        // A group without keys asks for nothing, not even that the group is here.
         const KeyValueMap* pMine = values.empty() ? &values : _groups.Lookup(name);
         if (pMine == nullptr)
         {
@@ -264,6 +265,7 @@ void IniFile::ValueListAppendUnique(const std::string& group, const std::string&
     {
         return;
     }
+    // Free at once unless keys were removed or chosen by hand; at the latest after as many steps as there are keys.
     std::size_t number = values.size() + 1;
     while (!values.try_emplace(std::to_string(number), value).second)
     {
@@ -283,7 +285,7 @@ void IniFile::ValueListAppendUnique(const std::string& group, const std::set<std
     {
         missing.erase(value);
     }
-    std::size_t number = values.size() + 1;
+    std::size_t number = values.size() + 1;  // only rises: all values together pass over each taken key once
     for (const std::string& value : missing)
     {
         while (!values.try_emplace(std::to_string(number), value).second)

@@ -12,8 +12,8 @@
 namespace korlo::core
 {
 
-/// Gathers the sections of one text and builds each group, and then the whole map, at once: so they lie compactly, and
-/// the order of the text costs a sort at most.
+/// Gathers the sections of one text and builds each group, and then the whole map, at once: so they are stored
+/// compactly, and groups or keys in any order cost one sort.
 ///
 /// Thread safety: none of its own; lives on the stack of the operation that loads.
 class IniLoader : public IIniSink
@@ -40,7 +40,7 @@ private:
     std::size_t _badLines = 0;
     std::string_view _name;
     bool _inSection = false;
-    bool _pairsAscend = true;
+    bool _pairsAscend = true;  // strictly, as in every document that was saved: it needs no sort
     std::vector<Pair> _pairs;  // of the section that is being read
     bool _sectionsAscend = true;
     std::vector<Section> _sections;

@@ -10,6 +10,7 @@ namespace
 
 constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
 
+/// Blank, tab, vertical tab, form feed and carriage return: lines that end in "\r\n" need no rule of their own.
 bool IsBlank(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
@@ -124,6 +125,17 @@ void IniParser::Run()
     }
 }
 
+// Without the blanks at its ends, and by its first character, a line is
+//
+//   line                             | in a group          | before the first group, or after a bad header
+//   ---------------------------------+---------------------+----------------------------------------------
+//   nothing, or behind a '#' or ';'  | skipped             | skipped
+//   [name] or ["name"]               | the group ends, the next begins
+//   [ and anything else              | bad, and ends it    | bad
+//   key=value, either in quotes      | a value             | bad: its group is unknown
+//   anything else                    | bad                 | bad
+//
+// A bad header ends the group before it, since the keys below it must not land in a group that they were not meant for.
 void IniParser::ParseLine(std::string_view line)
 {
     TrimFront(line);
@@ -148,7 +160,7 @@ void IniParser::ParseLine(std::string_view line)
 
 void IniParser::ParseHeader(std::string_view line)
 {
-    _inGroup = false;
+    _inGroup = false;  // until the header turns out to be readable
     line.remove_prefix(1);
     TrimFront(line);
     std::string_view name;
@@ -187,7 +199,7 @@ void IniParser::ParsePair(std::string_view line)
     TrimFront(line);
     if (line.empty() || line.front() != '"')
     {
-        _sink.OnValue(*key, line);
+        _sink.OnValue(*key, line);  // as it stands: a '#', a '=' or a backslash in an unquoted value is text
         return;
     }
     const auto value = TakeQuoted(line);

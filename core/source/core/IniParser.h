@@ -11,6 +11,8 @@ namespace korlo::core
 {
 
 /// What an IniParser finds, in the order of the text.
+///
+/// Thread safety: none of its own; called on the thread that runs the parser.
 class IIniSink
 {
 public:

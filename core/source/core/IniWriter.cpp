@@ -26,12 +26,12 @@ constexpr Word Misread(Word word, char sign)
     return (below0x20 | is0x7F | isSign) & ~word & HighBits;
 }
 
-constexpr char NoSign = '\x7F';
+constexpr char NoSign = '\x7F';  // a control character: no plain token may hold it anyway
 
 /// Copies a token of up to seven bytes; false if plain text cannot carry it.
 bool CopyShort(std::string_view token, char sign, char* pTarget)
 {
-    Word word = Ones * ' ';
+    Word word = Ones * ' ';  // the bytes that the token does not fill must be plain
     for (const char c : token)
     {
         *pTarget++ = c;
@@ -146,7 +146,7 @@ void IniWriter::AppendToken(std::string_view token, char sign, bool isOdd)
     }
     else
     {
-        AppendQuoted(token);
+        AppendQuoted(token);  // over what was copied, which `_used` does not count
     }
 }
 

@@ -44,7 +44,8 @@ int ThresholdOf(int settingsLevel)
     }
 }
 
-/// The appenders that the settings ask for. What keeps the file from being one of them goes to `failure`.
+/// The appenders that the settings ask for, or the one to standard error when there is none: settings that name no
+/// output must not silence the process. What keeps the file from being one of them goes to `failure`.
 Appenders MakeAppenders(const IniFile& settings, const std::string& group, std::string& failure)
 {
     Appenders appenders;
@@ -57,21 +58,20 @@ Appenders MakeAppenders(const IniFile& settings, const std::string& group, std::
         appenders.push_back(std::make_shared<StandardStreamAppender>(StandardStreamAppender::StandardOutput));
     }
     const std::string file = settings.GetValueOrDefault(group, "log.file");
-    if (file.empty())
-    {
-        return appenders;
-    }
     try
     {
-        appenders.push_back(std::make_shared<FileAppender>(file));
+        if (!file.empty())
+        {
+            appenders.push_back(std::make_shared<FileAppender>(file));
+        }
     }
     catch (const osa::Exception& exception)
     {
         failure = exception.what();
-        if (appenders.empty())
-        {
-            appenders.push_back(MakeStandardErrorAppender());
-        }
+    }
+    if (appenders.empty())
+    {
+        appenders.push_back(MakeStandardErrorAppender());
     }
     return appenders;
 }
@@ -93,7 +93,7 @@ void Logger::ConfigureLogging(const IniFile& settings, const std::string& group)
     LogDispatcher::Instance().Configure(appenders, threshold);
     if (!failure.empty() && threshold > 0)
     {
-        // Past the threshold: where only errors are logged, the place to look for them must still be told.
+        // Whatever the threshold: where only errors are logged, a person must still learn why the file stays empty.
         LogDispatcher::Instance().Dispatch(*GetLogger("Logger"), LogLevelWarning, failure);
     }
 }

@@ -49,7 +49,7 @@ void LogDispatcher::Append(ILogAppender& appender, const Logger& logger, LogLeve
     }
     catch (const std::exception&)
     {
-        // A message must not end the work that it tells of, nor be kept from the other appenders.
+        // An appender that fails must not end the operation that logs, nor keep the message from the other appenders.
     }
     _running.pop_back();
 }

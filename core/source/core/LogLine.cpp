@@ -171,7 +171,7 @@ std::size_t WriteLine(int descriptor, const std::string& line)
         {
             sigPipe.SetHasCome();
         }
-        break;
+        break;  // a full pipe that does not block (EAGAIN) costs the line too: logging must not spin
     }
     return done;
 }

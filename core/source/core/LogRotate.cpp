@@ -79,7 +79,7 @@ bool CanBeQuoted(const std::string& file)
     return file.starts_with('/') && std::none_of(file.begin(), file.end(), isTrap);
 }
 
-/// The file is truncated where it lies, because the loggers keep it open and append to it.
+/// The file is truncated in place, because the loggers keep it open and append to it.
 std::string MakeStanza(const std::string& file)
 {
     return "# Written by the program that logs to this file; changes are lost.\n"

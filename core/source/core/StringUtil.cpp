@@ -1,46 +1,51 @@
 #include "korlo/core/StringUtil.h"
 
 #include <charconv>
+#include <string_view>
+
+#include "FindText.h"
 
 namespace korlo::core
 {
 
 bool StringUtil::MatchesPattern(const std::string& pattern, const std::string& text)
 {
-    std::size_t inPattern = 0;
-    std::size_t inText = 0;
-    std::size_t afterStar = std::string::npos;  // where the pattern goes on after the last '*' met
-    std::size_t starEnd = 0;                    // where the run that this '*' stands for ends, so far
+    std::string_view wanted = pattern;
+    std::string_view rest = text;
 
-    while (inText < text.size())
+    // 1. Up to the first star, and behind the last one, everything stands for itself.
+    for (; !wanted.empty() && wanted.front() != '*'; wanted.remove_prefix(1), rest.remove_prefix(1))
     {
-        if (inPattern < pattern.size() && pattern[inPattern] == '*')
-        {
-            afterStar = ++inPattern;
-            starEnd = inText;
-            if (afterStar == pattern.size())
-            {
-                return true;  // a '*' at the end takes whatever follows
-            }
-        }
-        else if (inPattern < pattern.size() && pattern[inPattern] == text[inText])
-        {
-            ++inPattern;
-            ++inText;
-        }
-        else if (afterStar != std::string::npos)
-        {
-            // Only the last '*' need grow: one before it, grown, would leave less text for the same rest of the
-            // pattern.
-            inPattern = afterStar;
-            inText = ++starEnd;
-        }
-        else
+        if (rest.empty() || rest.front() != wanted.front())
         {
             return false;
         }
     }
-    return pattern.find_first_not_of('*', inPattern) == std::string::npos;
+    if (wanted.empty())
+    {
+        return rest.empty();
+    }
+    for (; wanted.back() != '*'; wanted.remove_suffix(1), rest.remove_suffix(1))
+    {
+        if (rest.empty() || rest.back() != wanted.back())
+        {
+            return false;
+        }
+    }
+
+    // 2. What lies between two stars is taken where it occurs first: further on there would be less left for the rest.
+    for (wanted.remove_prefix(1); !wanted.empty();)
+    {
+        const std::string_view literal = wanted.substr(0, wanted.find('*'));
+        const std::size_t found = FindText(rest, literal);
+        if (found == std::string_view::npos)
+        {
+            return false;
+        }
+        rest.remove_prefix(found + literal.size());
+        wanted.remove_prefix(literal.size() + 1);
+    }
+    return true;
 }
 
 void StringUtil::Split(std::vector<std::string>& out, const std::string& text, const std::string& delimiters,

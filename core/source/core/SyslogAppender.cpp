@@ -9,8 +9,8 @@
 namespace korlo::core
 {
 
-// The connection to the system log is one for the process and is never closed: the appender of the next configuration
-// uses it already when that of the last one goes.
+// The process has one connection to the system log, and it is never closed: the appender of the next configuration
+// already uses it when that of the previous one is destroyed.
 SyslogAppender::SyslogAppender()
 {
     ::openlog(GetProgramName(), LOG_PID, LOG_DAEMON);

@@ -143,20 +143,29 @@ public:
         }
     }
 
-    /// Gives the file the owner, group and mode of another one, as far as the system permits.
+    /// Gives the file the owner, group and mode of another one, as far as the system permits. What is right already is
+    /// not set: where the system forbids to give files away, it forbids that, too.
     void Resemble(const FileStatus& status)
     {
-        constexpr unsigned int keep = IFileSystem::KeepOwner;
+        const std::optional<FileStatus> own = GetOwnStatus();
+        const bool hasOwner = own && own->owner == status.owner;
+        bool hasGroup = own && own->group == status.group;
+        const unsigned int owner = hasOwner ? IFileSystem::KeepOwner : status.owner;
+        const unsigned int group = hasGroup ? IFileSystem::KeepOwner : status.group;
         unsigned int mode = status.mode;
-        if (Uninterrupted([&] { return _fileSystem.SetOwner(_file, status.owner, status.group); }) != 0)
+        if (!(hasOwner && hasGroup) && !SetOwner(owner, group))
         {
-            mode &= 0777u;  // what runs as its owner must not run as somebody else
-            if (Uninterrupted([&] { return _fileSystem.SetOwner(_file, keep, status.group); }) != 0)
+            hasGroup = hasGroup || (!hasOwner && SetOwner(IFileSystem::KeepOwner, group));
+            mode &= hasOwner ? 07777u : 0777u;  // what runs as its owner must not run as somebody else
+            if (!hasGroup)
             {
                 mode = (mode & 0707u) | ((mode & 07u) << 3);  // the rights of one group are not those of another
             }
         }
-        Demand("set the mode of the new", _place, [&] { return _fileSystem.SetMode(_file, mode); });
+        if (!own || own->mode != mode)
+        {
+            Demand("set the mode of the new", _place, [&] { return _fileSystem.SetMode(_file, mode); });
+        }
     }
 
     void SyncAndClose()
@@ -176,6 +185,18 @@ public:
     }
 
 private:
+    std::optional<FileStatus> GetOwnStatus() const
+    {
+        FileStatus status;
+        const int error = Uninterrupted([&] { return _fileSystem.Stat(_name, status); });
+        return error == 0 ? std::optional(status) : std::nullopt;
+    }
+
+    bool SetOwner(unsigned int owner, unsigned int group) const
+    {
+        return Uninterrupted([&] { return _fileSystem.SetOwner(_file, owner, group); }) == 0;
+    }
+
     IFileSystem& _fileSystem;
     const std::string _place;
     std::string _name;

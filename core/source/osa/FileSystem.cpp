@@ -132,7 +132,7 @@ private:
 
 IFileSystem& RealFileSystem()
 {
-    static PosixFileSystem fileSystem;
+    static IFileSystem& fileSystem = *new PosixFileSystem;  // never destroyed: globals may save when they go
     return fileSystem;
 }
 

@@ -70,6 +70,7 @@ void Mutex::Release() KORLO_NO_THREAD_SAFETY_ANALYSIS
     }
     if (--_depth == 0)
     {
+        // Before the unlock: after it, the next holder may have entered itself already.
         _holder.store(std::thread::id(), std::memory_order_relaxed);
     }
     _mutex.unlock();

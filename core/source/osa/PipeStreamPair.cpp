@@ -15,6 +15,8 @@ constexpr std::size_t WakeBytes = 64 * 1024;  // so much unflushed text is worth
 constexpr std::size_t KeepBytes = 16 * 1024;  // a drained buffer of up to this size is used again
 
 /// The bytes on their way.
+///
+/// Thread safety: all methods, from any thread; one thread takes.
 class ByteQueue
 {
 public:
@@ -28,7 +30,7 @@ public:
         }
         const std::size_t before = _bytes.size();
         _bytes.append(bytes, size);
-        if (before < WakeBytes && _bytes.size() >= WakeBytes)
+        if (before < WakeBytes && _bytes.size() >= WakeBytes)  // once, and not again at every write beyond
         {
             _readable.notify_one();
         }
@@ -82,7 +84,7 @@ protected:
     {
         if (gptr() == egptr())
         {
-            setg(nullptr, nullptr, nullptr);
+            setg(nullptr, nullptr, nullptr);  // before Take, which gives the memory of the get area away
             _queue.Take(_bytes);
             setg(_bytes.data(), _bytes.data(), _bytes.data() + _bytes.size());
         }

@@ -6,6 +6,18 @@
 // While nobody waits, `_state` alone is the lock, and taking and releasing it is one exchange. The first who has to
 // wait sets Contended under `_mutex`. From then on every exchange fails, so that all the rest happens under `_mutex`,
 // until the last waiter has gone and clears the flag.
+//
+// Under contention:
+//
+//   who waits          | goes in when                                       | which comes about by
+//   -------------------+----------------------------------------------------+---------------------------------------
+//   a reader           | nobody writes and no writer waits                  | a writer that gives up
+//   an admitted reader | nobody writes (it waited when a writer released)   | that writer's release
+//   a writer           | nobody reads or writes, no admitted reader waits   | a release, a reader that gives up
+//
+// So neither side starves: readers stand behind a writer that waits, and those who stood there go before the next one.
+// Whoever ends a step under `_mutex` wakes those whose turn it is (EndStep); an admitted reader whose time is up ends
+// its step like the others, or the writers would wait for it forever.
 
 namespace korlo::osa
 {
@@ -52,7 +64,7 @@ void ReadWriteLock::Release() KORLO_NO_THREAD_SAFETY_ANALYSIS
 bool ReadWriteLock::TryReadAtOnce()
 {
     unsigned int state = _state.load(std::memory_order_relaxed);
-    while (state < Readers)
+    while (state < Readers)  // both flags are above all numbers of readers
     {
         if (_state.compare_exchange_weak(state, state + 1, std::memory_order_acquire, std::memory_order_relaxed))
         {
@@ -123,7 +135,7 @@ void ReadWriteLock::ReleaseToWaiters()
     {
         _state &= ~Writing;
         ++_writeRound;
-        _admittedReaders = _waitingReaders;
+        _admittedReaders = _waitingReaders;  // it was 0, or this writer could not have gone in
     }
     else if (held)
     {

@@ -93,6 +93,7 @@ void SetPriority(const Start& start)
 extern "C" void* KorloRunThread(void* pArgument)
 {
     const std::unique_ptr<Start> pStart(static_cast<Start*>(pArgument));
+    // Cut here: the kernel refuses a name that is too long and leaves the thread that of its parent.
     pthread_setname_np(pthread_self(), pStart->name.substr(0, MaximumNameLength).c_str());
     SetPriority(*pStart);
     try
@@ -139,6 +140,7 @@ Thread::Thread(const char* name, Runnable* pBody, unsigned int stackBytes, signe
     }
 }
 
+// Looks at `_state` without the lock: nobody else may use the object any more.
 Thread::~Thread()
 {
     if (_state != NotStarted && pthread_equal(_handle, pthread_self()) != 0)
@@ -185,8 +187,8 @@ void Thread::Join()
     {
         return;
     }
-    _state = Joining;
-    lock.unlock();  // so that the body may call this object while it is waited for
+    _state = Joining;  // the handle is this call's alone now: joining a thread twice is undefined
+    lock.unlock();     // so that the body may call this object while it is waited for
     pthread_join(_handle, nullptr);
     lock.lock();
     _state = NotStarted;

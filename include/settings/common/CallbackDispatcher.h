@@ -1,7 +1,10 @@
 #pragma once
 // Who asked for which groups, and the delivery of a change to them.
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
+#include <string>
 
 #include "korlo/osa/Mutex.h"
 #include "settings/GroupNameCollection.h"
@@ -40,7 +43,8 @@ public:
     CallbackDispatcher& operator=(const CallbackDispatcher&) = delete;
 
     /// Adds names and patterns to what the subscriber has asked for so far. A subscriber is called once for a change,
-    /// however often it subscribed.
+    /// however often it subscribed. Costs what is added times the logarithm of all that is subscribed; where memory
+    /// runs out, nothing is added.
     /// @param pCallback borrowed; must stay alive until it is removed or the dispatcher is destroyed.
     /// @throws osa::Exception "%s was NULL" for a null callback.
     void AddCallback(IChangeCallback* pCallback, const GroupNameCollection& groups) KORLO_EXCLUDES(_mutex);
@@ -57,21 +61,45 @@ public:
     void GetAllSubscribedGroups(GroupNameCollection& groups) const KORLO_EXCLUDES(_mutex);
 
 private:
-    // The two classes that remove subscribers: they erase from the map under the mutex.
+    // The two classes that remove subscribers.
     friend class korlo::settings::KorloSettingsClient;
     friend class korlo::settings::server::SettingsManager;
 
     using SubscriptionMap = std::map<IChangeCallback*, GroupNameMatcher>;
 
-    void Merge(IChangeCallback* pCallback, const GroupNameMatcher& matcher) KORLO_REQUIRES(_mutex);
+    /// Counts how many subscribers asked for each name and each pattern, so that a change that concerns nobody is told
+    /// by one look-up for each of its groups, however many subscribers there are. Of a name it keeps no copy but a
+    /// hash: where two names share one, a change may pass that concerns nobody, which costs a walk and nothing else.
+    ///
+    /// Thread safety: none of its own; the owner guards it.
+    class Index
+    {
+    public:
+        /// Counts what is asked for, but for what the subscriber has asked for before, which may be null.
+        void Count(const GroupNameMatcher& asked, const GroupNameMatcher* pBefore);
+
+        /// Adds the counts of `other`, and takes its memory for it.
+        void Add(Index&& other) noexcept;
+
+        /// Takes off what a subscriber had asked for.
+        void Remove(const GroupNameMatcher& subscribed) noexcept;
+
+        bool SelectsAny(const GroupNameCollection& groups) const;
+
+    private:
+        std::map<std::uint32_t, std::uint32_t> _names;  // by the hash
+        std::map<std::string, std::uint32_t> _patterns;
+    };
+
+    /// Takes what it moves out of `asked`. Does all or nothing.
+    void Add(IChangeCallback* pCallback, GroupNameMatcher&& asked) KORLO_EXCLUDES(_mutex);
+
+    /// Drops all that the subscriber has asked for; an unknown one is ignored. For those who remove subscribers.
+    void Remove(IChangeCallback* pCallback) KORLO_EXCLUDES(_mutex);
 
     mutable osa::Mutex _mutex;
     SubscriptionMap _subscriptions KORLO_GUARDED_BY(_mutex);  // keys borrowed
-
-    // Everything that anybody asked for, so that a change that concerns nobody is told by one look-up, however many
-    // subscribers there are. It may still hold what a removed subscriber asked for: that costs a walk, nothing else.
-    GroupNameMatcher _everything KORLO_GUARDED_BY(_mutex);
-    std::size_t _addedToEverything KORLO_GUARDED_BY(_mutex) = 0;
+    Index _index KORLO_GUARDED_BY(_mutex);                    // of all that is in the map, and of nothing else
 };
 
 }  // namespace common

@@ -34,6 +34,9 @@ public:
     /// Adds every name and every pattern of `other`.
     void Merge(const GroupNameMatcher& other);
 
+    /// The same without a copy, and so without a way to fail: the entries move, those that are here already stay.
+    void Merge(GroupNameMatcher&& other) noexcept;
+
     /// Adds to `matched` every member of `groups` that is selected; `matched` is not cleared first.
     /// Costs a look-up for each exact name and each pattern, plus the groups that share a pattern's literal prefix.
     void GetMatchingGroups(const GroupNameCollection& groups, GroupNameCollection& matched) const;
@@ -41,8 +44,14 @@ public:
     /// The same over the groups of a document.
     void GetMatchingGroups(const core::IniFile& ini, GroupNameCollection& matched) const;
 
+    /// Merges every selected group of `from`, whole, into `into`, which is not cleared first.
+    void MergeMatchingGroups(const core::IniFile& from, core::IniFile& into) const;
+
     /// True when GetMatchingGroups would add anything.
     bool SelectsAny(const GroupNameCollection& groups) const;
+
+    /// The same for a matcher of this one pattern.
+    static bool PatternSelectsAny(const std::string& pattern, const GroupNameCollection& groups);
 
     /// Writes groups of `ini` as INI text. This is a walk of its own: it steps through the exact names once, beside the
     /// groups, and an exact name that it passes over while it serves an earlier group is not compared again. So a group
@@ -97,5 +106,8 @@ struct GetFirstFromPairFunctor
 {
     const K& operator()(const std::pair<const K, V>& pair) const { return pair.first; }
 };
+
+/// The names of all groups of a document.
+GroupNameCollection GroupNamesOf(const core::IniFile& ini);
 
 }  // namespace korlo::settings::common

@@ -6,6 +6,7 @@
 #include <istream>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Mutex.h"
@@ -36,8 +37,9 @@ public:
 ///     ClientHandler handler(&env, &in, &out);
 ///     handler.Run();
 ///
-/// A request whose input ends before its last terminator is not carried out. The streams are borrowed, must outlive the
-/// handler, and are never closed by it.
+/// A request whose input ends before its last terminator is not carried out, and a message that memory does not suffice
+/// for is not sent in part: std::bad_alloc passes out instead. Each message goes to `out` in one write and one flush.
+/// The streams are borrowed, must outlive the handler, and are never closed by it.
 ///
 /// Thread safety: one thread runs Run; OnChange comes from any thread that changes the store, Run's own included. All
 /// writing happens under one mutex, a whole message at a time. A thread that dispatches a change takes the locks in the
@@ -53,8 +55,8 @@ public:
     ClientHandler& operator=(const ClientHandler&) = delete;
     ~ClientHandler() override;
 
-    /// Serves the connection until the client quits or its input ends; then the client is unsubscribed. What the store
-    /// or a serializer throws passes out, and ends the connection with it.
+    /// Serves the connection until the client quits, its input ends or `out` takes no more of a response; then the
+    /// client is unsubscribed. What the store or a serializer throws passes out, and ends the connection with it.
     void Run();
 
     /// The same, with a gate before each request.
@@ -90,6 +92,7 @@ private:
 
     void ServeRequests(IRequestGate* pGate);
     void SendMessage() KORLO_REQUIRES(_outputMutex);
+    void Send(std::string_view text) KORLO_REQUIRES(_outputMutex);
     void Notify(const GroupNameCollection& groups);
     void Unsubscribe();
     bool RequestIsWhole() const;

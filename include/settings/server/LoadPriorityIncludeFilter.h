@@ -15,7 +15,7 @@ namespace korlo::settings::server
 /// by key.
 ///
 /// Claims that are no integers, and claims for restricted groups, are ignored. The claiming group itself is removed
-/// from every document.
+/// from every document. Each group that is dropped and each claim that is ignored is logged at trace level.
 ///
 /// The highest claim for each group is remembered as long as the filter lives: over all layers and every restore of
 /// defaults. So a second load of the same documents can drop groups that the first one kept, because a document that

@@ -86,13 +86,21 @@ public:
 
     /// Writes the selected groups in the serializer's form. The store is locked for reading meanwhile, so `os` should
     /// be one that does not wait.
-    /// @return the GetVersion of what was written.
-    std::uint64_t WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
-                              const ISettingsSerializer& serializer) const KORLO_EXCLUDES(_lock);
+    void WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
+                     const ISettingsSerializer& serializer) const KORLO_EXCLUDES(_lock);
 
-    /// A number that no other state of this store, nor of any other store of the process, has had: while it stays the
-    /// same, so do the settings.
-    std::uint64_t GetVersion() const KORLO_EXCLUDES(_lock);
+    /// Writes what a subscriber is sent of these groups of `settings`.
+    using NotificationWriter = void (*)(std::ostream& os, const GroupNameCollection& groups,
+                                        const core::IniFile& settings, const ISettingsSerializer& serializer);
+
+    /// The text of a notification of the groups as the store holds them now. A change goes to its subscribers one after
+    /// the other, and most of them get the same bytes: so the text that was made last is kept (up to 64 KiB of it) and
+    /// shared by whoever asks for the same groups in the same form until something changes.
+    /// @param write makes the text, with the store locked for reading; the same function in all calls. What it throws
+    ///        passes out, and so does std::bad_alloc from the stream that it writes to: no text is returned in part.
+    std::shared_ptr<const std::string> WriteNotification(const GroupNameCollection& groups,
+                                                         const ISettingsSerializer& serializer,
+                                                         NotificationWriter write) const KORLO_EXCLUDES(_lock);
 
     /// Merges `changes` into the settings and, unless `flags` holds DoNotPersist, into the user layer, which is then
     /// saved. Subscribers hear of all groups of `changes`. What the persister throws passes out; the change is then
@@ -118,7 +126,7 @@ public:
     /// user layer and the settings. Selected groups that nobody ever changed to last are not removed first, only
     /// overwritten. The record of erased groups stays as it is: at the next load it drops those groups' defaults again
     /// and the copies in the user layer bring the same values back. Does nothing, and notifies nobody, without a
-    /// persister.
+    /// persister. Waits for a load that was deferred before it reads anything.
     void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
 
     /// Asks for calls about changes of the groups; see CallbackDispatcher::AddCallback.
@@ -134,6 +142,8 @@ public:
     void GetAllSubscribedGroups(GroupNameCollection& groups) const;
 
 private:
+    struct Notification;
+
     void LoadLayers() KORLO_REQUIRES(_lock);
     void RemoveErasedGroups() KORLO_REQUIRES(_lock);
     void SaveUserSettings() KORLO_REQUIRES(_lock);
@@ -151,8 +161,10 @@ private:
 
     common::CallbackDispatcher _dispatcher;
 
-    std::uint64_t _version KORLO_GUARDED_BY(_lock);
-    osa::Mutex _restoreMutex;  // one load of defaults at a time through the filters; taken before `_lock`
+    std::uint64_t _version KORLO_GUARDED_BY(_lock) = 0;  // counts the changes of _settings
+    mutable osa::Mutex _notificationMutex;               // taken inside `_lock`, and nothing is taken inside it
+    mutable std::shared_ptr<const Notification> _pLastNotification KORLO_GUARDED_BY(_notificationMutex);
+    osa::Mutex _restoreMutex;  // one restore at a time reads defaults through the filters; taken before `_lock`
 };
 
 }  // namespace korlo::settings::server

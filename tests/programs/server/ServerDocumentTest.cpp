@@ -1,6 +1,7 @@
 // docs/server.md says what is so.
 
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -25,45 +26,66 @@ std::string Document()
     return ContentOf(std::string(KORLO_DOCS) + "/server.md").value();
 }
 
-/// The indented commands below a heading.
-std::vector<std::string> CommandsBelow(const std::string& heading)
+/// From a heading to the next one.
+std::string Section(const std::string& heading)
 {
     const std::string document = Document();
-    std::istringstream lines(document.substr(document.find("## " + heading)));
-    std::vector<std::string> commands;
-    std::string line;
-    while (std::getline(lines, line) && !line.starts_with("Once "))
+    const std::size_t begin = document.find("\n## " + heading + '\n');
+    EXPECT_NE(begin, std::string::npos) << heading;
+    return document.substr(begin + 1, document.find("\n## ", begin + 1) - begin - 1);
+}
+
+/// Runs the indented commands of a section in that folder. The last of them starts the server.
+std::unique_ptr<ChildProcess> StartAsShown(const std::string& section, const TemporaryFolder& folder)
+{
+    const std::string indent = "    ";
+    const std::string program = indent + "korlo-settings-server ";
+    std::string script = "set -e; cd '" + folder.GetPath() + "'\n";
+    std::istringstream lines(section);
+    for (std::string line; std::getline(lines, line);)
     {
-        if (line.starts_with("    "))
+        if (line.starts_with(program))
         {
-            commands.push_back(line.substr(4));
+            script += std::string("exec ") + KORLO_EMULATOR + ' ' + KORLO_SETTINGS_SERVER + ' ' +
+                      line.substr(program.size()) + '\n';
+            break;
         }
+        script += line.starts_with(indent) ? line + '\n' : "";
     }
-    return commands;
+    auto pServer = std::make_unique<ChildProcess>(std::vector<std::string>{"sh", "-c", script});
+    pServer->AwaitOutput("\n");
+    return pServer;
 }
 
 TEST(ServerDocumentTest, TheCommandsOfTheFirstRunWork)
 {
     const TemporaryFolder folder;
-    std::vector<std::string> commands = CommandsBelow("A first run");
-    ASSERT_FALSE(commands.empty());
-    const std::string program = "korlo-settings-server";
-    ASSERT_TRUE(commands.back().starts_with(program));
-    const std::string server = std::string(KORLO_EMULATOR) + ' ' + KORLO_SETTINGS_SERVER;
-    commands.back().replace(0, program.size(), "exec " + server);
-
-    std::string script = "set -e; cd '" + folder.GetPath() + "'\n";
-    for (const std::string& command : commands)
-    {
-        script += command + '\n';
-    }
-    ChildProcess child({"sh", "-c", script});
-    child.AwaitOutput("\n");
-    ASSERT_THAT(child.GetOutput(), testing::StartsWith("listening on 127.0.0.1:"));
-    const auto port = static_cast<unsigned short>(std::stoi(child.GetOutput().substr(child.GetOutput().find(':') + 1)));
+    const auto pServer = StartAsShown(Section("A first run"), folder);
+    const std::string announcement = "listening on 127.0.0.1:";
+    ASSERT_THAT(pServer->GetOutput(), testing::StartsWith(announcement));
+    const auto port = static_cast<unsigned short>(std::stoi(pServer->GetOutput().substr(announcement.size())));
     EXPECT_EQ(RawClient(port).Get("*"), "[DeviceSecure]\nserial=4711\n[Network]\nmode=dhcp\n");
-    child.Signal(SIGTERM);
-    EXPECT_EQ(child.Wait(), 0);
+    pServer->Signal(SIGTERM);
+    EXPECT_EQ(pServer->Wait(), 0);
+}
+
+TEST(ServerDocumentTest, ADefaultThatIsNotThereIsLoggedAsShown)
+{
+    const TemporaryFolder folder;
+    const std::string section = Section("Why is my default not there?");
+    const auto pServer = StartAsShown(section, folder);
+    pServer->Signal(SIGTERM);
+    EXPECT_EQ(pServer->Wait(), 0);
+    const std::string begin = "```text\n";
+    std::istringstream shown(section.substr(section.find(begin) + begin.size()));
+    std::size_t position = 0;
+    int count = 0;
+    for (std::string line; std::getline(shown, line) && line != "```"; ++count)
+    {
+        position = pServer->GetErrors().find("] " + line + '\n', position);
+        ASSERT_NE(position, std::string::npos) << line << "\nis not in its place in\n" << pServer->GetErrors();
+    }
+    EXPECT_GT(count, 2);
 }
 
 TEST(ServerDocumentTest, TheClientInPhpWorks)
@@ -73,7 +95,8 @@ TEST(ServerDocumentTest, TheClientInPhpWorks)
         GTEST_SKIP() << "php is not installed";  // scripts/test installs it; nothing else here needs it
     }
     const TemporaryFolder folder;
-    std::ofstream(folder.PathOf("defaults.ini")) << "[Visits]\ncount=6\n";
+    std::ofstream(folder.PathOf("defaults.ini")) << "[Audio]\nvolume=3\n[Guests]\nmost=9\n"
+                                                    "[Network/Ethernet]\ndhcp=1\n[Visits]\ncount=6\n";
     ServerProcess server({"--defaults", folder.PathOf("defaults.ini"), "--user", folder.PathOf("user.ini")});
 
     const std::string document = ContentOf(std::string(KORLO_DOCS) + "/protocol.md").value();
@@ -88,9 +111,10 @@ TEST(ServerDocumentTest, TheClientInPhpWorks)
     ChildProcess client(
         {"php", "-d", "display_errors=stderr", "-d", "error_reporting=-1", folder.PathOf("client.php")});
     EXPECT_EQ(client.Wait(), 0);
-    EXPECT_EQ(client.GetOutput(), "7\n");
+    EXPECT_EQ(client.GetOutput(), "7\nAudio Network/Wifi Visits\n");
     EXPECT_EQ(client.GetErrors(), "");
-    EXPECT_EQ(RawClient(server.GetPort()).Get("*"), "[Audio]\nvolume=7\n[Visits]\ncount=7\n");
+    EXPECT_EQ(RawClient(server.GetPort()).Get("*"),
+              "[Audio]\nvolume=3\n[Network/Wifi]\nssid=Workshop\n[Visits]\ncount=7\n");
 }
 
 TEST(ServerDocumentTest, TheTableGivesTheDefaults)

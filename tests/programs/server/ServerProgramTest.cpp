@@ -228,6 +228,28 @@ TEST_F(ServerProgramTest, LogsAsMuchAsItIsTold)
     EXPECT_EQ(silent.GetChild().GetErrors(), "");
 }
 
+TEST_F(ServerProgramTest, ATraceNamesEveryFileThatIsLoadedAndWhatItLoses)
+{
+    const std::string first = Make("first.ini", "[Net]\nmode=dhcp\n[KorloSettings/LoadPriority]\nNet=10\n");
+    const std::string second = Make("second.ini", "[Net]\nmode=off\n");
+    const std::string restricted = Make("restricted.ini", "[DeviceSecure]\nserial=1\n");
+    Make("user.ini", "[Audio]\nvolume=7\n");
+
+    ServerProcess server(
+        {"--defaults", first, "--defaults", second, "--restricted", restricted, "--user", _user, "--log-level", "4"});
+    EXPECT_EQ(server.End(), 0);
+    const std::string& log = server.GetChild().GetErrors();
+    std::size_t position = 0;
+    for (const std::string& expected :
+         {"Loading default settings from '" + first + '\'', "Loading default settings from '" + second + '\'',
+          std::string("Group 'Net' is dropped: it was claimed with priority 10, and this document claims it with none"),
+          "Loading user settings from '" + _user + '\'', "Loading restricted settings from '" + restricted + '\''})
+    {
+        position = log.find(expected, position);
+        EXPECT_NE(position, std::string::npos) << expected << " is not in its place in\n" << log;
+    }
+}
+
 TEST_F(ServerProgramTest, EndsThoughClientsHang)
 {
     ServerProcess server({"--user", _user, "--log-level", "0"});

@@ -24,12 +24,12 @@ namespace korlo::core
 /// stay, but iterators do not follow them.
 ///
 /// What is built at once (a copy, a Builder) lies in one sorted block without a pointer or an allocation for each
-/// element; what is added one by one goes to an ordinary ordered map beside it. A walk meets both in one order. The
-/// content alone counts: two maps are equal when they hold the same pairs, however they came by them.
+/// element; what is added one by one goes to an ordinary ordered map beside it. An iteration visits both in one order.
+/// Only the content counts: two maps are equal when they hold the same pairs, however they were built.
 ///
 /// Look-up, insertion and removal cost at most the logarithm of the size; a step of an iterator is constant while
-/// nothing was added one by one, else the same logarithm. Elements removed from the block are passed over 32 at a time;
-/// their keys are given back when the last of the block goes, or when the map is copied.
+/// nothing was added one by one, else the same logarithm. Elements removed from the block are skipped 32 at a time;
+/// their keys are freed when the last element of the block is removed; a copy of the map has none of them.
 ///
 /// Thread safety: none of its own; the owner guards it. Any number of threads may read at once.
 template <typename T>
@@ -207,7 +207,7 @@ public:
 
     CompactMap& operator=(CompactMap&& other) noexcept
     {
-        CompactMap moved(std::move(other));  // so that the old content goes now and not with `other`
+        CompactMap moved(std::move(other));  // so that the old content is destroyed now, not with `other`
         swap(moved);
         return *this;
     }

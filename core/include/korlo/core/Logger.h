@@ -13,7 +13,7 @@ class IniFile;
 class Logger;
 class LoggerRegistry;
 
-/// The severities of a message, numbered as syslog numbers them; a trace lies below syslog's last.
+/// The severities of a message, numbered as syslog numbers them; a trace is below the last one of syslog.
 enum LogLevel
 {
     LogLevelError = 3,        ///< An operation was lost.
@@ -30,9 +30,9 @@ class ILogAppender
 public:
     virtual ~ILogAppender() = default;
 
-    /// Takes one message. May log itself (the other appenders hear it, this one does not) and may change the appenders.
+    /// Takes one message. May log itself (the other appenders get it, this one does not) and may change the appenders.
     /// A standard exception that leaves it is dropped. Must not wait for a lock that anybody holds while logging.
-    /// @param message as formatted, control characters and all: who writes lines escapes them first.
+    /// @param message as formatted, with its control characters: an appender that writes lines escapes them first.
     virtual void Append(const Logger& logger, LogLevel level, const std::string& message) = 0;
 };
 
@@ -79,9 +79,10 @@ public:
     /// | "log.stdout" | false   | true: lines to standard output                                                   |
     /// | "log.file"   | none    | path of a file that lines are appended to, made if missing                       |
     ///
-    /// A file that cannot be opened costs a warning, whatever the level but 0, and messages go to the other appenders;
-    /// where there is none, to standard error. Every message reaches either the old set of appenders or the new one,
-    /// never both. Throws nothing but std::bad_alloc.
+    /// Without any of the three outputs, messages go to standard error: only level 0 silences the process. A group that
+    /// is missing therefore means what "using_defs" does. A file that cannot be opened is not an output; it costs a
+    /// warning, at any level but 0. Every message reaches either the old set of appenders or the new one, never both.
+    /// @throws nothing but std::bad_alloc.
     static void ConfigureLogging(const IniFile& settings, const std::string& group);
 
     /// Sets the thresholds of all loggers, present and future, as "log.level" does; the appenders stay.
@@ -89,8 +90,8 @@ public:
 
     /// Writes a logrotate stanza for the log file to "korlo-GROUP" in the log rotate folder, with every byte of the
     /// group's name that is no letter, digit or '-' written as `_HH`. The stanza is replaced as a whole, and only when
-    /// it would change. What stands in the way (a folder that may not be written, a path that is not absolute or that
-    /// logrotate would take for something else) costs a warning, nothing more. An empty path does nothing.
+    /// it would change. A failure (a folder that may not be written, a path that is not absolute or that logrotate
+    /// would take for something else) costs a warning, nothing more. An empty path does nothing.
     static void ModifyLogRotateConf(const std::string& file, const std::string& group);
 
     /// Where ModifyLogRotateConf writes from now on; "/etc/logrotate.d" at first.

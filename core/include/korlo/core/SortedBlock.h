@@ -19,7 +19,7 @@ namespace korlo::core
 {
 
 /// A block of pairs in ascending order of their keys, filled once, whose elements never move. An element can be erased
-/// and put back at its place; room for other keys there is none. Positions count from 0 to Used(), erased elements
+/// and put back in its place; there is no room for other keys. Positions count from 0 to Used(), erased elements
 /// included.
 ///
 /// The allocation holds a header, the elements, one bit an element that says whether it is alive and, in a block of 32
@@ -247,7 +247,7 @@ private:
     std::uint32_t* Slots() const { return LiveWords() + WordsFor(_pHeader->capacity); }
 
     // A slot holds position + 1 in its low bits and, above them, as much of the hash as there is room for, so that
-    // hardly any comparison meets a string that is not the one sought. 0 is a free slot.
+    // hardly any other string is ever compared with the one sought. 0 is a free slot.
     Position PositionBits() const { return std::bit_ceil(_pHeader->capacity + 1) - 1; }
 
     // The multiplication spreads what is left of the hash over the high bits, also where std::hash has 32 bits.

@@ -20,7 +20,7 @@ public:
     /// @param start true: time runs from now on; false: it never does, and the watch reads 0.
     explicit Stopwatch(bool start);
 
-    /// The seconds since the start, 0 if it was not started. Time goes on: every call reads anew.
+    /// The seconds since the start, 0 if it was not started. Every call reads the clock again.
     float Read() const;
 
 private:

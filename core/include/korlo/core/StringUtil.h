@@ -16,8 +16,7 @@ public:
     StringUtil() = delete;
 
     /// True when the whole of `text` matches `pattern`, in which `*` stands for any run of characters, none included,
-    /// and every other character for itself. Needs no memory; costs at most the product of the two lengths, for
-    /// patterns as they are used little more than their sum.
+    /// and every other character for itself. Needs no memory, and costs the sum of the two lengths, whatever they hold.
     static bool MatchesPattern(const std::string& pattern, const std::string& text);
 
     /// True when `text` begins with `prefix`; the empty prefix begins every text.

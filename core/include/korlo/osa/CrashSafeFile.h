@@ -16,9 +16,9 @@ namespace korlo::osa
 ///     file.Replace(text);  // from here on, text survives a power cut; the text before is in "user.ini~"
 ///
 /// The path may be a symbolic link: the file that it points to is replaced, and the link stays. Mode, owner and group
-/// of an existing file are kept; access lists and other attributes are not. Where the system refuses the owner or the
-/// group (a process without privileges may not give files away) that is no error, but a file that could not be given
-/// its group grants the group it has no more than it grants everybody.
+/// of an existing file are kept, and set only where the new file has others; access lists and other attributes are not.
+/// Where the system refuses the owner or the group (a process without privileges may not give files away) that is no
+/// error, but a file that could not be given its group grants the group it has no more than it grants everybody.
 ///
 /// A power cut while a file is being replaced can leave the unfinished new one behind, as "PATH.PID-NUMBER~".
 ///

@@ -10,11 +10,11 @@ namespace korlo::osa
 
 /// A pipe without an upper bound and without file descriptors: a writer never waits for the reader.
 ///
-/// What is written belongs to the pipe at once, so nothing is lost for want of a flush; but a reader that waits is
-/// woken only by a flush, by the close, or when much has gathered. Memory is given back as the reader drains the pipe.
+/// What is written belongs to the pipe at once, so nothing is lost without a flush; but a reader that waits is woken
+/// only by a flush, by the close, or once 64 KiB are waiting. Memory is freed as the reader drains the pipe.
 ///
-/// Once the pipe is closed the reader still gets all that was written before, then the end of the stream; of the
-/// writer's stream every further write or flush fails. A stream's flags belong to the thread that uses the stream, so
+/// Once the pipe is closed the reader still gets all that was written before, then the end of the stream; every further
+/// write or flush of the writer's stream fails. A stream's flags belong to the thread that uses the stream, so
 /// the close itself does not set them: GetOstream does, and IsClosed tells any thread.
 ///
 /// Thread safety: one thread reads while another writes; ClosePipe and IsClosed from any thread.
@@ -38,6 +38,7 @@ public:
     /// Closes the pipe for both ends; doing so again changes nothing.
     void ClosePipe();
 
+    /// True once ClosePipe was called, even if there is still something to read.
     bool IsClosed() const;
 
 private:

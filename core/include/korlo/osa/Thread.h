@@ -56,7 +56,7 @@ public:
     Thread& operator=(const Thread&) = delete;
 
     /// Joins a thread that was not joined, which waits for its body to return: ask the body to end first. A thread that
-    /// destroys its own Thread object is let go and ends by itself.
+    /// destroys its own Thread object is detached and ends by itself.
     ~Thread();
 
     /// Starts the thread, which calls the body's Run. Throws Exception, naming the thread and the system's reason, when
@@ -77,9 +77,9 @@ private:
     std::condition_variable _joined;
     enum
     {
-        NotStarted,
-        Started,
-        Joining
+        NotStarted,  // or joined
+        Started,     // until some thread joins it, even if its body has returned
+        Joining      // one thread waits for the body's end, any others wait for `_joined`
     } _state = NotStarted;
     std::thread::native_handle_type _handle{};  // means nothing before the start
 };

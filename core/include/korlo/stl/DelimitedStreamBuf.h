@@ -8,19 +8,19 @@
 namespace korlo::stl
 {
 
-/// A read-only stream buffer that hands on the lines of a source up to a line that is exactly the delimiter, and then
-/// reports the end. The delimiter line is taken from the source but not handed on; no byte behind it is touched, then
+/// A read-only stream buffer that passes on the lines of a source up to a line that is exactly the delimiter, and then
+/// reports the end. The delimiter line is taken from the source but not passed on; no byte behind it is touched, then
 /// or later. No other line ends the block: with the delimiter "." neither ".x", "..", "x." nor a "." that a carriage
 /// return follows.
 ///
-/// When the source ends first, all that it had is handed on, a last "." without its line break included, and then the
+/// When the source ends first, all that it had is passed on, a last "." without its line break included, and then the
 /// end; DelimiterFound tells the two ends apart.
 ///
 ///     DelimitedStreamBuf block(&source, ".");
 ///     std::istream lines(&block);
 ///
-/// Lines are read by std::getline, so the source's flags tell of its own end, and a line is handed on once it is
-/// complete. Bytes that were read from the source but not from here are lost when this object goes.
+/// Lines are read by std::getline, so the source's flags show its own end, and a line is passed on once it is
+/// complete. Bytes that were read from the source but not from here are lost when this object is destroyed.
 ///
 /// Thread safety: none of its own; it belongs to the thread that reads the source.
 class DelimitedStreamBuf : public std::streambuf

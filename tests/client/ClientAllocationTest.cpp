@@ -1,0 +1,262 @@
+// What clients do when memory runs out, at each of their allocations in turn. A program of its own, because it replaces
+// the global operator new.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "client/KorloSettingsClientImplMultiThreaded.h"
+#include "client/KorloSettingsLocalConnection.h"
+#include "client/KorloSettingsTcpConnection.h"
+#include "korlo/core/Logger.h"
+#include "korlo/osa/Exception.h"
+#include "settings/KorloSettingsClient.h"
+#include "support/Callbacks.h"
+#include "support/Documents.h"
+#include "support/ScriptedServer.h"
+#include "support/SettingsServer.h"
+
+namespace
+{
+
+std::atomic<long long> blocks = 0;      // that are allocated now
+std::atomic<long long> failAfter = -1;  // so many more allocations of that thread go well, then one fails; below 0 none
+std::atomic<const char*> failingThread = nullptr;  // its name
+
+bool IsFailingThread()
+{
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return std::string_view(name) == failingThread.load();
+}
+
+/// Fails one allocation of a thread while it lives.
+class MemoryFault
+{
+public:
+    MemoryFault(const char* thread, int after)
+    {
+        failingThread = thread;
+        failAfter = after;
+    }
+
+    MemoryFault(const MemoryFault&) = delete;
+    MemoryFault& operator=(const MemoryFault&) = delete;
+    ~MemoryFault() { failAfter = -1; }
+
+    bool HasStruck() const { return failAfter < 0; }
+};
+
+}  // namespace
+
+void* operator new(std::size_t size)
+{
+    if (failAfter >= 0 && IsFailingThread() && failAfter-- == 0)
+    {
+        throw std::bad_alloc();
+    }
+    void* const pBlock = std::malloc(size);
+    if (pBlock == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    ++blocks;
+    return pBlock;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    try
+    {
+        return operator new(size);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return nullptr;
+    }
+}
+
+void operator delete(void* pBlock) noexcept
+{
+    blocks -= pBlock != nullptr ? 1 : 0;
+    std::free(pBlock);
+}
+
+void operator delete(void* pBlock, std::size_t) noexcept
+{
+    operator delete(pBlock);
+}
+
+void operator delete(void* pBlock, const std::nothrow_t&) noexcept
+{
+    operator delete(pBlock);
+}
+
+namespace korlo::settings::client
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+using core::IniFile;
+using Mode = KorloSettingsClient::OperationMode;
+
+constexpr const char* ReaderThread = "KorloSettings";
+constexpr const char* ConstructingThread = "constructing";
+
+/// Constructs a client, and lets it go, on a thread of its own, with each allocation in turn failing, until none does.
+void ConstructWithFaults(const std::function<void()>& construct)
+{
+    std::async(std::launch::async, [&] {
+        pthread_setname_np(pthread_self(), ConstructingThread);
+        construct();  // makes what the process keeps, loggers above all
+        bool hasStruck = true;
+        for (int after = 0; hasStruck; ++after)
+        {
+            SCOPED_TRACE(after);
+            const long long before = blocks;
+            {
+                const MemoryFault fault(ConstructingThread, after);
+                try
+                {
+                    construct();
+                }
+                catch (const std::bad_alloc&)
+                {
+                }
+                hasStruck = fault.HasStruck();
+            }
+            EXPECT_EQ(blocks, before);
+        }
+    }).get();
+}
+
+TEST(ClientAllocationTest, NothingLeaksWhenMemoryRunsOutDuringTheConstructionOfAClient)
+{
+    const ScriptedServer server;
+    for (const Mode mode : {Mode::SingleThreaded, Mode::Local, Mode::LocalSingleThreaded})
+    {
+        SCOPED_TRACE(mode);
+        ConstructWithFaults([mode] { const KorloSettingsClient client(mode); });
+    }
+}
+
+/// Does not connect.
+class IdleConnection : public KorloSettingsConnection
+{
+public:
+    void EnsureConnection(int) override { throw osa::Exception("nobody is there"); }
+    void CloseConnection() override {}
+};
+
+TEST(ClientAllocationTest, NothingLeaksWhenMemoryRunsOutDuringTheConstructionOfAReaderThread)
+{
+    core::Logger::ClearAppenders();
+    const WaitLimits impatient{1, 1, 1, 1};
+    ConstructWithFaults([&impatient] {
+        const KorloSettingsClientImplMultiThreaded client(std::make_unique<IdleConnection>(), impatient);
+    });
+    ConstructWithFaults(
+        [&impatient] { const KorloSettingsClientImplMultiThreaded client(new IdleConnection, impatient); });
+}
+
+/// Waits until it hears of a value.
+class AwaitingCallback : public IChangeCallback
+{
+public:
+    void OnChange(const GroupNameCollection&, const IniFile& settings) override
+    {
+        {
+            const std::lock_guard lock(_mutex);
+            _value = settings.HasValue("A", "x") ? settings.GetIntOrDefault("A", "x", -1) : -1;
+        }
+        _heard.notify_all();
+    }
+
+    bool Await(int value)
+    {
+        std::unique_lock lock(_mutex);
+        return _heard.wait_for(lock, 20s, [&] { return _value == value; });
+    }
+
+private:
+    std::mutex _mutex;
+    std::condition_variable _heard;
+    int _value = -1;
+};
+
+/// A get of the group "A"; false if it threw.
+bool GetsA(const KorloSettingsClientImplMultiThreaded& client, IniFile& settings)
+{
+    try
+    {
+        client.GetSettings({"A"}, settings);
+        return true;
+    }
+    catch (const osa::Exception&)
+    {
+        return false;
+    }
+}
+
+/// The client answers again, and hears of changes, after at most so many calls that failed.
+void ExpectThatItWorks(KorloSettingsClientImplMultiThreaded& client, AwaitingCallback& callback, int value)
+{
+    const std::string text = "[A]\nx=" + std::to_string(value) + "\n";
+    IniFile settings;
+    bool isRead = false;
+    for (int attempt = 0; attempt < 5 && !isRead; ++attempt)
+    {
+        isRead = GetsA(client, settings);
+    }
+    EXPECT_TRUE(isRead);
+    client.MergeSettings(Ini(text), 0);
+    EXPECT_TRUE(callback.Await(value));
+    IniFile after;
+    EXPECT_TRUE(GetsA(client, after));
+    EXPECT_EQ(TextOf(after), text);
+}
+
+TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
+{
+    core::Logger::ClearAppenders();
+    SettingsServer server;
+    bool hasStruck = true;
+    for (int after = 0; hasStruck; ++after)
+    {
+        SCOPED_TRACE(after);
+        AwaitingCallback callback;
+        KorloSettingsClientImplMultiThreaded client(new KorloSettingsTcpConnection, WaitLimits{20000, 1000, 1, 1000});
+        client.Subscribe(&callback, {"A", "B*"});
+        IniFile settings;
+        ASSERT_TRUE(GetsA(client, settings));
+        {
+            const MemoryFault fault(ReaderThread, after);
+            server.GetStore().MergeSettings(Ini("[A]\nx=1000000\n"), 0);
+            IniFile ignored;
+            if (GetsA(client, ignored))
+            {
+                EXPECT_EQ(TextOf(ignored), "[A]\nx=1000000\n") << "an answer is whole, or none";
+            }
+            server.DropClients();
+            GetsA(client, ignored);
+            GetsA(client, ignored);
+            hasStruck = fault.HasStruck();
+        }
+        ExpectThatItWorks(client, callback, after);
+    }
+}
+
+}  // namespace
+}  // namespace korlo::settings::client

@@ -1,0 +1,168 @@
+// What the store does when the heap has nothing left. A program of its own: see support/Heap.h.
+
+#include <functional>
+#include <new>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "settings/server/SerializationManager.h"
+#include "settings/server/SettingsManager.h"
+#include "support/Callbacks.h"
+#include "support/Documents.h"
+#include "support/Heap.h"
+
+namespace korlo::settings
+{
+namespace
+{
+
+/// Carries the operation out with the first, second, ... allocation failing, until none is left to fail, and has each
+/// result checked.
+/// @param check hears whether the operation was carried out, and how many blocks it left on the heap.
+void FailEachAllocation(const std::function<void()>& operation, const std::function<void(bool, long long)>& check)
+{
+    for (long long allocation = 0;; ++allocation)
+    {
+        const long long blocks = heap.blocks;
+        bool isDone = true;
+        heap.failAfter = allocation;
+        try
+        {
+            operation();
+        }
+        catch (const std::bad_alloc&)
+        {
+            isDone = false;
+        }
+        const bool hasFailed = heap.failAfter < 0;
+        heap.failAfter = -1;
+        const long long left = heap.blocks - blocks;
+        SCOPED_TRACE("allocation " + std::to_string(allocation));
+        check(isDone, left);
+        if (!hasFailed)
+        {
+            EXPECT_GT(allocation, 0);
+            EXPECT_TRUE(isDone);
+            return;
+        }
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+TEST(StoreAllocationTest, ASerializationManagerThatRunsOutOfMemoryLeaksNothing)
+{
+    FailEachAllocation([] { const server::SerializationManager manager; },
+                       [](bool, long long left) { EXPECT_EQ(left, 0); });
+}
+
+/// Names of 17 characters, or patterns.
+GroupNameCollection MakeNames(std::size_t count, const std::string& prefix, const std::string& end)
+{
+    GroupNameCollection names;
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        names.insert(prefix + std::to_string(1'000'000 + i) + end);
+    }
+    return names;
+}
+
+class SubscriptionHeapTest : public testing::Test
+{
+protected:
+    GroupNameCollection Subscribed() const
+    {
+        GroupNameCollection groups;
+        _store.GetAllSubscribedGroups(groups);
+        return groups;
+    }
+
+    std::size_t CallsFor(const core::IniFile& changes)
+    {
+        const std::size_t before = _callback.GetGroups().size();
+        _store.MergeSettings(changes, server::SettingsManager::DoNotPersist);
+        return _callback.GetGroups().size() - before;
+    }
+
+    server::SettingsManager _store;
+    RecordingCallback _callback;
+};
+
+TEST_F(SubscriptionHeapTest, SubscribersThatLeaveLeaveNothingBehind)
+{
+    RecordingCallback staying;
+    _store.Subscribe(&staying, "Kept/*");
+    const long long blocks = heap.blocks;
+    for (const char* const prefix : {"First/Grp-", "Other/Grp-", "Third/Grp-"})
+    {
+        _store.Subscribe(&_callback, MakeNames(1000, prefix, ""));
+        _store.Subscribe(&_callback, MakeNames(1000, prefix, "*"));
+        EXPECT_GT(heap.blocks, blocks);
+        _store.Unsubscribe(&_callback);
+        EXPECT_EQ(heap.blocks, blocks);
+    }
+    _store.MergeSettings(Ini("[Kept/x]\n"), 0);
+    EXPECT_EQ(staying.GetGroups().size(), 1u);
+}
+
+TEST_F(SubscriptionHeapTest, ASubscriptionTakesLittleMoreThanItsNames)
+{
+    constexpr std::size_t count = 10'000;
+    constexpr std::size_t bytes = count * 18;  // with the line break that each took in the request
+    RecordingCallback other;
+    const GroupNameCollection names = MakeNames(count, "First/Grp-", "");
+    for (IChangeCallback* const pCallback : {&_callback, &other})
+    {
+        const long long before = heap.usableBytes;
+        _store.Subscribe(pCallback, names);
+        EXPECT_LT(heap.usableBytes - before, static_cast<long long>(10 * bytes));
+        const long long requested = heap.requestedBytes;
+        _store.Subscribe(pCallback, names);
+        EXPECT_LT(heap.requestedBytes - requested, static_cast<long long>(10 * bytes));
+    }
+}
+
+TEST_F(SubscriptionHeapTest, ARequestCostsWhatItAsksForHoweverMuchIsSubscribed)
+{
+    constexpr int requests = 300;
+    constexpr long long mostAllocations = 40;
+    _store.Subscribe(&_callback, MakeNames(10'000, "First/Grp-", ""));
+    for (int request = 0; request < requests; ++request)
+    {
+        const std::string name = "Other/" + std::to_string(request % 2 == 0 ? request : 0);
+        const long long before = heap.allocations;
+        _store.Subscribe(&_callback, name);
+        ASSERT_LE(heap.allocations - before, mostAllocations) << "request " << request;
+    }
+}
+
+TEST_F(SubscriptionHeapTest, ASubscriptionThatRunsOutOfMemoryIsMadeAsAWholeOrNotAtAll)
+{
+    const core::IniFile change = Ini("[First/Grp-1000001]\n");
+    const core::IniFile match = Ini("[Third/Grp-1000001/x]\n");
+    const GroupNameCollection before{"Other"};
+    GroupNameCollection asked = MakeNames(3, "First/Grp-", "");
+    asked.merge(MakeNames(3, "Third/Grp-", "*"));
+    GroupNameCollection both = asked;
+    both.insert("Other");
+    for (const bool isKnown : {false, true})
+    {
+        SCOPED_TRACE(isKnown);
+        if (isKnown)
+        {
+            _store.Subscribe(&_callback, before);
+        }
+        FailEachAllocation([&] { _store.Subscribe(&_callback, asked); },
+                           [&](bool isDone, long long left) {
+                               const GroupNameCollection known = isKnown ? before : GroupNameCollection();
+                               EXPECT_EQ(Subscribed(), !isDone ? known : isKnown ? both : asked);
+                               EXPECT_EQ(CallsFor(change), isDone ? 1u : 0u);
+                               EXPECT_EQ(CallsFor(match), isDone ? 1u : 0u);
+                               EXPECT_EQ(left > 0, isDone);
+                           });
+        _store.Unsubscribe(&_callback);
+    }
+}
+
+}  // namespace
+}  // namespace korlo::settings
