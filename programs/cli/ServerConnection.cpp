@@ -4,8 +4,8 @@
 #include <iterator>
 #include <vector>
 
-#include "Operands.h"
 #include "korlo/osa/Exception.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -45,7 +45,11 @@ core::IniFile ServerConnection::GetSettings(const GroupNameCollection& groups)
     core::IniFile found;
     _reader.ReadSettings(found);
     CheckAnswered();
-    return SelectGroups(found, groups);
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    core::IniFile selected;
+    matcher.MergeMatchingGroups(found, selected);
+    return selected;
 }
 
 std::string ServerConnection::Dump(bool all)
