@@ -81,6 +81,7 @@ KorloSettingsClient& Session::Client()
 {
     if (_pClient == nullptr)
     {
+        // NOLINTNEXTLINE(modernize-make-unique): a client cannot be moved, so it is made in its place.
         Guarded([this] { _pClient.reset(new KorloSettingsClient(Open())); });
     }
     return *_pClient;
@@ -116,7 +117,7 @@ core::IniFile Session::Read(const GroupNameCollection& groups)
         return Guarded([&] { return ServerConnection().GetSettings(groups); });
     }
     core::IniFile settings;
-    KorloSettingsClient& client = Client();
+    const KorloSettingsClient& client = Client();
     Guarded([&] { client.GetSettings(groups, settings); });
     return settings;
 }
