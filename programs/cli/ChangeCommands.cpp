@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "Operands.h"
+#include "settings/common/GroupNameMatcher.h"
 #include "settings/server/SettingsManager.h"
 
 namespace korlo::settings::cli
@@ -19,9 +20,10 @@ ExitStatus Merge(const Invocation& invocation, const IniFile& changes)
     }
     else
     {
-        session.Change(GroupsOf(changes), [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
+        session.Change(common::GroupNamesOf(changes),
+                       [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
     }
-    return ReportRestricted(GroupsOf(changes));
+    return ReportRestricted(common::GroupNamesOf(changes));
 }
 
 }  // namespace
@@ -49,26 +51,26 @@ ExitStatus RunTestAndMerge(const Invocation& invocation)
     const IniFile changes = ReadDocument(invocation.operands[1]);
     Session session(invocation.target, Session::Changing);
     bool merged = false;
-    session.Change(GroupsOf(changes),
+    session.Change(common::GroupNamesOf(changes),
                    [&](KorloSettingsClient& client) { merged = client.TestAndMerge(expected, changes); });
     if (!merged)
     {
         throw Failure(StatusNo, "the settings hold other values than expected; nothing was changed");
     }
-    return ReportRestricted(GroupsOf(changes));
+    return ReportRestricted(common::GroupNamesOf(changes));
 }
 
 ExitStatus RunOverwrite(const Invocation& invocation)
 {
     const IniFile replacement = ReadDocument(invocation.with.value_or("-"));
     const GroupNameCollection names = NamesOf(invocation.operands);
-    GroupNameCollection touched = GroupsOf(replacement);
+    GroupNameCollection touched = common::GroupNamesOf(replacement);
     touched.insert(names.begin(), names.end());
 
     Session session(invocation.target, Session::ChangingOrCreating);
     session.CheckNames(names);
     session.Change(touched, [&](KorloSettingsClient& client) { client.OverwriteSettings(names, replacement); });
-    return ReportRestricted(GroupsOf(replacement));
+    return ReportRestricted(common::GroupNamesOf(replacement));
 }
 
 ExitStatus RunErase(const Invocation& invocation)
@@ -83,7 +85,7 @@ ExitStatus RunErase(const Invocation& invocation)
     {
         FailForNoMatch(invocation.operands);
     }
-    return ReportRestricted(GroupsOf(present));
+    return ReportRestricted(common::GroupNamesOf(present));
 }
 
 ExitStatus RunRestore(const Invocation& invocation)

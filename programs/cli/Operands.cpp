@@ -2,7 +2,6 @@
 
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
-#include "settings/common/GroupNameMatcher.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::cli
@@ -45,30 +44,6 @@ core::IniFile ReadDocument(const std::string& path)
 GroupNameCollection NamesOf(const std::vector<std::string>& operands)
 {
     return GroupNameCollection(operands.begin(), operands.end());
-}
-
-GroupNameCollection GroupsOf(const core::IniFile& document)
-{
-    GroupNameCollection names;
-    for (const auto& [name, values] : document)
-    {
-        names.insert(names.end(), name);
-    }
-    return names;
-}
-
-core::IniFile SelectGroups(const core::IniFile& document, const GroupNameCollection& namesAndPatterns)
-{
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(namesAndPatterns);
-    GroupNameCollection matched;
-    matcher.GetMatchingGroups(document, matched);
-    core::IniFile selected;
-    for (const std::string& group : matched)
-    {
-        selected.MergeSettings(document, group);
-    }
-    return selected;
 }
 
 void FailForNoMatch(const std::vector<std::string>& operands)

@@ -21,12 +21,6 @@ core::IniFile ReadDocument(const std::string& path);
 
 GroupNameCollection NamesOf(const std::vector<std::string>& operands);
 
-/// The names of the document's groups.
-GroupNameCollection GroupsOf(const core::IniFile& document);
-
-/// The groups of a document that the names and patterns select.
-core::IniFile SelectGroups(const core::IniFile& document, const GroupNameCollection& namesAndPatterns);
-
 /// "no group matches 'A', 'B'"
 /// @throws Failure with StatusNo, always.
 [[noreturn]] void FailForNoMatch(const std::vector<std::string>& operands);

@@ -4,6 +4,7 @@
 #include "Operands.h"
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -72,7 +73,10 @@ Selection::Selection(const std::vector<std::string>& operands)
 
 IniFile Selection::From(const IniFile& settings) const
 {
-    IniFile selected = SelectGroups(settings, whole);
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(whole);
+    IniFile selected;
+    matcher.MergeMatchingGroups(settings, selected);
     for (const SettingLocator& locator : single)
     {
         if (settings.HasValue(locator.group, locator.key))
@@ -136,7 +140,7 @@ ExitStatus RunList(const Invocation& invocation)
 {
     const std::string pattern = invocation.operands.empty() ? "*" : invocation.operands.front();
     Session session(invocation.target, Session::Reading);
-    const GroupNameCollection names = GroupsOf(session.Read({pattern}));
+    const GroupNameCollection names = common::GroupNamesOf(session.Read({pattern}));
     if (names.empty() && !invocation.operands.empty())
     {
         FailForNoMatch(invocation.operands);

@@ -4,9 +4,9 @@
 #include <iterator>
 #include <vector>
 
-#include "Operands.h"
 #include "client/ServerLookup.h"
 #include "korlo/osa/Exception.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -46,7 +46,11 @@ core::IniFile ServerConnection::GetSettings(const GroupNameCollection& groups)
     core::IniFile found;
     _reader.ReadSettings(found);
     CheckAnswered();
-    return SelectGroups(found, groups);
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    core::IniFile selected;
+    matcher.MergeMatchingGroups(found, selected);
+    return selected;
 }
 
 std::string ServerConnection::Dump(bool all)

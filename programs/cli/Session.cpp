@@ -86,6 +86,7 @@ KorloSettingsClient& Session::Client()
 {
     if (_pClient == nullptr)
     {
+        // NOLINTNEXTLINE(modernize-make-unique): a client cannot be moved, so it is made in its place.
         Guarded([this] { _pClient.reset(new KorloSettingsClient(Open())); });
     }
     return *_pClient;

@@ -13,6 +13,7 @@
 #include "korlo/core/Logger.h"
 #include "settings/IChangeCallback.h"
 #include "settings/IConnectionCallback.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -118,8 +119,9 @@ void MergeDocument(Session& session, const std::string& text)
     changes.LoadFromString(text);
     if (!changes.empty())
     {
-        session.Change(GroupsOf(changes), [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
-        ReportRestricted(GroupsOf(changes));
+        session.Change(common::GroupNamesOf(changes),
+                       [&](KorloSettingsClient& client) { client.MergeSettings(changes); });
+        ReportRestricted(common::GroupNamesOf(changes));
     }
 }
 
