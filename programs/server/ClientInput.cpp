@@ -161,7 +161,8 @@ bool ClientInput::ReleaseLargeBuffer()
     {
         return false;
     }
-    MoveTo(nullptr);
+    _base = Position();
+    setg(nullptr, nullptr, nullptr);
     _pBuffer.reset();
     _capacity = 0;
     _touched = 0;
