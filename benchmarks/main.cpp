@@ -1,11 +1,18 @@
 // Runs the benchmarks and says how they stand to what docs/performance.md promises.
 
+#include "support/ChildProcess.h"
 #include "support/GoalReporter.h"
 
 namespace
 {
 
 using korlo::benchmarks::Goal;
+
+/// What is promised depends on whether client and server share a core.
+double OnCores(double one, double two)
+{
+    return korlo::benchmarks::CoresOfRun() == 1 ? one : two;
+}
 
 const std::vector<Goal> Goals = {
     {"load device, of GKeyFile's time", "BM_Load/device", "BM_GKeyFileLoad/device", 1 / 4.0},
@@ -46,6 +53,13 @@ const std::vector<Goal> Goals = {
     {"get over TCP, single-threaded, of Redis's time", "BM_TcpGet/single", "BM_RedisGet", 1.0},
     {"get over TCP, multi-threaded, of the floor's time", "BM_TcpGet/multi", "BM_FloorHandOffGet", 1.35},
     {"get over TCP, multi-threaded, of Redis's time", "BM_TcpGet/multi", "BM_RedisGet", 1.0},
+    {"get over a Unix-domain socket, single-threaded, of its time over TCP", "BM_UnixGet/single", "BM_TcpGet/single",
+     OnCores(0.80, 0.90)},
+    {"get over a Unix-domain socket, single-threaded, of Redis's time on its own", "BM_UnixGet/single",
+     "BM_RedisUnixGet", OnCores(0.85, 0.95)},
+    {"get over a Unix-domain socket, multi-threaded, of Redis's time on its own", "BM_UnixGet/multi", "BM_RedisUnixGet",
+     OnCores(1.20, 1.05)},
+    {"get under a hundred access rules, of the time without", "BM_GetUnderRules/100", "BM_TcpGet/single", 1.05},
     {"get within the process, single-threaded, of Redis's time", "BM_PipeGet/single", "BM_RedisGet", 0.8},
     {"get within the process, multi-threaded, of Redis's time", "BM_PipeGet/multi", "BM_RedisGet", 0.8},
     {"8 clients at once, of Redis's time", "BM_TcpGetAtOnce/8", "BM_RedisGetAtOnce/8", 1 / 0.9},
@@ -65,6 +79,7 @@ const std::vector<Goal> Goals = {
      "BM_GetWhileSaving/quick_disk#p99_us", 1.25},
     {"idle server, KiB resident", "BM_ServerMemory/1000#idle_kib", nullptr, 4096},
     {"each of 1000 idle clients, KiB resident", "BM_ServerMemory/1000#client_kib", nullptr, 40},
+    {"what a hundred access rules add to each, KiB", "BM_ServerMemory/1000#rules_kib", nullptr, 1},
 };
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "support/ChildProcess.h"
 #include "support/Documents.h"
 #include "support/RedisClient.h"
+#include "support/RulesFile.h"
 
 namespace korlo::benchmarks
 {
@@ -129,6 +130,26 @@ void BM_TcpGet(benchmark::State& state, KorloSettingsClient::OperationMode mode)
     Repeat(state, GetBy(client));
 }
 
+void BM_UnixGet(benchmark::State& state, KorloSettingsClient::OperationMode mode)
+{
+    PinToCore(0);
+    const KorloServer server({"--listen", "unix:%/socket"});
+    server.RegisterSocket();
+    const KorloSettingsClient client(mode);
+    Repeat(state, GetBy(client));
+}
+
+/// Over TCP, where nobody may do everything because of who they are.
+void BM_GetUnderRules(benchmark::State& state)
+{
+    PinToCore(0);
+    const RulesFile rules(static_cast<int>(state.range(0)), SomeGroup());
+    const KorloServer server({"--access", rules.GetPath()});
+    server.Register();
+    const KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
+    Repeat(state, GetBy(client));
+}
+
 void BM_PipeGet(benchmark::State& state, KorloSettingsClient::OperationMode mode)
 {
     PinToCore(0);
@@ -141,6 +162,14 @@ void BM_RedisGet(benchmark::State& state)
 {
     const RedisServer server;
     RedisClient redis(server.GetPort());
+    FillRedis(redis);
+    Repeat(state, [&redis] { benchmark::DoNotOptimize(redis.Run("HGETALL %s", SomeGroup().c_str()).get()); });
+}
+
+void BM_RedisUnixGet(benchmark::State& state)
+{
+    const RedisServer server;
+    RedisClient redis(server.GetSocketPath());
     FillRedis(redis);
     Repeat(state, [&redis] { benchmark::DoNotOptimize(redis.Run("HGETALL %s", SomeGroup().c_str()).get()); });
 }
@@ -204,9 +233,13 @@ BENCHMARK(BM_FloorGet)->UseRealTime();
 BENCHMARK(BM_FloorHandOffGet)->UseRealTime();
 BENCHMARK_CAPTURE(BM_TcpGet, single, KorloSettingsClient::SingleThreaded)->UseRealTime();
 BENCHMARK_CAPTURE(BM_TcpGet, multi, KorloSettingsClient::MultiThreaded)->UseRealTime();
+BENCHMARK_CAPTURE(BM_UnixGet, single, KorloSettingsClient::SingleThreaded)->UseRealTime();
+BENCHMARK_CAPTURE(BM_UnixGet, multi, KorloSettingsClient::MultiThreaded)->UseRealTime();
+BENCHMARK(BM_GetUnderRules)->Arg(100)->UseRealTime();
 BENCHMARK_CAPTURE(BM_PipeGet, single, KorloSettingsClient::LocalSingleThreaded)->UseRealTime();
 BENCHMARK_CAPTURE(BM_PipeGet, multi, KorloSettingsClient::LocalMultiThreaded)->UseRealTime();
 BENCHMARK(BM_RedisGet)->UseRealTime();
+BENCHMARK(BM_RedisUnixGet)->UseRealTime();
 BENCHMARK(BM_TcpGetAtOnce)->Arg(8)->Arg(32)->UseRealTime();
 BENCHMARK(BM_RedisGetAtOnce)->Arg(8)->Arg(32)->UseRealTime();
 

@@ -15,6 +15,7 @@
 #include "support/ChildProcess.h"
 #include "support/Documents.h"
 #include "support/RedisClient.h"
+#include "support/RulesFile.h"
 
 namespace korlo::benchmarks
 {
@@ -276,7 +277,24 @@ void BM_RedisFanOutBurst(benchmark::State& state)
     FanOutByRedis(state, Burst);
 }
 
-/// Resident memory of the server, alone and for each of many idle subscribed clients. The time says nothing.
+/// Resident memory of a server, alone and for each of many idle subscribed clients.
+struct Memory
+{
+    double idleKib = 0;
+    double clientKib = 0;
+};
+
+Memory MeasureMemory(const std::vector<std::string>& options, long clients)
+{
+    const KorloServer server(options, "");
+    Memory memory;
+    memory.idleKib = server.GetProcess().ResidentKiB();
+    const Subscribers subscribers(server.GetPort(), clients, SubscribeRequest, SubscribeAnswerBytes);
+    memory.clientKib = (server.GetProcess().ResidentKiB() - memory.idleKib) / static_cast<double>(clients);
+    return memory;
+}
+
+/// The time says nothing.
 void BM_ServerMemory(benchmark::State& state)
 {
     rlimit files{};
@@ -285,12 +303,12 @@ void BM_ServerMemory(benchmark::State& state)
     setrlimit(RLIMIT_NOFILE, &files);
     for (auto _ : state)
     {
-        const KorloServer server({}, "");
-        const double idle = server.GetProcess().ResidentKiB();
-        const Subscribers subscribers(server.GetPort(), state.range(0), SubscribeRequest, SubscribeAnswerBytes);
-        const double serving = server.GetProcess().ResidentKiB();
-        state.counters["idle_kib"] = idle;
-        state.counters["client_kib"] = (serving - idle) / static_cast<double>(state.range(0));
+        const Memory open = MeasureMemory({}, state.range(0));
+        const RulesFile rules(100, "Announcements");
+        const Memory guarded = MeasureMemory({"--access", rules.GetPath()}, state.range(0));
+        state.counters["idle_kib"] = open.idleKib;
+        state.counters["client_kib"] = open.clientKib;
+        state.counters["rules_kib"] = guarded.clientKib - open.clientKib;
     }
 }
 

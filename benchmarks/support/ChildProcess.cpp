@@ -84,7 +84,11 @@ std::vector<std::string> ServerCommand(const std::string& folder, const std::vec
                                         folder + "/defaults.ini",
                                         "--user",
                                         folder + "/user.ini"};
-    command.insert(command.end(), options.begin(), options.end());
+    for (std::string option : options)
+    {
+        const std::size_t place = option.find('%');
+        command.push_back(place == std::string::npos ? option : option.replace(place, 1, folder));
+    }
     return command;
 }
 
@@ -247,12 +251,25 @@ void KorloServer::Register() const
     osa::ServiceDirectory::Register("korlo-settings-server", "127.0.0.1", _port);
 }
 
+void KorloServer::RegisterSocket() const
+{
+    osa::ServiceDirectory::Register("korlo-settings-server", "unix:" + _folder + "/socket", 0);
+}
+
 RedisServer::RedisServer()
     : _port(FreePort()),
+      _socketPath("/tmp/korlo-bench-redis-" + std::to_string(_port)),
       _process(std::vector<std::string>{"redis-server", "--port", std::to_string(_port), "--bind", "127.0.0.1",
-                                        "--save", "", "--appendonly", "no", "--logfile", "/dev/null", "--dir", "/tmp"})
+                                        "--unixsocket", _socketPath, "--save", "", "--appendonly", "no", "--logfile",
+                                        "/dev/null", "--dir", "/tmp"})
 {
     WaitUntilListening(_port);
+}
+
+RedisServer::~RedisServer()
+{
+    std::error_code ignored;
+    std::filesystem::remove(_socketPath, ignored);
 }
 
 int Listen(std::uint16_t& port)

@@ -65,7 +65,7 @@ private:
 class KorloServer
 {
 public:
-    /// @param options besides the files and the address.
+    /// @param options besides the files and the address; a `%` in one stands for the server's folder.
     /// @param defaults INI text of the default settings.
     /// @param preloaded a library that comes before those of the server, or empty.
     KorloServer(const std::vector<std::string>& options, const std::string& defaults,
@@ -84,6 +84,9 @@ public:
     /// Lets clients of this process find it.
     void Register() const;
 
+    /// The same for a server that has the option `--listen unix:%/socket`, by that socket.
+    void RegisterSocket() const;
+
 private:
     std::string _folder;
     ChildProcess _process;
@@ -95,11 +98,17 @@ class RedisServer
 {
 public:
     RedisServer();
+    ~RedisServer();
+    RedisServer(const RedisServer&) = delete;
+    RedisServer& operator=(const RedisServer&) = delete;
+
     std::uint16_t GetPort() const { return _port; }
+    const std::string& GetSocketPath() const { return _socketPath; }
     const ChildProcess& GetProcess() const { return _process; }
 
 private:
     std::uint16_t _port;
+    std::string _socketPath;
     ChildProcess _process;
 };
 

@@ -21,14 +21,8 @@ public:
 
     using Reply = std::unique_ptr<redisReply, FreeReply>;
 
-    explicit RedisClient(std::uint16_t port) : _pContext(redisConnect("127.0.0.1", port))
-    {
-        if (_pContext == nullptr || _pContext->err != 0)
-        {
-            throw osa::Exception("Failed to connect to Redis");
-        }
-    }
-
+    explicit RedisClient(std::uint16_t port) : RedisClient(redisConnect("127.0.0.1", port)) {}
+    explicit RedisClient(const std::string& socketPath) : RedisClient(redisConnectUnix(socketPath.c_str())) {}
     RedisClient(const RedisClient&) = delete;
     RedisClient& operator=(const RedisClient&) = delete;
     ~RedisClient() { redisFree(_pContext); }
@@ -54,6 +48,14 @@ public:
     }
 
 private:
+    explicit RedisClient(redisContext* pContext) : _pContext(pContext)
+    {
+        if (_pContext == nullptr || _pContext->err != 0)
+        {
+            throw osa::Exception("Failed to connect to Redis");
+        }
+    }
+
     redisContext* _pContext;
 };
 
