@@ -58,15 +58,15 @@ bool AccessControl::MayDoEverything(const ClientIdentity& client) const
 
 std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity& client)
 {
-    std::vector<std::size_t> applicable;
+    _applicable.clear();
     for (std::size_t index = 0; index < _pRules->size(); ++index)
     {
         if ((*_pRules)[index].IsAbout(client))
         {
-            applicable.push_back(index);
+            _applicable.push_back(index);
         }
     }
-    const auto kept = _rights.find(applicable);
+    const auto kept = _rights.find(_applicable);
     if (kept != _rights.end())
     {
         if (auto pRights = kept->second.lock())
@@ -75,8 +75,8 @@ std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity
         }
     }
     std::erase_if(_rights, [](const auto& entry) { return entry.second.expired(); });
-    auto pRights = std::make_shared<const ClientRights>(_pRules, applicable);
-    _rights[std::move(applicable)] = pRights;
+    auto pRights = std::make_shared<const ClientRights>(_pRules, _applicable);
+    _rights[_applicable] = pRights;
     return pRights;
 }
 
