@@ -4,5 +4,5 @@ add_library(korlo_warnings INTERFACE)
 
 target_compile_options(korlo_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    "$<$<CXX_COMPILER_ID:Clang>:-Wthread-safety;-Wreserved-identifier>"
     $<$<BOOL:${KORLO_WARNINGS_AS_ERRORS}>:-Werror>)
