@@ -307,10 +307,14 @@ int TcpSocket::WaitForFile(const SocketAddress& address, const Deadline& deadlin
 TcpSocket::IoResult TcpSocket::ReadSome(char* bytes, std::size_t size, unsigned int timeoutMs)
 {
     // A receive that waits on a Unix-domain socket is woken once more, for nothing, when the peer merely reads; a poll
-    // for input alone is not. On one core that makes a round trip with 5 us of work 12.1 instead of 13.3 us; on two
-    // cores, which are quicker anyway, it costs 5 % where they are idle. Over TCP nobody is woken for nothing.
+    // for input alone is not. On one core that makes a round trip with 5 us of work 12.1 instead of 13.3 us, and to ask
+    // first spares a receive that finds nothing. Over TCP nobody is woken for nothing.
     const Deadline deadline(timeoutMs);
-    return Transfer(_descriptor, POLLIN, deadline, deadline.IsUnlimited() && !_isUnix,
+    if (_isUnix && deadline.IsUnlimited())
+    {
+        deadline.WaitFor(_descriptor, POLLIN);
+    }
+    return Transfer(_descriptor, POLLIN, deadline, deadline.IsUnlimited(),
                     [&](int flags) { return recv(_descriptor, bytes, size, flags); });
 }
 
