@@ -14,8 +14,8 @@ namespace korlo::settings
 /// and UnSubscribe. **GetSettings, GetValue, RefreshSettings and TestAndMerge on the same client never return from
 /// it**: the thread that would read their answer is the one that waits for it. Nor may it wait for another thread that
 /// is in such a call. Take what you need from `settings`, or leave it to another thread, as IniWatcher and
-/// SettingsWatcher do; a second client may be called freely. What OnChange throws is logged, and the client connects
-/// anew.
+/// SettingsWatcher do; a second client may be called freely. What OnChange throws is logged, and the client
+/// reconnects.
 ///
 /// With a local client (Local, or any mode with KORLO_SETTINGS_LOCALFILE), OnChange runs on the thread that made the
 /// change, before its call returns, and may call everything. What it throws comes out of that call, and the change

@@ -13,8 +13,8 @@ class IConnectionCallback
 public:
     virtual ~IConnectionCallback() = default;
 
-    /// @param isConnected true: requests reach the server from now on, and all subscriptions are made again; false: the
-    ///        connection is lost, and calls wait for the next one or fail.
+    /// @param isConnected true: requests reach the server from now on, and all subscriptions have been made again.
+    ///        False: the connection is lost, and calls wait for the next one or fail.
     ///
     /// As in IChangeCallback::OnChange, the callback may make changes (when there is a connection), subscribe and
     /// unsubscribe, but not ask a multi-threaded client for a response. What it throws on the reader thread is logged.

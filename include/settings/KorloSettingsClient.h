@@ -46,12 +46,12 @@ class KorloSettingsClientImpl;
 ///   tries to connect five times, a second apart). A request whose connection breaks before its answer is sent again:
 ///   a change may be made twice, and TestAndMerge reports the last attempt.
 /// - LocalMultiThreaded and LocalSingleThreaded: as their counterparts, over a connection that does not break.
-/// - A client made by Confirming: what failed, with which server and why, as said there. For a change
-///   that the server's access rules do not allow it is a RefusedException.
+/// - A client made by Confirming: what failed, with which server and why, as said there. For a change that the server's
+///   access rules do not allow it is a RefusedException.
 /// - All modes but Local: "Group name '%s' cannot be sent: it is a full stop or holds a line break", before anything is
 ///   sent.
 ///
-/// Nothing but Confirming limits the wait for a server that is connected and does not answer.
+/// Only a client made by Confirming limits how long it waits for a server that is connected and does not answer.
 ///
 /// Thread safety: all methods, from any thread, in every mode. A single-threaded or confirming client serves one call
 /// at a time, a multi-threaded one one call that awaits an answer at a time; the others wait, without a limit, before
@@ -84,7 +84,7 @@ public:
     KorloSettingsClient(OperationMode mode, const core::IniFile& defaults);
 
     /// A client for tools and scripts, which want to know what became of a change. It connects at once or throws, never
-    /// connects again, and returns from a change when the server has carried it out. It waits 15 seconds at most for an
+    /// reconnects, and returns from a change when the server has carried it out. It waits 15 seconds at most for an
     /// answer, or for the next part of a long one. It refuses subscriptions as the single-threaded mode does. When it
     /// is destroyed it waits, 5 seconds at most, until the server has ended the connection.
     ///
@@ -164,9 +164,9 @@ public:
     void RestoreToDefaults(const GroupNameCollection& groups);
     void RestoreToDefaults(const std::string& group);
 
-    /// Asks for a call at each change of the groups, in addition to what the callback has asked for before. Over a
-    /// server, it returns once the request is on its way; a read with the same client afterwards returns when the
-    /// server has the subscription. The client subscribes again by itself whenever it reconnects; changes that were
+    /// Subscribes the callback to changes of the groups, beside those that it is subscribed to already. With a server,
+    /// this returns once the request is on its way; a read with the same client afterwards returns when the server has
+    /// the subscription. The client subscribes again by itself whenever it reconnects; changes that were
     /// made while it was away are not reported.
     /// @param pCallback borrowed; must stay alive until it is unsubscribed or the client is destroyed. With a local
     ///        client only the latter counts; see UnSubscribe.
@@ -183,7 +183,7 @@ public:
     void UnSubscribe(IChangeCallback* pCallback);
 
     /// Tells `pCallback` whether the client has a connection: now, on the calling thread, and then, with a
-    /// multi-threaded client, at each change of that, on its reader thread: true when callers may send and all
+    /// multi-threaded client, whenever that changes, on its reader thread: true when callers may send and all
     /// subscriptions have been made again, false when the connection is lost. The end of the client itself is not
     /// reported. When it returns, no call to an earlier callback is under way, unless it was the callback that called.
     ///

@@ -9,12 +9,12 @@
 namespace korlo::settings
 {
 
-/// The server did not make a change, since its access rules do not allow it to this client. Nothing of the change was
-/// made, and the client goes on working. To try again is of no use before the rules are others.
+/// The server refused a change, since its access rules do not allow it to this client. Nothing of the change was made,
+/// and the client goes on working. Trying again is of no use until the rules change.
 ///
 /// A client made by KorloSettingsClient::Confirming throws it, and a ResourceManager over any client. Other clients are
-/// not told: to them a refused change is like one that is made, and a refused TestAndMerge like one that found other
-/// values.
+/// not told: to them a refused change looks like one that was made, and a refused TestAndMerge like one that found
+/// other values.
 ///
 ///     catch (const RefusedException& refused) { ShowWhoMayNot(refused.GetGroups()); }
 ///

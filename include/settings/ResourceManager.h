@@ -80,7 +80,7 @@ public:
     /// Sets what the consumer holds of every listed resource, all or nothing; false, and nothing written, when any of
     /// it is more than is available or less than 0. A fraction is rounded up to whole units, and a hundredth of a unit
     /// over the available amount is put down to floating-point error. Holding 0 is refused only while the others hold
-    /// more than the total. Of a resource that is listed twice the later entry counts. If the client throws, the
+    /// more than the total. If a resource is listed twice, the later entry counts. If the client throws, the
     /// reservation may have been written all the same.
     /// @throws RefusedException when the server's access rules do not allow it; nothing is written then.
     bool ReserveForConsumer(const std::string& consumer, const std::list<ResourceUsage>& usages);

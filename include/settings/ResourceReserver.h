@@ -29,7 +29,7 @@ public:
     /// Gives nothing back: the holding stays until somebody sets it. To release it, call TrySetUsage(0) first.
     ~ResourceReserver() = default;
 
-    /// Sets the holding to `units` (it is no addition); false, and nothing changed, when that is more than is
+    /// Sets the holding to `units`, and does not add to it; false, and nothing changed, when that is more than is
     /// available.
     bool TrySetUsage(int units);
 

@@ -15,7 +15,7 @@ namespace korlo::settings
 struct ServerAddress
 {
     /// @throws osa::Exception that says what is wrong with the text and what it should be: a host is missing, an IPv6
-    ///         address stands without brackets, the port is no number from 1 to 65535, or the path is missing.
+    ///         address has no brackets, the port is no number from 1 to 65535, or the path is missing.
     static ServerAddress Parse(const std::string& text);
 
     std::string host;         ///< a name or an address, without brackets; of a Unix-domain socket the whole text

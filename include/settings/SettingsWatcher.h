@@ -21,7 +21,7 @@ class KorloSettingsClient;
 ///
 /// A setting that is missing or malformed writes 0, false or the empty string.
 ///
-/// Thread safety: one thread owns the watcher and the variables. It may be destroyed as an IniWatcher may.
+/// Thread safety: one thread owns the watcher and the variables. It may be destroyed when an IniWatcher may.
 class SettingsWatcher
 {
 public:

@@ -371,6 +371,17 @@ INSTANTIATE_TEST_SUITE_P(Modes, KorloSettingsClientModesTest,
                                          Mode::LocalSingleThreaded, Mode::LocalMultiThreaded),
                          NameOf);
 
+TEST(KorloSettingsClientOverTcpTest, OnlyTheLocalModeTakesDefaults)
+{
+    const SettingsServer server;
+    for (const Mode mode :
+         {Mode::MultiThreaded, Mode::SingleThreaded, Mode::Local, Mode::LocalSingleThreaded, Mode::LocalMultiThreaded})
+    {
+        const KorloSettingsClient client(mode, Ini(Defaults));
+        EXPECT_EQ(client.GetValue("[A]x"), mode == Mode::Local ? "1" : "") << "mode " << static_cast<int>(mode);
+    }
+}
+
 TEST(KorloSettingsClientOverTcpTest, AnInvalidModeIsRefused)
 {
     EXPECT_EQ(MessageOf([] { KorloSettingsClient client(static_cast<Mode>(5)); }),

@@ -67,21 +67,22 @@ private:
 
     using SubscriptionMap = std::map<IChangeCallback*, GroupNameMatcher>;
 
-    /// Counts how many subscribers asked for each name and each pattern, so that a change that concerns nobody is told
-    /// by one look-up for each of its groups, however many subscribers there are. Of a name it keeps no copy but a
-    /// hash: where two names share one, a change may pass that concerns nobody, which costs a walk and nothing else.
+    /// Counts how many subscribers asked for each name and each pattern, so that a change that concerns nobody is
+    /// recognised by one look-up for each of its groups, however many subscribers there are. Of a name it keeps no copy
+    /// but a hash: where two names share one, a change may pass that concerns nobody, which costs a walk and nothing
+    /// else.
     ///
     /// Thread safety: none of its own; the owner guards it.
     class Index
     {
     public:
-        /// Counts what is asked for, but for what the subscriber has asked for before, which may be null.
+        /// Counts the entries of `asked`, except those that the subscriber has asked for before (null: none).
         void Count(const GroupNameMatcher& asked, const GroupNameMatcher* pBefore);
 
         /// Adds the counts of `other`, and takes its memory for it.
         void Add(Index&& other) noexcept;
 
-        /// Takes off what a subscriber had asked for.
+        /// Takes the entries of one subscriber off the counts.
         void Remove(const GroupNameMatcher& subscribed) noexcept;
 
         bool SelectsAny(const GroupNameCollection& groups) const;

@@ -22,14 +22,14 @@ namespace korlo::settings::server
 /// What a request does to the store, for an owner that prepares for it.
 enum class RequestKind
 {
-    Read,              ///< takes as long as what it writes is large
+    Read,              ///< takes longer the more it writes
     Change,            ///< of the settings in memory alone
     PersistentChange,  ///< saves the user layer
     Restore,           ///< reads the defaults anew, and saves the user layer
     Subscription
 };
 
-/// Hears of the requests of a connection.
+/// Is told of the requests of a connection before they are carried out.
 ///
 /// Thread safety: called on the connection's thread, without any lock held.
 class IRequestGate
@@ -37,8 +37,7 @@ class IRequestGate
 public:
     virtual ~IRequestGate() = default;
 
-    /// The next request is about to be read. May wait: so a client that asks for much and reads slowly is held back
-    /// between its requests.
+    /// The next request is about to be read. May wait, and so hold back a client that asks for much and reads slowly.
     /// @return false to end the connection instead.
     virtual bool BeforeRequest() = 0;
 
@@ -55,11 +54,11 @@ class AccessGuard;
 ///     ClientHandler handler(&env, &in, &out);
 ///     handler.Run();
 ///
-/// What the client may not read is left out of all that it is sent, and a change that it may not make is not made; what
-/// it may do is asked anew for each request and each notification.
+/// What the client may not read is left out of all that it is sent, and a change that it may not make is refused; what
+/// it may do is asked again for each request and each notification.
 ///
-/// A request whose input ends before its last terminator is not carried out, and a message that memory does not suffice
-/// for is not sent in part: std::bad_alloc passes out instead. Each message goes to `out` in one write and one flush.
+/// A request whose input ends before its last terminator is not carried out. Where memory runs out, a message is not
+/// sent in part: std::bad_alloc passes out instead. Each message goes to `out` in one write and one flush.
 /// The streams are borrowed, must outlive the handler, and are never closed by it.
 ///
 /// Thread safety: one thread runs Run; OnChange comes from any thread that changes the store, Run's own included. All

@@ -1,5 +1,5 @@
 #pragma once
-// What one client may read and change, for who serves it.
+// What one client may read and change, for whoever serves it.
 
 #include <memory>
 #include <string>
@@ -22,49 +22,49 @@ class IAccessRights
 public:
     virtual ~IAccessRights() = default;
 
-    /// True when no group and no entry need be asked about before it is read. False says nothing.
+    /// True when the client may read every group and entry, and none need be asked about. False leaves it open.
     virtual bool MayReadEverything() const = 0;
 
-    /// Where this is false, everything that the client is sent is to look as if there were no such group.
+    /// False: all that the client is sent must look as if there were no such group.
     virtual bool MayRead(const std::string& group) const = 0;
 
-    /// True when the client may read everything that the entry can match, whether there is such a group or not: what
-    /// decides about entries of the record of erased groups, and about what others are subscribed to.
+    /// True when the client may read everything that the entry can match, whether there is such a group or not. This
+    /// decides whether it sees an entry of the record of erased groups, or what others are subscribed to.
     virtual bool MayReadAllOf(const std::string& nameOrPattern) const = 0;
 
-    /// True when neither a group nor an entry need be asked about before it is changed. False says nothing.
+    /// True when the client may change every group and entry, and none need be asked about. False leaves it open.
     virtual bool MayChangeEverything() const = 0;
 
-    /// May the client merge into the group, or put it in the place of another. The record of erased groups is one like
-    /// any other to who asks; only a client that may change everything may change it.
+    /// True when the client may merge into the group, or put it in the place of another. Ask about the record of erased
+    /// groups, too; the answer is false unless the client may change everything.
     virtual bool MayChange(const std::string& group) const = 0;
 
-    /// May the client overwrite, or restore to its defaults, everything that the entry can match, whether there is such
-    /// a group or not. So the answer tells nothing about groups that the client may not read.
+    /// True when the client may overwrite, or restore to its defaults, everything that the entry can match, whether
+    /// there is such a group or not. So the answer tells nothing about groups that the client may not read.
     virtual bool MayChangeAllOf(const std::string& nameOrPattern) const = 0;
 };
 
 /// One client. What it may do changes when the device's rules do, while it is connected; so GetRights is asked once at
 /// the start of each request and of each notification, and one set of rights decides about all of it.
 ///
-/// Thread safety: GetRights from any thread, for a notification is made on the thread that made the change; OnRefused
+/// Thread safety: GetRights from any thread, since a notification is made on the thread that made the change; OnRefused
 /// from the thread that serves the client's requests.
 class IClientAccess
 {
 public:
     virtual ~IClientAccess() = default;
 
-    /// What the client may do now; never null. An object that was returned before says what it said.
+    /// What the client may do now; never null. An object that was returned earlier does not change.
     virtual std::shared_ptr<const IAccessRights> GetRights() const = 0;
 
-    /// Hears that a change was refused as a whole. Must not call the handler that tells.
+    /// A change was refused as a whole. Must not call the handler that reports it.
     /// @param operation as the protocol's command is named, with its option: "merge", "merge nopersist",
     ///        "test-and-merge", "overwrite", "restore".
     /// @param refused the groups and entries that were not allowed, as the client named them.
     virtual void OnRefused(const std::string& operation, const GroupNameCollection& refused) = 0;
 };
 
-/// A client that may do everything: what serves where nobody has made rules.
+/// A client that may do everything, for servers without rules.
 ///
 ///     FullAccess access;
 ///     access.GetRights()->MayReadEverything();  // true

@@ -13,8 +13,8 @@ namespace korlo::settings::server
 /// memory and is not announced.
 ///
 /// Thread safety: the store calls it from the threads of its callers: LoadUserSettings once, SaveUserSettings one call
-/// at a time, LoadDefaultSettings one call at a time but, in a restore, beside a SaveUserSettings. It must not call
-/// back into the same store.
+/// at a time, LoadDefaultSettings one call at a time, but in a restore possibly during a SaveUserSettings. It must not
+/// call back into the same store.
 class ISettingsPersister
 {
 public:

@@ -19,7 +19,7 @@ namespace korlo::settings::server
 ///
 /// The highest claim for each group is remembered as long as the filter lives: over all layers and every restore of
 /// defaults. So a second load of the same documents can drop groups that the first one kept, because a document that
-/// came before the claim now meets it. That is meant: a claim, once made, holds.
+/// came before the claim is now subject to it. That is intended: a claim, once made, holds.
 ///
 /// Thread safety: none of its own; the owner loads one layer at a time.
 class LoadPriorityIncludeFilter : public IIncludeFilter

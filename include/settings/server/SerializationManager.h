@@ -19,15 +19,15 @@ public:
     SerializationManager(const SerializationManager&) = delete;
     SerializationManager& operator=(const SerializationManager&) = delete;
 
-    /// Deletes the serializers in name order. One whose destructor throws ends that: the exception is dropped and the
-    /// serializers after it are not deleted.
+    /// Deletes the serializers in name order. If a destructor throws, the exception is dropped and the serializers
+    /// after that one are not deleted.
     ~SerializationManager();
 
     /// The serializer of exactly that name, or null. Owned by the manager.
     ISettingsSerializer* GetSerializer(const std::string& name) const;
 
 protected:
-    /// For a class that adds a form of its own while it is built.
+    /// For the constructor of a derived class that adds a form of its own.
     /// @param pSerializer taken, unless the name is there already: then nothing changes.
     /// @return whether it was taken.
     bool Register(const std::string& name, ISettingsSerializer* pSerializer);

@@ -25,9 +25,9 @@ namespace korlo::settings::server
 
 /// The one authoritative copy of all settings, in memory, shared by every client.
 ///
-/// It is built from three layers: defaults, over them the user layer (every change that clients made to last), over
-/// them the restricted settings. Restricted groups (see GroupDiscriminator) enter through the restricted loader alone;
-/// in anything else they are dropped silently.
+/// It is built from three layers: defaults, over them the user layer (all persistent changes of clients), over them the
+/// restricted settings. Restricted groups (see GroupDiscriminator) enter through the restricted loader alone; in
+/// anything else they are dropped silently.
 ///
 /// An overwrite records what it erased in the group "KorloSettings/Data/DeletedGroups" of the user layer, so that the
 /// defaults of an erased group do not come back at the next load. Clients do not see that group.
@@ -52,8 +52,8 @@ public:
     /// @param pIncludeFilter edits every default and restricted document, before the load priorities are applied.
     /// @param deferLoad false loads before the constructor returns; true returns with the store locked against
     ///        everybody, until LoadSettings is called, from any thread.
-    /// With a null persister there is nothing that LoadSettings could load, and the store stays locked for good: an
-    /// owner without storage uses the default constructor.
+    /// With a null persister there is nothing that LoadSettings could load, and the store stays locked for ever: where
+    /// there is no storage, use the default constructor.
     SettingsManager(ISettingsPersister* pPersister, IRestrictedSettingsLoader* pRestrictedLoader,
                     IIncludeFilter* pIncludeFilter, bool deferLoad);
 
@@ -110,26 +110,26 @@ public:
     /// The merge alone, for callers that hold the lock: nothing is filtered and nobody is notified.
     void PerformMergeUnlocked(const core::IniFile& changes, unsigned int flags) KORLO_REQUIRES(_lock);
 
-    /// Merges `changes`, to last, if the current settings hold every value of `expected`; otherwise changes nothing,
+    /// Merges and persists `changes` if the current settings hold every value of `expected`; otherwise changes nothing,
     /// notifies nobody and returns false. `expected` is compared with everything, restricted groups included.
     bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) KORLO_EXCLUDES(_lock);
 
-    /// Replaces the selected unrestricted groups by the groups of `replacement`, to last: a selected group that is not
-    /// in it is erased. Every entry of `namesAndPatterns`, also one that selects nothing, is recorded as erased, so
-    /// that at the next load the defaults it selects are dropped. Subscribers hear of the erased groups and of those of
-    /// `replacement`.
+    /// Replaces the selected unrestricted groups by the groups of `replacement`, and persists that: a selected group
+    /// that is not in it is erased. Every entry of `namesAndPatterns`, also one that selects nothing, is recorded as
+    /// erased, so that at the next load the defaults it selects are dropped. Subscribers hear of the erased groups and
+    /// of those of `replacement`.
     void OverwriteSettings(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement)
         KORLO_EXCLUDES(_lock);
     void OverwriteSettings(const std::string& nameOrPattern, const core::IniFile& replacement) KORLO_EXCLUDES(_lock);
 
     /// Removes the groups of the user layer that are selected, and writes the selected defaults, read anew, into the
-    /// user layer and the settings. Selected groups that nobody ever changed to last are not removed first, only
+    /// user layer and the settings. A selected group that no persistent change ever touched is not removed first, only
     /// overwritten. The record of erased groups stays as it is: at the next load it drops those groups' defaults again
     /// and the copies in the user layer bring the same values back. Does nothing, and notifies nobody, without a
     /// persister. Waits for a load that was deferred before it reads anything.
     void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
 
-    /// Asks for calls about changes of the groups; see CallbackDispatcher::AddCallback.
+    /// Subscribes the callback to changes of the groups; see CallbackDispatcher::AddCallback.
     void Subscribe(IChangeCallback* pCallback, const common::GroupNameMatcher& groups);
     void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups);
     void Subscribe(IChangeCallback* pCallback, const std::string& nameOrPattern);
