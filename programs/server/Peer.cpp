@@ -48,6 +48,7 @@ ClientIdentity IdentityOf(const osa::TcpSocket& socket)
         identity.user = pIdentity->user;
         identity.groups.assign(pIdentity->groups.begin(), pIdentity->groups.end());
         identity.isUnix = true;
+        identity.areGroupsComplete = pIdentity->areGroupsComplete;
     }
     return identity;
 }

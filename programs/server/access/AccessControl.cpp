@@ -58,12 +58,18 @@ bool AccessControl::MayDoEverything(const ClientIdentity& client) const
 
 std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity& client)
 {
-    _applicable.clear();
+    _applicable.whole.clear();
+    _applicable.denyOnly.clear();
     for (std::size_t index = 0; index < _pRules->size(); ++index)
     {
-        if ((*_pRules)[index].IsAbout(client))
+        const AccessRule& rule = (*_pRules)[index];
+        if (rule.IsAbout(client))
         {
-            _applicable.push_back(index);
+            _applicable.whole.push_back(index);
+        }
+        else if (rule.MayBeAbout(client))
+        {
+            _applicable.denyOnly.push_back(index);
         }
     }
     const auto kept = _rights.find(_applicable);

@@ -62,11 +62,10 @@ private:
     osa::Mutex _mutex;
     std::atomic<std::uint64_t> _generation = 1;  // written with the mutex held, so that it belongs to `_pRules`
     std::shared_ptr<const AccessRules> _pRules KORLO_GUARDED_BY(_mutex);
-    // By the indices of the rules that apply. An entry lives as long as a client that it is about, or until the next is
-    // made.
-    std::map<std::vector<std::size_t>, std::weak_ptr<const ClientRights>> _rights KORLO_GUARDED_BY(_mutex);
+    // An entry lives as long as a client that it is about, or until the next is made.
+    std::map<ApplicableRules, std::weak_ptr<const ClientRights>> _rights KORLO_GUARDED_BY(_mutex);
     // For RightsOf alone: what it frees on a connection's thread, the allocator would keep back for each such thread.
-    std::vector<std::size_t> _applicable KORLO_GUARDED_BY(_mutex);
+    ApplicableRules _applicable KORLO_GUARDED_BY(_mutex);
 };
 
 /// One connection's access. It asks the control anew when the rules have changed, and at no other time.

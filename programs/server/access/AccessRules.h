@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sys/types.h>
@@ -40,9 +41,27 @@ struct AccessRule
 
     /// Does the rule apply to this client?
     bool IsAbout(const ClientIdentity& client) const;
+
+    /// Might it apply, for all that is known? What it denies is denied then: to let a client do what it must not is
+    /// worse than to keep it from what it may. The same as IsAbout for a client whose groups are all known.
+    bool MayBeAbout(const ClientIdentity& client) const;
 };
 
 /// All rules of a device, in the order in which they were read, which decides nothing.
 using AccessRules = std::vector<AccessRule>;
+
+/// Which rules of a device are about a client, by their indices.
+///
+/// Thread safety: none of its own; the owner guards it.
+struct ApplicableRules
+{
+    std::vector<std::size_t> whole;     ///< what they allow and what they deny
+    std::vector<std::size_t> denyOnly;  ///< what they deny alone
+
+    bool operator<(const ApplicableRules& other) const
+    {
+        return std::tie(whole, denyOnly) < std::tie(other.whole, other.denyOnly);
+    }
+};
 
 }  // namespace korlo::daemon

@@ -20,6 +20,9 @@ struct ClientIdentity
     std::optional<uid_t> user;  ///< none where the kernel names none: on TCP, and for a foreign user namespace
     std::vector<gid_t> groups;  ///< all of them, in any order
     bool isUnix = false;        ///< came over a Unix-domain socket
+
+    /// False where the kernel did not tell all groups of the client: it may be in any.
+    bool areGroupsComplete = true;
 };
 
 /// The id of what is named: digits are an id, whether the database knows it or not, anything else is a name.

@@ -37,12 +37,17 @@ bool DecidesBy(const AccessRule& rule, const AccessPatterns& patterns, const Doe
 
 }  // namespace
 
-ClientRights::ClientRights(std::shared_ptr<const AccessRules> pRules, const std::vector<std::size_t>& applicable)
+ClientRights::ClientRights(std::shared_ptr<const AccessRules> pRules, const ApplicableRules& applicable)
     : _pRules(std::move(pRules))
 {
-    for (const std::size_t index : applicable)
+    for (const std::size_t index : applicable.whole)
     {
-        _applicable.push_back(&(*_pRules)[index]);
+        _allowing.push_back(&(*_pRules)[index]);
+    }
+    _denying = _allowing;
+    for (const std::size_t index : applicable.denyOnly)
+    {
+        _denying.push_back(&(*_pRules)[index]);
     }
     // To be covered, '*' needs a pattern of asterisks alone, and it meets every denial that there is.
     _mayChangeEverything = DecideByRules(AccessKind::Change, "*", EntryKind::Pattern).isAllowed;
@@ -126,14 +131,14 @@ AccessDecision ClientRights::DecideByRules(AccessKind kind, const std::string& e
         return entryKind == EntryKind::Pattern ? Meet(pattern, entry) : Covers(pattern, entry);
     };
     AccessDecision decision = {false, Reason::NotAllowed, {}, {}, 0};
-    for (const AccessRule* pRule : _applicable)
+    for (const AccessRule* pRule : _denying)
     {
         if (DecidesBy(*pRule, pRule->deny, meets, Reason::Denied, decision))
         {
             return decision;
         }
     }
-    for (const AccessRule* pRule : _applicable)
+    for (const AccessRule* pRule : _allowing)
     {
         if ((kind == AccessKind::Read && DecidesBy(*pRule, pRule->read, covers, Reason::Allowed, decision)) ||
             DecidesBy(*pRule, pRule->change, covers, Reason::Allowed, decision))

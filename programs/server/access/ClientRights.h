@@ -58,7 +58,7 @@ public:
 
     /// @param pRules kept for as long as this object lives.
     /// @param applicable which of them are about the client.
-    ClientRights(std::shared_ptr<const AccessRules> pRules, const std::vector<std::size_t>& applicable);
+    ClientRights(std::shared_ptr<const AccessRules> pRules, const ApplicableRules& applicable);
     ClientRights(const ClientRights&) = delete;
     ClientRights& operator=(const ClientRights&) = delete;
 
@@ -97,7 +97,8 @@ private:
     AccessDecision DecideByRules(AccessKind kind, const std::string& entry, EntryKind entryKind) const;
 
     const std::shared_ptr<const AccessRules> _pRules;
-    std::vector<const AccessRule*> _applicable;  // of *_pRules
+    std::vector<const AccessRule*> _allowing;  // of *_pRules, as are those that deny
+    std::vector<const AccessRule*> _denying;
     bool _mayReadEverything = false;
     bool _mayChangeEverything = false;
 

@@ -83,6 +83,36 @@ TEST(AccessControlTest, ARuleIsAboutWhomItNames)
     EXPECT_EQ(ReadableBy(Nobody, control), "OfAll OfUnix ");
 }
 
+TEST(AccessControlTest, AClientOfUnknownGroupsIsDeniedAsAMemberAndAllowedAsNone)
+{
+    AccessRule both = About(ReadRule("both", "OfSome"), {}, {2000});
+    both.change = {{"OfSome"}, 2};
+    both.deny = {{"OfAll", "OfNone"}, 3};
+    AccessRule tcp = About(ReadRule("tcp", "OfUnix"), {}, {2001});
+    tcp.deny = {{"OfUnix"}, 2};
+    tcp.isAboutUnix = false;
+    AccessRule local = ReadRule("local", "OfUnix");
+    AccessControl control(Share({ReadRule("all", "OfAll"), both, tcp, local}), Own);
+
+    const ClientIdentity known = {33, {33}, true};
+    const ClientIdentity member = {33, {33, 2000}, true};
+    ClientIdentity unknown = known;
+    unknown.areGroupsComplete = false;
+    ClientIdentity unknownMember = member;
+    unknownMember.areGroupsComplete = false;
+    EXPECT_EQ(ReadableBy(known, control), "OfAll OfUnix ");
+    EXPECT_EQ(ReadableBy(member, control), "OfSome OfUnix ");
+    EXPECT_EQ(ReadableBy(unknown, control), "OfUnix ") << "denied what the group is denied, and allowed no more";
+    EXPECT_EQ(ReadableBy(unknownMember, control), "OfSome OfUnix ") << "a group that is known counts as ever";
+    EXPECT_FALSE(ClientAccess(control, unknown, "x").GetRights()->MayChange("OfSome"));
+    EXPECT_EQ(control.Explain(unknown, AccessKind::Read, "OfAll").rule, "both");
+    EXPECT_EQ(control.Explain(unknown, AccessKind::Read, "OfAll").line, 3u);
+
+    ClientIdentity privileged = {Own, {}, true};
+    privileged.areGroupsComplete = false;
+    EXPECT_TRUE(ClientAccess(control, privileged, "x").GetRights()->MayChangeEverything());
+}
+
 TEST(AccessControlTest, UserZeroAndTheServersOwnUserMayDoEverything)
 {
     AccessControl control(Rules(), Own);

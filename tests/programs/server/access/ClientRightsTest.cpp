@@ -42,7 +42,8 @@ std::unique_ptr<ClientRights> RightsFrom(AccessRules rules)
 {
     std::vector<std::size_t> all(rules.size());
     std::iota(all.begin(), all.end(), 0);
-    return std::make_unique<ClientRights>(std::make_shared<const AccessRules>(std::move(rules)), all);
+    return std::make_unique<ClientRights>(std::make_shared<const AccessRules>(std::move(rules)),
+                                          ApplicableRules{all, {}});
 }
 
 }  // namespace
