@@ -235,7 +235,7 @@ ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, cons
       _owner(owner),
       _pLogger(core::Logger::GetLogger("ClientConnection")),
       _peer(peer),
-      _access(access, IdentityOf(*pSocket), _peer),
+      _access(access, IdentityOf(*pSocket), _peer, SourceOf(*pSocket)),
       _pSocket(std::move(pSocket)),
       _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog, gathered)),
       _thread("Client", this, StackBytes, 0)

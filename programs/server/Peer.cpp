@@ -40,6 +40,16 @@ std::string DescribePeer(const osa::TcpSocket& socket)
            std::to_string(pIdentity->process) + " (" + pIdentity->program + ")";
 }
 
+std::string SourceOf(const osa::TcpSocket& socket)
+{
+    if (const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity())
+    {
+        return (pIdentity->user ? std::to_string(*pIdentity->user) : "unknown") + ' ' + pIdentity->program;
+    }
+    const std::string& address = socket.GetPeerAddress();
+    return address.substr(0, address.rfind(':'));
+}
+
 ClientIdentity IdentityOf(const osa::TcpSocket& socket)
 {
     ClientIdentity identity;

@@ -13,6 +13,10 @@ namespace korlo::daemon
 /// of the user is looked up in the system's database.
 std::string DescribePeer(const osa::TcpSocket& socket);
 
+/// What tells one client from another for whoever counts what clients do, and stays the same when one connects anew:
+/// the address of a TCP peer without the port, user and program of one on a Unix-domain socket.
+std::string SourceOf(const osa::TcpSocket& socket);
+
 /// For access rules, from what the kernel vouched for when the peer connected.
 ClientIdentity IdentityOf(const osa::TcpSocket& socket);
 

@@ -86,10 +86,12 @@ std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity
     return pRights;
 }
 
-ClientAccess::ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description)
+ClientAccess::ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description,
+                           const std::string& source)
     : _control(control),
       _client(client),
-      _refusalLog(description)
+      _description(description),
+      _source(source)
 {
 }
 
@@ -108,7 +110,7 @@ void ClientAccess::OnRefused(const std::string& operation, const settings::Group
     ++_refusals;
     osa::TimeStruct now;
     osa::TimeMonotonic(now);
-    _refusalLog.Add(operation, refused, now);
+    _control.GetRefusalLog().Add(_source, _description, operation, refused, now);
 }
 
 }  // namespace korlo::daemon

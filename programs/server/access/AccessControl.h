@@ -48,6 +48,9 @@ public:
     std::shared_ptr<const settings::server::IAccessRights> GetRights(const ClientIdentity& client,
                                                                      std::uint64_t& generation) KORLO_EXCLUDES(_mutex);
 
+    /// Of all clients.
+    RefusalLog& GetRefusalLog() { return _refusalLog; }
+
     /// What decides whether the client may read, or change, everything that the entry can match.
     AccessDecision Explain(const ClientIdentity& client, AccessKind kind, const std::string& nameOrPattern)
         KORLO_EXCLUDES(_mutex);
@@ -57,6 +60,7 @@ private:
     std::shared_ptr<const ClientRights> RightsOf(const ClientIdentity& client) KORLO_REQUIRES(_mutex);
 
     const std::optional<uid_t> _ownUser;
+    RefusalLog _refusalLog;
     settings::server::FullAccess _fullAccess;
 
     osa::Mutex _mutex;
@@ -76,7 +80,9 @@ class ClientAccess : public settings::server::IClientAccess
 public:
     /// @param control borrowed; must outlive this object and the rights that it gave.
     /// @param description of the client, for people.
-    ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description);
+    /// @param source what all its connections have in common, as RefusalLog takes it.
+    ClientAccess(AccessControl& control, const ClientIdentity& client, const std::string& description,
+                 const std::string& source = std::string());
     ClientAccess(const ClientAccess&) = delete;
     ClientAccess& operator=(const ClientAccess&) = delete;
 
@@ -91,8 +97,9 @@ public:
 private:
     AccessControl& _control;
     const ClientIdentity _client;
+    const std::string _description;
+    const std::string _source;
     std::atomic<std::uint64_t> _refusals = 0;
-    RefusalLog _refusalLog;  // of the thread that serves the requests
 
     mutable osa::Mutex _mutex;  // taken before that of the control
     mutable std::uint64_t _generation KORLO_GUARDED_BY(_mutex) = 0;
