@@ -36,7 +36,8 @@ public:
     /// @param pAccess borrowed, may be null: everything is allowed then.
     explicit AccessGuard(IClientAccess* pAccess);
 
-    /// What the client may do now: one set of rights decides about all of a request, or of a notification.
+    /// What the client may do now: one set of rights decides about all of a request, or of a notification. They are
+    /// held until what they decide about has been written: who takes rights away can wait for that.
     Rights GetRights() const { return _pAccess->GetRights(); }
 
     /// True when the answer to a read needs nothing taken out or put in: everything that is selected may be read.

@@ -9,6 +9,44 @@ namespace korlo::daemon
 
 using settings::server::IAccessRights;
 
+/// Rights that one client's connection keeps, and shares with each answer and notification that is being made by them.
+///
+/// Thread safety: nothing changes between construction and destruction.
+class AccessControl::RightsInUse
+{
+public:
+    /// @param generation that of the rights.
+    RightsInUse(AccessControl& control, std::uint64_t generation, std::shared_ptr<const IAccessRights> pRights)
+        : _control(control),
+          _generation(generation),
+          _pRights(std::move(pRights))
+    {
+        const PlainLock lock(_control._rightsMutex);
+        ++_control._rightsInUse[_generation];
+    }
+
+    RightsInUse(const RightsInUse&) = delete;
+    RightsInUse& operator=(const RightsInUse&) = delete;
+
+    ~RightsInUse()
+    {
+        const PlainLock lock(_control._rightsMutex);
+        const auto ofGeneration = _control._rightsInUse.find(_generation);
+        if (--ofGeneration->second == 0)
+        {
+            _control._rightsInUse.erase(ofGeneration);
+            _control._rightsReleased.notify_all();
+        }
+    }
+
+    const IAccessRights* Get() const { return _pRights.get(); }
+
+private:
+    AccessControl& _control;
+    const std::uint64_t _generation;
+    const std::shared_ptr<const IAccessRights> _pRights;
+};
+
 AccessControl::AccessControl(std::shared_ptr<const AccessRules> pRules, std::optional<uid_t> ownUser)
     : _ownUser(ownUser),
       _pRules(std::move(pRules))
@@ -27,6 +65,36 @@ void AccessControl::Replace(std::shared_ptr<const AccessRules> pRules)
     _pRules = std::move(pRules);
     _rights.clear();
     ++_generation;
+}
+
+void AccessControl::AwaitNewRules()
+{
+    const std::uint64_t generation = _generation;
+    {
+        // A client that has asked for the rules before, and does not use them yet, holds its lock.
+        const PlainLock lock(_clientsMutex);
+        for (ClientAccess* pClient : _clients)
+        {
+            pClient->ForgetOldRights();
+        }
+    }
+    const PlainLock lock(_rightsMutex);
+    while (!_rightsInUse.empty() && _rightsInUse.begin()->first < generation)
+    {
+        _rightsReleased.wait(_rightsMutex);
+    }
+}
+
+void AccessControl::Register(ClientAccess& client)
+{
+    const PlainLock lock(_clientsMutex);
+    _clients.insert(&client);
+}
+
+void AccessControl::Unregister(ClientAccess& client)
+{
+    const PlainLock lock(_clientsMutex);
+    _clients.erase(&client);
 }
 
 std::shared_ptr<const IAccessRights> AccessControl::GetRights(const ClientIdentity& client, std::uint64_t& generation)
@@ -93,6 +161,12 @@ ClientAccess::ClientAccess(AccessControl& control, const ClientIdentity& client,
       _description(description),
       _source(source)
 {
+    _control.Register(*this);
+}
+
+ClientAccess::~ClientAccess()
+{
+    _control.Unregister(*this);
 }
 
 std::shared_ptr<const IAccessRights> ClientAccess::GetRights() const
@@ -100,9 +174,22 @@ std::shared_ptr<const IAccessRights> ClientAccess::GetRights() const
     const osa::MutexAutoLock lock(&_mutex);
     if (_generation != _control.GetGeneration())
     {
-        _pRights = _control.GetRights(_client, _generation);
+        std::uint64_t generation = 0;
+        std::shared_ptr<const IAccessRights> pRights = _control.GetRights(_client, generation);
+        _pRights = std::make_shared<const AccessControl::RightsInUse>(_control, generation, std::move(pRights));
+        _generation = generation;
     }
-    return _pRights;
+    return {_pRights, _pRights->Get()};
+}
+
+void ClientAccess::ForgetOldRights()
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    if (_generation != _control.GetGeneration())
+    {
+        _pRights.reset();
+        _generation = 0;
+    }
 }
 
 void ClientAccess::OnRefused(const std::string& operation, const settings::GroupNameCollection& refused)

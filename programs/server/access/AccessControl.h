@@ -2,14 +2,16 @@
 // The access rules that are in force, and the clients that they are about.
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
+#include "PlainMutex.h"
 #include "access/AccessRules.h"
 #include "access/ClientRights.h"
 #include "access/IUserDatabase.h"
@@ -21,10 +23,13 @@
 namespace korlo::daemon
 {
 
+class ClientAccess;
+
 /// One for a server. Clients about whom the same rules are share one set of rights.
 ///
 /// Thread safety: all methods, from any thread. A set of rights never changes: other rules make other sets. What was
-/// asked for before Replace returned may still go by the rules before.
+/// asked for before Replace returned may still go by the rules before; AwaitNewRules waits for the end of that. Locks
+/// are taken in the order _clientsMutex, that of a ClientAccess, _mutex or _rightsMutex.
 class AccessControl
 {
 public:
@@ -39,6 +44,10 @@ public:
 
     /// Puts other rules in force, for standing connections too.
     void Replace(std::shared_ptr<const AccessRules> pRules) KORLO_EXCLUDES(_mutex);
+
+    /// Returns once nobody goes by rules before those that are in force now: when every answer and notification for
+    /// which a client's rights were asked before has been made. Must not be called by who holds such rights.
+    void AwaitNewRules() KORLO_EXCLUDES(_clientsMutex, _rightsMutex, _mutex);
 
     /// Goes up when rules are replaced, and never comes back.
     std::uint64_t GetGeneration() const { return _generation; }
@@ -56,6 +65,11 @@ public:
         KORLO_EXCLUDES(_mutex);
 
 private:
+    friend class ClientAccess;
+    class RightsInUse;
+
+    void Register(ClientAccess& client) KORLO_EXCLUDES(_clientsMutex);
+    void Unregister(ClientAccess& client) KORLO_EXCLUDES(_clientsMutex);
     bool MayDoEverything(const ClientIdentity& client) const KORLO_REQUIRES(_mutex);
     std::shared_ptr<const ClientRights> RightsOf(const ClientIdentity& client) KORLO_REQUIRES(_mutex);
 
@@ -70,9 +84,18 @@ private:
     std::map<ApplicableRules, std::weak_ptr<const ClientRights>> _rights KORLO_GUARDED_BY(_mutex);
     // For RightsOf alone: what it frees on a connection's thread, the allocator would keep back for each such thread.
     ApplicableRules _applicable KORLO_GUARDED_BY(_mutex);
+
+    PlainMutex _clientsMutex;
+    std::set<ClientAccess*> _clients KORLO_GUARDED_BY(_clientsMutex);  // borrowed
+
+    PlainMutex _rightsMutex;
+    std::condition_variable_any _rightsReleased;
+    std::map<std::uint64_t, std::size_t> _rightsInUse KORLO_GUARDED_BY(_rightsMutex);  // how many of which generation
 };
 
-/// One connection's access. It asks the control anew when the rules have changed, and at no other time.
+/// One connection's access. It asks the control anew when the rules have changed, and at no other time. Whoever asks it
+/// for rights holds them until what they decide about has been sent: that is what AccessControl::AwaitNewRules waits
+/// for.
 ///
 /// Thread safety: as IClientAccess; GetRefusals from any thread.
 class ClientAccess : public settings::server::IClientAccess
@@ -85,11 +108,15 @@ public:
                  const std::string& source = std::string());
     ClientAccess(const ClientAccess&) = delete;
     ClientAccess& operator=(const ClientAccess&) = delete;
+    ~ClientAccess() override;
 
     std::shared_ptr<const settings::server::IAccessRights> GetRights() const override KORLO_EXCLUDES(_mutex);
 
     /// Counts the change, and warns of it as RefusalLog does.
     void OnRefused(const std::string& operation, const settings::GroupNameCollection& refused) override;
+
+    /// Lets go of the rights that are kept for the next request, should they be of rules before.
+    void ForgetOldRights() KORLO_EXCLUDES(_mutex);
 
     /// How many changes of this client were refused.
     std::uint64_t GetRefusals() const { return _refusals; }
@@ -103,7 +130,7 @@ private:
 
     mutable osa::Mutex _mutex;  // taken before that of the control
     mutable std::uint64_t _generation KORLO_GUARDED_BY(_mutex) = 0;
-    mutable std::shared_ptr<const settings::server::IAccessRights> _pRights KORLO_GUARDED_BY(_mutex);
+    mutable std::shared_ptr<const AccessControl::RightsInUse> _pRights KORLO_GUARDED_BY(_mutex);
 };
 
 }  // namespace korlo::daemon

@@ -116,6 +116,7 @@ core::IniFile AccessReloadWord::Answer(const std::string& operands)
     }
     _control.Replace(outcome.pRules);
     pLogger->Information("%zu access rules are in force", outcome.pRules->size());
+    _control.AwaitNewRules();
     return answer;
 }
 

@@ -29,7 +29,8 @@ private:
     const IUserDatabase& _users;
 };
 
-/// "access-reload": reads the rules anew; a mistake in them leaves those before in force.
+/// "access-reload": reads the rules anew; a mistake in them leaves those before in force. Answers once nothing more is
+/// made by the rules before, which may take as long as a request does that waits for the disk.
 ///
 /// Thread safety: as IControlWord.
 class AccessReloadWord : public IControlWord

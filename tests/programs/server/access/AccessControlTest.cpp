@@ -3,6 +3,8 @@
 #include "access/AccessControl.h"
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +23,7 @@ namespace korlo::daemon
 namespace
 {
 
+using namespace std::chrono_literals;
 using Reason = AccessDecision::Reason;
 
 constexpr uid_t Own = 990;
@@ -187,6 +190,34 @@ TEST(AccessControlTest, OtherRulesActAtOnceOnStandingConnections)
     EXPECT_TRUE(pBefore->MayRead("OfAll")) << "a request that has begun is answered by one set of rules";
     control.Replace(nullptr);
     EXPECT_TRUE(web.GetRights()->MayReadEverything());
+}
+
+TEST(AccessControlTest, WhoWaitsForNewRulesWaitsForWhatGoesByThoseBefore)
+{
+    AccessControl control(Rules(), Own);
+    const ClientAccess web(control, Web, "x");
+    const ClientAccess idle(control, Tcp, "y");
+    EXPECT_TRUE(idle.GetRights()->MayRead("OfTcp"));
+    auto pBefore = web.GetRights();
+    control.Replace(Share({ReadRule("other", "Other")}));
+    const auto pNow = web.GetRights();
+    std::future<void> awaited = std::async(std::launch::async, [&control] { control.AwaitNewRules(); });
+    EXPECT_EQ(awaited.wait_for(50ms), std::future_status::timeout);
+    EXPECT_TRUE(pBefore->MayRead("OfAll"));
+    pBefore.reset();
+    ASSERT_EQ(awaited.wait_for(30s), std::future_status::ready) << "neither an idle client nor the new rights count";
+    EXPECT_TRUE(pNow->MayRead("Other"));
+}
+
+TEST(AccessControlTest, RightsOfRulesBeforeAreGoneOnceNewOnesWereAwaited)
+{
+    AccessControl control(Rules(), Own);
+    const ClientAccess idle(control, Web, "x");
+    const std::weak_ptr<const settings::server::IAccessRights> pBefore = idle.GetRights();
+    control.Replace(Share({ReadRule("other", "Other")}));
+    control.AwaitNewRules();
+    EXPECT_TRUE(pBefore.expired());
+    EXPECT_TRUE(idle.GetRights()->MayRead("Other"));
 }
 
 TEST(AccessControlTest, ARequestIsAnsweredByOneSetOfRulesWhileTheyChange)
