@@ -4,6 +4,12 @@
 
 namespace korlo::daemon
 {
+namespace
+{
+
+constexpr const char* RefusedGroup = "KorloSettings/Trusted/Refused";
+
+}  // namespace
 
 void RestrictedFilesLoader::LoadRestrictedSettings(settings::server::SettingsCombiner& combiner)
 {
@@ -11,7 +17,14 @@ void RestrictedFilesLoader::LoadRestrictedSettings(settings::server::SettingsCom
     for (const std::string& file : _files.Find())
     {
         logger.Trace("Loading restricted settings from '%s'", file.c_str());
-        combiner.LoadFromFile(file);
+        core::IniFile settings(file.c_str());
+        if (_clientsAreRefused && settings.Find(RefusedGroup) != settings.end())
+        {
+            logger.Warning("Group '%s' of '%s' is left out: with access rules it tells a client what was refused to it",
+                           RefusedGroup, file.c_str());
+            settings.RemoveGroup(RefusedGroup);
+        }
+        combiner.LoadFromIni(settings);
     }
 }
 

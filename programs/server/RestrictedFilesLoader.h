@@ -8,18 +8,26 @@ namespace korlo::daemon
 {
 
 /// Loads the restricted settings from INI files that the device's owner trusts. Groups of other names are taken too.
+/// Where clients are refused changes, the group by which they are told (docs/access.md) is left out, with a warning: a
+/// pattern would show it, and a client take it for a refusal.
 ///
 /// Thread safety: as IRestrictedSettingsLoader.
 class RestrictedFilesLoader : public settings::server::IRestrictedSettingsLoader
 {
 public:
-    explicit RestrictedFilesLoader(const SettingsFiles& files) : _files(files) {}
+    /// @param clientsAreRefused there are access rules.
+    RestrictedFilesLoader(const SettingsFiles& files, bool clientsAreRefused)
+        : _files(files),
+          _clientsAreRefused(clientsAreRefused)
+    {
+    }
 
     /// @throws osa::Exception naming the file that cannot be read, and the reason.
     void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override;
 
 private:
     const SettingsFiles _files;
+    const bool _clientsAreRefused;
 };
 
 }  // namespace korlo::daemon

@@ -179,7 +179,7 @@ Status Run(const ServerOptions& options)
 {
     FileSettingsPersister files(SettingsFiles(options.defaults), UserPathOf(options));
     files.Prepare();
-    RestrictedFilesLoader restricted{SettingsFiles(options.restricted)};
+    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), !options.access.empty());
     if (options.saveDelayMs == 0)
     {
         settings::server::SettingsManager store(&files, &restricted, nullptr, false);

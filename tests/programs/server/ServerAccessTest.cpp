@@ -106,6 +106,50 @@ TEST_F(ServerAccessTest, RulesThatMakeNoSenseLeaveThoseBeforeInForce)
     EXPECT_EQ(RawClient(server.GetPort()).Get("Audio"), "[Audio]\nk=1\n");
 }
 
+TEST_F(ServerAccessTest, AClientThatConnectsAnewIsWarnedOfOnceAMinute)
+{
+    ServerProcess server(Options());
+    for (int round = 0; round < 5; ++round)
+    {
+        RawClient client(server.GetPort());
+        client.Send("merge\n[Private]\nk=2\n.\n");
+        EXPECT_EQ(client.Get("Private"), "");
+    }
+    RawClient client(server.GetPort());
+    client.Send("merge\n[Private2]\nk=2\n.\n");
+    server.GetChild().AwaitErrors("merge of 'Private2' is refused");
+    const std::string log = server.GetChild().GetErrors();
+    const std::string warning = "merge of 'Private' is refused";
+    ASSERT_THAT(log, HasSubstr(warning));
+    EXPECT_EQ(log.find(warning), log.rfind(warning));
+}
+
+TEST_F(ServerAccessTest, NoPatternShowsARestrictedGroupInThePlaceOfARefusal)
+{
+    const std::string group = "[KorloSettings/Trusted/Refused]\noperation=none\n";
+    ServerProcess::Arguments options = Options();
+    options.insert(options.end(), {"--restricted", Write("restricted.ini", group + "[OtherTrusted]\nk=1\n")});
+    WriteFile(_rules, "[Access/tcp]\npeer=tcp\nread=*\n");
+    {
+        ServerProcess server(options);
+        RawClient client(server.GetPort());
+        EXPECT_EQ(client.Get("Kor*"), "");
+        EXPECT_EQ(client.Get("KorloSettings/Trusted/Refused"), "");
+        EXPECT_EQ(client.Get("Other*"), "[OtherTrusted]\nk=1\n");
+        client.Send("dump all\n");
+        EXPECT_THAT(client.ReadBlock(), testing::Not(HasSubstr("Refused")));
+        client.Send("restore\nNetwork/Eth\n.\n");
+        EXPECT_EQ(client.Get("KorloSettings/Trusted/Refused"),
+                  "[KorloSettings/Trusted/Refused]\ngroup.1=Network/Eth\noperation=restore\n");
+        server.GetChild().AwaitErrors("Group 'KorloSettings/Trusted/Refused' of '" + _folder.PathOf("restricted.ini") +
+                                      "' is left out");
+    }
+    options.erase(options.begin() + 4, options.begin() + 6);  // without rules it is a group like any other
+    ServerProcess server(options);
+    EXPECT_EQ(RawClient(server.GetPort()).Get("Kor*"), group);
+    EXPECT_EQ(RawClient(server.GetPort()).Get("KorloSettings/Trusted/Refused"), group);
+}
+
 TEST_F(ServerAccessTest, ACheckNamesTheRuleThatDecides)
 {
     WriteFile(_rules, "[Access/nobody]\nuser=65530\nread=Audio\ndeny=Secret*\n");
