@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <string>
@@ -13,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Files.h"
+#include "support/LongTests.h"
 #include "support/ServerProcess.h"
 #include "support/TemporaryFolder.h"
 
@@ -161,9 +161,8 @@ protected:
     };
 
     // 100000 in the long form, with small changes; the short form gets to the same backlog by larger ones.
-    static bool IsLong() { return std::getenv("KORLO_LONG_TESTS") != nullptr; }
-    static int Changes() { return IsLong() ? 100'000 : 4'000; }
-    static std::size_t ValueBytes() { return IsLong() ? 120 : 4'000; }
+    static int Changes() { return AreTestsLong() ? 100'000 : 4'000; }
+    static std::size_t ValueBytes() { return AreTestsLong() ? 120 : 4'000; }
 
     static std::string Change(int number)
     {
