@@ -1,6 +1,10 @@
 // What the real server lets clients do, and its control door.
 
+#include <algorithm>
+#include <filesystem>
 #include <list>
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -104,6 +108,81 @@ TEST_F(ServerAccessTest, RulesThatMakeNoSenseLeaveThoseBeforeInForce)
                 testing::AllOf(StartsWith("error the rules before stay in force: " + _rules + ":"), HasSubstr("reed")));
     EXPECT_EQ(RawClient(server.GetPort()).Get("Private"), "");
     EXPECT_EQ(RawClient(server.GetPort()).Get("Audio"), "[Audio]\nk=1\n");
+}
+
+TEST_F(ServerAccessTest, TheOrderOfFilesRulesAndLinesHasNoEffect)
+{
+    // Rules that overlap, allow what others deny, and deny what others allow.
+    const std::vector<std::vector<std::string>> rules = {
+        {"[Access/some]", "peer=tcp", "read=Network/*", "change=Audio"},
+        {"[Access/all]", "peer=tcp,unix", "read=*", "deny=Private"},
+        {"[Access/none]", "user=65530", "change=Private,Network/Eth", "deny=Aud*"},
+        {"[Access/tcp]", "peer=tcp", "deny=Network/Secret", "change=Network/*"},
+    };
+    const std::string folder = _folder.PathOf("access.d");
+    std::filesystem::create_directory(folder);
+    const auto write = [&folder](const std::vector<std::string>& texts, std::size_t files) {
+        for (std::size_t file = 0; file < texts.size(); ++file)
+        {
+            std::string content;
+            for (std::size_t rule = 0; rule < texts.size(); ++rule)
+            {
+                content += rule % files == file ? texts[rule] : "";
+            }
+            WriteFile(folder + '/' + std::to_string(file) + ".ini", content);
+        }
+    };
+    std::vector<std::size_t> order{0, 1, 2, 3};
+    std::vector<std::size_t> lines{1, 2, 3};
+    const auto writeInOrder = [&] {
+        std::vector<std::string> texts;
+        for (const std::size_t rule : order)
+        {
+            std::string text = rules[rule][0] + '\n';
+            for (const std::size_t line : lines)
+            {
+                text += rules[rule][line] + '\n';
+            }
+            texts.push_back(text);
+        }
+        write(texts, 1 + order[0]);  // in one file, two, three or four
+    };
+    writeInOrder();
+    ServerProcess::Arguments options = Options();
+    options[5] = folder;
+    ServerProcess server(options);
+    RawClient client(server.GetPort());
+    RawClient control(ControlAddress());
+    const auto check = [&control](const std::string& request) {
+        control.Send("access-check 65530 " + request + '\n');
+        control.ReadLine();
+        const std::string answer = control.ReadBlock();
+        return answer.substr(0, answer.find("\nfile"));  // which rule is named where several would do is not told
+    };
+    const auto answers = [&] {
+        std::string text = client.Get("*");
+        for (const char* group : {"Audio", "Network/Eth", "Network/Secret", "Private", "Network/*", "*"})
+        {
+            client.Send("overwrite\n" + std::string(group) + "\n.\n.\n");
+            text += client.Get("KorloSettings/Trusted/Refused") + check("read " + std::string(group)) +
+                    check("change " + std::string(group));
+        }
+        return text;
+    };
+    client.Send("overwrite\n*\n.\n.\n");
+    client.Send("overwrite\nAudio\nNetwork/Eth\n.\n.\n");
+    client.Get("KorloSettings/Trusted/Refused");
+    const std::string expected = answers();
+    EXPECT_THAT(expected, testing::AllOf(HasSubstr("allowed=1"), HasSubstr("allowed=0"), HasSubstr("group.1=*")));
+    do
+    {
+        std::next_permutation(lines.begin(), lines.end());
+        writeInOrder();
+        control.Send("access-reload\n");
+        ASSERT_EQ(control.ReadLine(), "ok");
+        ASSERT_EQ(control.ReadBlock(), "[Access]\nrules=4\n");
+        ASSERT_EQ(answers(), expected);
+    } while (std::next_permutation(order.begin(), order.end()));
 }
 
 TEST_F(ServerAccessTest, AClientThatConnectsAnewIsWarnedOfOnceAMinute)
