@@ -72,10 +72,17 @@ std::string Refusal(const ResourceManager& manager, const std::string& consumer,
            std::to_string(manager.GetTotal(resource)) + " units are available to it";
 }
 
-std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const IniFile& settings)
+/// What `resource show` prints of the consumers, in both forms.
+struct Consumers
+{
+    std::string lines;
+    nlohmann::json values = nlohmann::json::array();
+};
+
+Consumers ConsumersOf(const std::string& resource, const IniFile& settings)
 {
     const std::string prefix = GroupOf(resource) + "/Consumers/";
-    std::vector<ResourceConsumer> consumers;
+    Consumers consumers;
     for (const auto& [group, values] : settings)
     {
         const std::string name = group.starts_with(prefix) ? group.substr(prefix.size()) : std::string();
@@ -83,25 +90,15 @@ std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const Ini
         {
             continue;
         }
-        std::optional<int> max;
-        if (int cap = 0; core::StringUtil::TryParse(settings.GetValueOrDefault(group, "MaxAllowed"), cap))
-        {
-            max = cap;
-        }
-        consumers.push_back({name, settings.GetIntOrDefault(group, "CurrentlyUsed", 0), max});
+        const int used = settings.GetIntOrDefault(group, "CurrentlyUsed", 0);
+        int max = 0;
+        const bool isLimited = core::StringUtil::TryParse(settings.GetValueOrDefault(group, "MaxAllowed"), max);
+        consumers.lines +=
+            name + ": " + std::to_string(used) + " used" + (isLimited ? ", at most " + std::to_string(max) : "") + '\n';
+        consumers.values.push_back(
+            {{"name", name}, {"used", used}, {"max", isLimited ? nlohmann::json(max) : nlohmann::json()}});
     }
     return consumers;
-}
-
-std::string LinesOf(int total, const std::vector<ResourceConsumer>& consumers)
-{
-    std::string lines = "total: " + std::to_string(total) + '\n';
-    for (const ResourceConsumer& consumer : consumers)
-    {
-        lines += consumer.name + ": " + std::to_string(consumer.used) + " used" +
-                 (consumer.max ? ", at most " + std::to_string(*consumer.max) : "") + '\n';
-    }
-    return lines;
 }
 
 }  // namespace
@@ -110,16 +107,15 @@ ExitStatus RunResourceShow(const Invocation& invocation)
 {
     constexpr int defaultTotal = 100;
     const std::string& resource = invocation.operands[0];
-    Session session(invocation.target, Session::Reading);
-    const IniFile settings = session.Read(GroupsOfResource(resource));
-
+    const IniFile settings = Session(invocation.target, Session::Reading).Read(GroupsOfResource(resource));
     const int total = settings.GetIntOrDefault(GroupOf(resource), "TotalAvailable", defaultTotal);
-    const std::vector<ResourceConsumer> consumers = ConsumersOf(resource, settings);
-    if (consumers.empty() && !settings.HasGroup(GroupOf(resource)))
+    const Consumers consumers = ConsumersOf(resource, settings);
+    if (consumers.values.empty() && !settings.HasGroup(GroupOf(resource)))
     {
         WriteMessage("note: the settings hold nothing of resource " + Quoted(resource) + ": its total is the default");
     }
-    WriteOutput(invocation.asJson ? JsonOf(resource, total, consumers) : LinesOf(total, consumers));
+    WriteOutput(invocation.asJson ? JsonOf({{"resource", resource}, {"total", total}, {"consumers", consumers.values}})
+                                  : "total: " + std::to_string(total) + '\n' + consumers.lines);
     return StatusDone;
 }
 
