@@ -42,13 +42,13 @@ void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
 
 }  // namespace
 
-LocalFile::LocalFile(const std::string& path, Access access) : _file(path), _access(access)
+LocalFile::LocalFile(const std::string& path, Purpose purpose) : _file(path), _purpose(purpose)
 {
-    if (access == Change || access == ChangeOrCreate)
+    if (purpose == Changing || purpose == ChangingOrCreating)
     {
         _lock.emplace(path);
     }
-    if (access != ChangeOrCreate || _file.Exists())
+    if (purpose != ChangingOrCreating || _file.Exists())
     {
         _document.Load(path.c_str());
     }
@@ -77,7 +77,7 @@ void LocalFile::Apply(const IniFile& before, const IniFile& after)
 
 std::string LocalFile::ReadText() const
 {
-    return _access == ChangeOrCreate && !_file.Exists() ? std::string() : _file.Read();
+    return _purpose == ChangingOrCreating && !_file.Exists() ? std::string() : _file.Read();
 }
 
 }  // namespace korlo::settings::cli

@@ -6,7 +6,6 @@
 
 #include "client/ServerLookup.h"
 #include "korlo/osa/Exception.h"
-#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -37,22 +36,6 @@ ServerConnection::ServerConnection() : _socket(NoDelay), _stream(Connected(_sock
 {
 }
 
-core::IniFile ServerConnection::GetSettings(const GroupNameCollection& groups)
-{
-    GroupNameCollection names;
-    std::transform(groups.begin(), groups.end(), std::inserter(names, names.end()), LooseName);
-    _writer.Get(names);
-    Expect(word::Data);
-    core::IniFile found;
-    _reader.ReadSettings(found);
-    CheckAnswered();
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(groups);
-    core::IniFile selected;
-    matcher.MergeMatchingGroups(found, selected);
-    return selected;
-}
-
 std::string ServerConnection::Dump(bool all)
 {
     _writer.Dump(all);
@@ -67,8 +50,10 @@ GroupNameCollection ServerConnection::GetSubscribedGroups()
 {
     _writer.InfoSubscribed();
     _writer.Get({});
-    Expect(word::SubscribedTitle);
-    Expect(word::SubscribedRule);
+    if (ReadLine() != word::SubscribedTitle || ReadLine() != word::SubscribedRule)
+    {
+        ThrowMisunderstood();
+    }
     std::vector<std::string> lines;
     for (std::string line = ReadLine(); line != word::EndOfBlock; line = ReadLine())
     {
@@ -80,25 +65,6 @@ GroupNameCollection ServerConnection::GetSubscribedGroups()
         ThrowMisunderstood();
     }
     return GroupNameCollection(lines.begin(), std::prev(lines.end(), 2));
-}
-
-bool ServerConnection::CanCarry(const GroupNameCollection& groups)
-{
-    return std::ranges::all_of(groups, common::FitsGroupList);
-}
-
-std::string ServerConnection::LooseName(std::string name)
-{
-    std::ranges::replace(name, '\n', '*');
-    return common::FitsGroupList(name) ? name : name + '*';
-}
-
-void ServerConnection::Expect(std::string_view expected)
-{
-    if (ReadLine() != expected)
-    {
-        ThrowMisunderstood();
-    }
 }
 
 std::string ServerConnection::ReadLine()
