@@ -29,12 +29,12 @@ void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
     }
     for (const auto& [group, values] : after)
     {
-        IniFile::KeyValueMap& targetValues = target[group];
+        target[group];
         for (const auto& [key, value] : values)
         {
             if (!before.HasValue(group, key) || before.GetValue(group, key) != value)
             {
-                targetValues.insert_or_assign(key, value);
+                target.SetValue(group, key, value);
             }
         }
     }
@@ -65,19 +65,14 @@ void LocalFile::Apply(const IniFile& before, const IniFile& after)
     {
         ownLock.emplace(_file.GetPath());
     }
-    const std::string text = ReadText();
-    const IniTextEditor editor(text);
+    const bool isMissing = _purpose == ChangingOrCreating && !_file.Exists();
+    const IniTextEditor editor(isMissing ? std::string() : _file.Read());
     IniFile wanted = editor.GetDocument();
     CarryOver(wanted, before, after);
     if (!(wanted == editor.GetDocument()))
     {
         _file.Replace(editor.Edit(wanted));
     }
-}
-
-std::string LocalFile::ReadText() const
-{
-    return _purpose == ChangingOrCreating && !_file.Exists() ? std::string() : _file.Read();
 }
 
 }  // namespace korlo::settings::cli

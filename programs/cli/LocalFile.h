@@ -44,8 +44,6 @@ public:
     void Apply(const core::IniFile& before, const core::IniFile& after);
 
 private:
-    std::string ReadText() const;
-
     osa::CrashSafeFile _file;
     const Purpose _purpose;
     std::optional<FolderLock> _lock;

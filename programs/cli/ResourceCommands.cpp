@@ -1,6 +1,5 @@
 #include <charconv>
 #include <cmath>
-#include <optional>
 #include <string_view>
 
 #include "Commands.h"
@@ -29,22 +28,6 @@ GroupNameCollection GroupsOfResource(const std::string& resource)
     return {GroupOf(resource) + '*'};
 }
 
-/// A share of the total, 0.25 for "25%", or nothing for another text.
-std::optional<double> ParseShare(std::string_view text)
-{
-    if (!text.ends_with('%'))
-    {
-        return std::nullopt;
-    }
-    text.remove_suffix(1);
-    double percent = 0;
-    const char* pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, percent);
-    constexpr double whole = 100;
-    return error == std::errc() && pRest == pEnd && std::isfinite(percent) ? std::optional(percent / whole)
-                                                                           : std::nullopt;
-}
-
 ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std::string& amount)
 {
     int units = 0;
@@ -52,9 +35,13 @@ ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std
     {
         return {resource, false, units, 0.0};
     }
-    if (const std::optional<double> share = ParseShare(amount))
+    constexpr double whole = 100;
+    double percent = 0;
+    const char* const pEnd = amount.data() + amount.size();
+    const auto [pRest, error] = std::from_chars(amount.data(), pEnd, percent);
+    if (error == std::errc() && std::string_view(pRest, pEnd) == "%" && std::isfinite(percent))
     {
-        return {resource, true, 0, *share};
+        return {resource, true, 0, percent / whole};
     }
     throw Failure(StatusWrongCommandLine, Quoted(amount) + " is no amount of a resource",
                   "an amount is a whole number of units, such as 20, or a share of the total, such as 25%");
@@ -136,22 +123,23 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
     };
     Session session(invocation.target, Session::Changing);
     const GroupNameCollection groups = GroupsOfResource(resource);
-    if (session.CanSend(groups))
+    const std::string ownGroup = GroupOf(resource) + "/Consumers/" + consumer;
+    bool isDone = session.CanSend(groups);
+    if (isDone)
     {
         session.Change(groups, reserve);
-        return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
     }
     // The manager cannot read a name that no list carries, but this tool can: the manager works on a copy, and what it
     // was computed from is tested here.
-    for (bool merged = false; !merged;)
+    while (!isDone)
     {
         const IniFile settings = session.Read(groups);
         KorloSettingsClient copy(KorloSettingsClient::Local, settings);
         IniFile changes;
-        changes.SetInt(GroupOf(resource) + "/Consumers/" + consumer, "CurrentlyUsed", reserve(copy));
-        session.Change(groups, [&](KorloSettingsClient& client) { merged = client.TestAndMerge(settings, changes); });
+        changes.SetInt(ownGroup, "CurrentlyUsed", reserve(copy));
+        session.Change(groups, [&](KorloSettingsClient& client) { isDone = client.TestAndMerge(settings, changes); });
     }
-    return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
+    return ReportRestricted({ownGroup});
 }
 
 }  // namespace korlo::settings::cli

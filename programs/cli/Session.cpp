@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "IniText.h"
-#include "ServerConnection.h"
+#include "ServerRequests.h"
 #include "StandardStreams.h"
 #include "client/ServerLookup.h"
 #include "common/Protocol.h"
@@ -164,12 +164,12 @@ std::string Session::Dump(bool all)
     {
         return all ? TextOf(Read({"*"})) : std::string();
     }
-    return Guarded([&] { return ServerConnection().Dump(all); });
+    return Guarded([&] { return DumpServer(all); });
 }
 
 GroupNameCollection Session::GetSubscribedGroups() const
 {
-    return IsInProcess() ? GroupNameCollection() : Guarded([&] { return ServerConnection().GetSubscribedGroups(); });
+    return IsInProcess() ? GroupNameCollection() : Guarded([&] { return GetSubscribedGroupsOfServer(); });
 }
 
 bool Session::IsInProcess() const
