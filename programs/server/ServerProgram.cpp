@@ -16,8 +16,8 @@
 #include "FileSettingsPersister.h"
 #include "PassedSockets.h"
 #include "ProcessSetup.h"
-#include "RestrictedFilesLoader.h"
 #include "ServiceNotifier.h"
+#include "SettingsFiles.h"
 #include "SettingsServer.h"
 #include "access/AccessControl.h"
 #include "access/AccessRulesReader.h"
@@ -28,6 +28,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/TcpListener.h"
+#include "settings/server/IRestrictedSettingsLoader.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 
@@ -47,6 +48,29 @@ void Write(int descriptor, const std::string& text)
     // Nobody has to listen.
     static_cast<void>(::write(descriptor, text.data(), text.size()) < 0);
 }
+
+/// Loads the restricted settings from INI files that the device's owner trusts. Groups of other names are taken too.
+///
+/// Thread safety: as IRestrictedSettingsLoader.
+class RestrictedFilesLoader : public settings::server::IRestrictedSettingsLoader
+{
+public:
+    explicit RestrictedFilesLoader(const SettingsFiles& files) : _files(files) {}
+
+    /// @throws osa::Exception naming the file that cannot be read, and the reason.
+    void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override
+    {
+        for (const std::string& file : _files.Find())
+        {
+            core::Logger::GetLogger("RestrictedFilesLoader")
+                ->Trace("Loading restricted settings from '%s'", file.c_str());
+            combiner.LoadFromFile(file);
+        }
+    }
+
+private:
+    const SettingsFiles _files;
+};
 
 /// Where the user layer is kept; empty for nowhere, on a machine that was not set up for the server.
 std::string UserPathOf(const ServerOptions& options)
@@ -144,7 +168,6 @@ struct Doors
 /// Serves clients until a signal arrives; returns when the last one is gone.
 bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsManager& store)
 {
-    const ServiceNotifier notifier;
     const SystemUserDatabase users;
     settings::server::SerializationManager serializers;
     AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
@@ -166,9 +189,9 @@ bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsMa
     SettingsServer server(std::move(doors.settings), {&store, &serializers}, access, options.limits);
     server.Start();
     Write(STDOUT_FILENO, announcement);
-    notifier.Notify("READY=1");
+    NotifyServiceManager("READY=1");
     WaitForEnd();
-    notifier.Notify("STOPPING=1");
+    NotifyServiceManager("STOPPING=1");
     server.Stop();
     return server.IsHealthy();
 }
