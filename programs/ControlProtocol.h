@@ -2,7 +2,6 @@
 // What the server's control door and the tool that asks it say to each other (docs/server.md, "The control door").
 
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -33,20 +32,8 @@ inline constexpr std::string_view UnknownUser = "unknown user ";
 inline constexpr std::string_view TooManyClients = "eight clients are connected already; try again";
 inline constexpr std::string_view UnknownWord = "unknown word ";
 
-/// A group's name as the last operand of a request: as it stands, or in double quotes, as INI text quotes names, where
-/// a line cannot carry it otherwise.
-inline std::string QuotedName(const std::string& name)
-{
-    // As the header of a group it is quoted for the same reasons, and for a few that do no harm here.
-    core::IniFile document;
-    document[name];
-    std::ostringstream text;
-    document.SaveToStream(text);
-    const std::string header = text.str();  // "[NAME]" and a line break
-    return header.substr(1, header.rfind(']') - 1);
-}
-
-/// The name behind such an operand; nothing when its quotes make no sense.
+/// The group's name that is the last operand of a request: as it stands, or in double quotes, as INI text quotes names,
+/// where a line cannot carry it otherwise. Nothing when its quotes make no sense.
 inline std::optional<std::string> UnquotedName(const std::string& operand)
 {
     if (!operand.starts_with('"'))

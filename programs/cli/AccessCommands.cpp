@@ -14,6 +14,7 @@ namespace
 {
 
 using core::IniFile;
+using nlohmann::json;
 
 constexpr const char* AnswerGroup = "Access";
 constexpr const char* HintAtNumber = "a user is a name that the server's system knows, or a number";
@@ -57,26 +58,34 @@ void CheckKind(const std::string& kind)
     }
 }
 
-AccessVerdict VerdictOf(const IniFile& answer)
+/// With the names and the 0 or 1 of the server's own answer; null for `rule`, `file` and `line` where no rule decided.
+json VerdictOf(const IniFile& answer)
 {
-    AccessVerdict verdict = {SaidNumber(answer, "allowed") != 0, Said(answer, "reason"), std::nullopt};
+    json verdict = {{"allowed", SaidNumber(answer, "allowed") != 0 ? 1 : 0},
+                    {"reason", Said(answer, "reason")},
+                    {"rule", nullptr},
+                    {"file", nullptr},
+                    {"line", nullptr}};
     if (answer.HasValue(AnswerGroup, "rule"))
     {
-        verdict.rule = {Said(answer, "rule"), Said(answer, "file"), SaidNumber(answer, "line")};
+        verdict["rule"] = Said(answer, "rule");
+        verdict["file"] = Said(answer, "file");
+        verdict["line"] = SaidNumber(answer, "line");
     }
     return verdict;
 }
 
 /// A line, whatever the names hold.
-std::string TextOf(const AccessVerdict& verdict)
+std::string TextOf(const json& verdict)
 {
-    const std::string outcome = verdict.isAllowed ? "allowed: " : "refused: ";
-    if (!verdict.rule)
+    const bool isAllowed = verdict["allowed"] == 1;
+    const std::string outcome = isAllowed ? "allowed: " : "refused: ";
+    if (verdict["rule"].is_null())
     {
-        return outcome + verdict.reason + '\n';
+        return outcome + verdict["reason"].get<std::string>() + '\n';
     }
-    return outcome + "rule " + Quoted(NameToken(verdict.rule->name)) + " in " + NameToken(verdict.rule->file) +
-           " line " + std::to_string(verdict.rule->line) + (verdict.isAllowed ? " allows it\n" : " denies it\n");
+    return outcome + "rule " + Quoted(NameToken(verdict["rule"])) + " in " + NameToken(verdict["file"]) + " line " +
+           verdict["line"].dump() + (isAllowed ? " allows it\n" : " denies it\n");
 }
 
 std::vector<std::string> WarningsIn(const IniFile& answer)
@@ -99,12 +108,12 @@ ExitStatus RunAccessCheck(const Invocation& invocation)
     CheckUser(user);
     CheckKind(kind);
     const std::string request =
-        std::string(control::AccessCheck) + ' ' + user + ' ' + kind + ' ' + control::QuotedName(invocation.operands[2]);
+        std::string(control::AccessCheck) + ' ' + user + ' ' + kind + ' ' + NameToken(invocation.operands[2]);
     try
     {
-        const AccessVerdict verdict = VerdictOf(ControlConnection(invocation.control).Ask(request));
+        const json verdict = VerdictOf(ControlConnection(invocation.control).Ask(request));
         WriteOutput(invocation.asJson ? JsonOf(verdict) : TextOf(verdict));
-        return verdict.isAllowed ? StatusDone : StatusNo;
+        return verdict["allowed"] == 1 ? StatusDone : StatusNo;
     }
     catch (const ControlError& error)
     {
@@ -124,7 +133,7 @@ ExitStatus RunAccessReload(const Invocation& invocation)
         const std::vector<std::string> warnings = WarningsIn(answer);
         if (invocation.asJson)
         {
-            WriteOutput(JsonOf(rules, warnings));
+            WriteOutput(JsonOf({{"rules", rules}, {"warnings", warnings}}));
             return StatusDone;
         }
         std::ranges::for_each(warnings, WriteMessage);

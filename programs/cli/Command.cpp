@@ -167,16 +167,4 @@ const std::vector<Command>& AllCommands()
     return commands;
 }
 
-const Command* FindCommand(const std::string& name)
-{
-    for (const Command& command : AllCommands())
-    {
-        if (name == command.name)
-        {
-            return &command;
-        }
-    }
-    return nullptr;
-}
-
 }  // namespace korlo::settings::cli

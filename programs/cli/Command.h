@@ -69,7 +69,4 @@ std::span<const Option> ToolOptions();
 /// All commands, in the order in which the help lists them.
 const std::vector<Command>& AllCommands();
 
-/// Null for an unknown name.
-const Command* FindCommand(const std::string& name);
-
 }  // namespace korlo::settings::cli

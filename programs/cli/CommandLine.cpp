@@ -18,7 +18,7 @@ constexpr const char* HintAtHelp = "'korlo-settings --help' lists all that there
 
 std::string TermOf(const Option& option)
 {
-    return option.name + (option.value != nullptr ? std::string(" ") + option.value : std::string());
+    return option.value != nullptr ? std::string(option.name) + ' ' + option.value : option.name;
 }
 
 void AddRows(std::span<const Option> options, std::vector<HelpRow>& rows)
@@ -141,9 +141,12 @@ void Reader::TakeWord(const std::string& word)
         return;
     }
     _name += (_name.empty() ? "" : " ") + word;
-    _pCommand = FindCommand(_name);
-    const bool isBeginning = std::ranges::any_of(
-        AllCommands(), [this](const Command& command) { return std::string(command.name).starts_with(_name + ' '); });
+    bool isBeginning = false;
+    for (const Command& command : AllCommands())
+    {
+        _pCommand = command.name == _name ? &command : _pCommand;
+        isBeginning = isBeginning || std::string_view(command.name).starts_with(_name + ' ');
+    }
     if (_pCommand == nullptr && !isBeginning)
     {
         FailForCommand();
@@ -214,12 +217,9 @@ const Option* Reader::FindOption(const std::string& name) const
 {
     for (const auto options : {ToolOptions(), _pCommand != nullptr ? _pCommand->options : std::span<const Option>()})
     {
-        for (const Option& option : options)
+        if (const auto found = std::ranges::find(options, name, &Option::name); found != options.end())
         {
-            if (name == option.name)
-            {
-                return &option;
-            }
+            return &*found;
         }
     }
     return nullptr;

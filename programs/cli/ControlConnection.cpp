@@ -17,27 +17,22 @@ constexpr unsigned int ConnectTimeoutMs = 5'000;
 constexpr const char* HintAtDoor = "--control PATH names the socket that the server's own --control opened; only the "
                                    "server's user and root may use it";
 
-osa::TcpSocket* Connected(osa::TcpSocket& socket, const std::string& path)
-{
-    try
-    {
-        socket.Connect(("unix:" + path).c_str(), NoPort, ConnectTimeoutMs);
-    }
-    catch (const osa::Exception& error)
-    {
-        throw Failure(StatusUnusable, "failed to reach the server's control door: " + Reason(error.what()), HintAtDoor);
-    }
-    return &socket;
-}
-
 }  // namespace
 
 ControlConnection::ControlConnection(const std::string& path, const Limits& limits)
     : _path(path),
       _limits(limits),
       _socket(NoDelay),
-      _stream(Connected(_socket, path), limits.waitMs)
+      _stream(&_socket, limits.waitMs)
 {
+    try
+    {
+        _socket.Connect(("unix:" + path).c_str(), NoPort, ConnectTimeoutMs);
+    }
+    catch (const osa::Exception& error)
+    {
+        throw Failure(StatusUnusable, "failed to reach the server's control door: " + Reason(error.what()), HintAtDoor);
+    }
 }
 
 core::IniFile ControlConnection::Ask(const std::string& request)

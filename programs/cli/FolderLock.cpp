@@ -29,10 +29,10 @@ std::string FolderOf(const std::string& file)
     return path.empty() ? "." : path.string();
 }
 
-[[noreturn]] void Fail(const std::string& operation, const std::string& folder)
+[[noreturn]] void Fail(const std::string& operation, const std::string& folder, int error)
 {
     throw Failure(StatusUnusable,
-                  "failed to " + operation + " the folder " + Quoted(folder) + ": " + osa::SystemReason(errno));
+                  "failed to " + operation + " the folder " + Quoted(folder) + ": " + osa::SystemReason(error));
 }
 
 }  // namespace
@@ -43,16 +43,14 @@ FolderLock::FolderLock(const std::string& file)
     _folder = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (_folder == -1)
     {
-        Fail("open", folder);
+        Fail("open", folder, errno);
     }
     while (::flock(_folder, LOCK_EX) == -1)
     {
-        if (errno != EINTR)
+        if (const int error = errno; error != EINTR)
         {
-            const int error = errno;
             ::close(_folder);
-            errno = error;
-            Fail("lock", folder);
+            Fail("lock", folder, error);
         }
     }
 }

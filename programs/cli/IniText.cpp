@@ -1,8 +1,9 @@
 #include "IniText.h"
 
-#include <sstream>
+#include <utility>
 
 #include "korlo/core/Logger.h"
+#include "korlo/stl/TextStream.h"
 
 namespace korlo::settings::cli
 {
@@ -20,8 +21,7 @@ core::IniFile ReadQuietly(const std::string& text)
 
 std::string TextOf(const core::IniFile& document)
 {
-    std::ostringstream out;
-    out.exceptions(std::ios_base::badbit);  // a text that memory did not suffice for is none
+    stl::TextStream out;
     document.SaveToStream(out);
     return std::move(out).str();
 }

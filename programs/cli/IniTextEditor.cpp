@@ -1,5 +1,6 @@
 #include "IniTextEditor.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <string_view>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "IniText.h"
+#include "korlo/core/IniReader.h"
 
 namespace korlo::settings::cli
 {
@@ -16,285 +18,230 @@ namespace
 using core::IniFile;
 
 constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
-constexpr std::string_view Blanks = " \t\v\f\r";
 
-// Lines are read one at a time by the document's own reader, under a group of this name.
+// Lines are read and written one at a time by the document's own reader and writer, in a group of this name.
 constexpr std::string_view ProbeHeader = "[g]\n";
-
-std::string LastLineOf(const IniFile& document)
-{
-    std::string text = TextOf(document);
-    text.pop_back();
-    return text.substr(text.rfind('\n') + 1);
-}
 
 std::string PairLine(const std::string& key, const std::string& value)
 {
     IniFile document;
     document.SetValue("g", key, value);
-    return LastLineOf(document);
-}
-
-std::string ValueToken(const std::string& value)
-{
-    return PairLine("k", value).substr(2);
-}
-
-/// The key of a line within a group, and whether there is one.
-bool ReadKey(std::string_view line, std::string& key)
-{
-    const IniFile probe = ReadQuietly(std::string(ProbeHeader).append(line));
-    const IniFile::KeyValueMap& values = probe["g"];
-    if (values.empty())
-    {
-        return false;
-    }
-    key = values.begin()->first;
-    return true;
+    std::string text = TextOf(document);
+    text.pop_back();
+    return text.substr(ProbeHeader.size());
 }
 
 /// How much of a pair's line comes before its value.
 std::size_t LengthBeforeValue(const std::string& line)
 {
-    std::string ignored;
     std::size_t equals = line.find('=');
-    while (equals != std::string::npos && !ReadKey(std::string_view(line).substr(0, equals + 1), ignored))
+    while (equals != std::string::npos &&
+           ReadQuietly(std::string(ProbeHeader).append(line, 0, equals + 1))["g"].empty())
     {
         equals = line.find('=', equals + 1);  // this one stands in a quoted key
     }
-    const std::size_t value = line.find_first_not_of(" \t", equals + 1);
-    return value == std::string::npos ? line.size() : value;
-}
-
-enum Kind
-{
-    Blank,
-    Comment,
-    Header,
-    Content  // a pair, or a line that makes no sense
-};
-
-Kind KindOf(std::string_view line)
-{
-    const std::size_t first = line.find_first_not_of(Blanks);
-    if (first == std::string_view::npos)
-    {
-        return Blank;
-    }
-    switch (line[first])
-    {
-    case '#':
-    case ';':
-        return Comment;
-    case '[':
-        return Header;
-    default:
-        return Content;
-    }
+    return std::min(line.find_first_not_of(" \t", equals + 1), line.size());
 }
 
 struct Line
 {
+    bool IsBlank() const { return GetFirst() == '\n'; }
+    bool IsComment() const { return GetFirst() == '#' || GetFirst() == ';'; }
+    bool IsHeader() const { return GetFirst() == '['; }  // also one that makes no sense
+
     std::string text;  // without the line feed
-    Kind kind;
-    bool removed = false;
-    std::vector<std::string> added;  // lines that follow it, without line ends
+    bool isRemoved = false;
+    std::string added;  // lines that follow it, each with its end
+
+private:
+    char GetFirst() const
+    {
+        const std::size_t first = text.find_first_not_of(" \t\v\f\r");
+        return first == std::string::npos ? '\n' : text[first];
+    }
 };
 
-struct Section
+/// Where a group stands, in lines of the text.
+struct Group
 {
-    std::size_t first;  // its header
-    std::size_t end;    // one past its last line
+    std::vector<std::size_t> headers;
+    std::multimap<std::string, std::size_t> pairs;  // equal keys in the order of the text
+    std::size_t last = 0;                           // the last pair, or else the last header
 };
 
 /// A text as lines, while it is edited.
 ///
 /// Thread safety: none of its own; lives within one call.
-class Draft
+class Draft : private core::IIniObserver
 {
 public:
     explicit Draft(std::string_view text);
 
-    void ChangeGroup(const std::string& name, const IniFile::KeyValueMap& old, const IniFile::KeyValueMap& wanted);
-    void RemoveGroup(const std::string& name);
-    void AddGroup(const IniFile& document, const std::string& name);
+    void Change(const IniFile& document, const IniFile& wanted);
     std::string Join() const;
 
 private:
-    struct Pairs
-    {
-        std::multimap<std::string, std::size_t> lines;  // equal keys in the order of the text
-        std::size_t last = 0;                           // the last pair, or the header
-    };
+    void OnGroup(std::size_t line, std::string_view name) override;
+    void OnValue(std::size_t line, std::string_view key, std::string_view value) override;
+    void OnBadLine(std::size_t, const char*) override {}
 
-    void FindSections();
-    Pairs FindPairs(const std::string& group) const;
-    void RemoveSection(Section section);
-    std::size_t EndOfContent(Section section) const;
+    void ChangeGroup(const Group& group, const IniFile::KeyValueMap& old, const IniFile::KeyValueMap& wanted);
+    void AddGroup(const std::string& name, const IniFile::KeyValueMap& values);
+    void RemoveSection(std::size_t header);
+    std::size_t EndOfContent(std::size_t header) const;
     bool IsBlankBefore(std::size_t line) const;
 
     std::vector<Line> _lines;
-    std::map<std::string, std::vector<Section>> _sections;
-    std::vector<std::string> _added;  // at the end, without line ends
-    bool _hasByteOrderMark = false;
+    std::map<std::string, Group, std::less<>> _groups;
+    Group* _pGroup = nullptr;  // the one that is being read
+    std::string _added;        // groups at the end, each behind a blank line
+    std::string_view _byteOrderMark;
     std::string _lineEnd = "\n";
 };
 
 Draft::Draft(std::string_view text)
 {
+    core::IniReader::ReadText(text, *this);
     if (text.starts_with(ByteOrderMark))
     {
-        _hasByteOrderMark = true;
+        _byteOrderMark = ByteOrderMark;
         text.remove_prefix(ByteOrderMark.size());
     }
     while (!text.empty())
     {
         const std::size_t length = std::min(text.find('\n'), text.size());
-        const std::string_view line = text.substr(0, length);
-        _lines.push_back({std::string(line), KindOf(line), false, {}});
+        _lines.emplace_back().text = text.substr(0, length);
         text.remove_prefix(std::min(length + 1, text.size()));
     }
     if (!_lines.empty() && _lines.front().text.ends_with('\r'))
     {
         _lineEnd = "\r\n";
     }
-    FindSections();
 }
 
-void Draft::FindSections()
+void Draft::OnGroup(std::size_t line, std::string_view name)
 {
-    std::vector<Section>* pCurrent = nullptr;
-    for (std::size_t line = 0; line < _lines.size(); ++line)
+    _pGroup = &_groups[std::string(name)];
+    _pGroup->headers.push_back(line - 1);
+    _pGroup->last = _pGroup->pairs.empty() ? line - 1 : _pGroup->last;
+}
+
+void Draft::OnValue(std::size_t line, std::string_view key, std::string_view)
+{
+    _pGroup->pairs.emplace(key, line - 1);
+    _pGroup->last = line - 1;
+}
+
+/// Does what makes a text that reads as `document` one that reads as `wanted`.
+void Draft::Change(const IniFile& document, const IniFile& wanted)
+{
+    for (const auto& [name, values] : document)
     {
-        if (_lines[line].kind == Header)
+        const Group& group = _groups.at(name);
+        const auto kept = wanted.Find(name);
+        if (kept == wanted.end())
         {
-            // What follows a header that makes no sense belongs to no group.
-            const IniFile probe = ReadQuietly(_lines[line].text);
-            pCurrent = probe.empty() ? nullptr : &_sections[probe.begin()->first];
-            if (pCurrent != nullptr)
-            {
-                pCurrent->push_back({line, line + 1});
-            }
+            std::ranges::for_each(group.headers, [this](std::size_t header) { RemoveSection(header); });
         }
-        else if (pCurrent != nullptr)
+        else if (!(kept->second == values))
         {
-            pCurrent->back().end = line + 1;
+            ChangeGroup(group, values, kept->second);
+        }
+    }
+    for (const auto& [name, values] : wanted)
+    {
+        if (!document.HasGroup(name))
+        {
+            AddGroup(name, values);
         }
     }
 }
 
-Draft::Pairs Draft::FindPairs(const std::string& group) const
+void Draft::ChangeGroup(const Group& group, const IniFile::KeyValueMap& old, const IniFile::KeyValueMap& wanted)
 {
-    Pairs pairs;
-    for (const Section& section : _sections.at(group))
+    for (const auto& [key, line] : group.pairs)
     {
-        pairs.last = pairs.lines.empty() ? section.first : pairs.last;
-        for (std::size_t line = section.first + 1; line < section.end; ++line)
-        {
-            std::string key;
-            if (_lines[line].kind == Content && ReadKey(_lines[line].text, key))
-            {
-                pairs.lines.emplace(std::move(key), line);
-                pairs.last = line;
-            }
-        }
-    }
-    return pairs;
-}
-
-void Draft::ChangeGroup(const std::string& name, const IniFile::KeyValueMap& old, const IniFile::KeyValueMap& wanted)
-{
-    const Pairs pairs = FindPairs(name);
-    for (const auto& [key, line] : pairs.lines)
-    {
-        _lines[line].removed = !wanted.contains(key);
+        _lines[line].isRemoved = !wanted.contains(key);
     }
     for (const auto& [key, value] : wanted)
     {
         const auto previous = old.find(key);
         if (previous == old.end())
         {
-            _lines[pairs.last].added.push_back(PairLine(key, value));
+            _lines[group.last].added += PairLine(key, value) + _lineEnd;
         }
         else if (previous->second != value)
         {
-            std::string& text = _lines[std::prev(pairs.lines.upper_bound(key))->second].text;
-            const bool hasReturn = text.ends_with('\r');
-            text.replace(LengthBeforeValue(text), std::string::npos, ValueToken(value) + (hasReturn ? "\r" : ""));
+            std::string& text = _lines[std::prev(group.pairs.upper_bound(key))->second].text;
+            const std::string valueToken = PairLine("k", value).substr(2);
+            text.replace(LengthBeforeValue(text), std::string::npos, valueToken + (text.ends_with('\r') ? "\r" : ""));
         }
     }
 }
 
-void Draft::RemoveGroup(const std::string& name)
+void Draft::AddGroup(const std::string& name, const IniFile::KeyValueMap& values)
 {
-    for (const Section& section : _sections.at(name))
+    _added += _lineEnd + '[' + NameToken(name) + ']' + _lineEnd;
+    for (const auto& [key, value] : values)
     {
-        RemoveSection(section);
+        _added += PairLine(key, value) + _lineEnd;
     }
 }
 
-void Draft::RemoveSection(Section section)
+void Draft::RemoveSection(std::size_t header)
 {
     // 1. The comment that touches the header, unless the file begins with it.
-    std::size_t first = section.first;
-    while (first > 0 && _lines[first - 1].kind == Comment && !_lines[first - 1].removed)
+    std::size_t first = header;
+    while (first > 0 && _lines[first - 1].IsComment() && !_lines[first - 1].isRemoved)
     {
         --first;
     }
-    first = first == 0 ? section.first : first;
+    first = first == 0 ? header : first;
 
     // 2. All up to the end of what belongs to the group.
-    std::size_t end = EndOfContent(section);
+    std::size_t end = EndOfContent(header);
 
     // 3. Of the blank lines around it, those above remain.
-    while (IsBlankBefore(first) && end < _lines.size() && _lines[end].kind == Blank)
+    while (IsBlankBefore(first) && end < _lines.size() && _lines[end].IsBlank())
     {
         ++end;
     }
     for (std::size_t line = first; line < end; ++line)
     {
-        _lines[line].removed = true;
+        _lines[line].isRemoved = true;
     }
 }
 
 /// One past the section's last pair or unreadable line and the comment that touches it from below.
-std::size_t Draft::EndOfContent(Section section) const
+std::size_t Draft::EndOfContent(std::size_t header) const
 {
-    std::size_t end = section.end;
-    while (end > section.first + 1 && (_lines[end - 1].kind == Blank || _lines[end - 1].kind == Comment))
+    std::size_t next = header + 1;
+    while (next < _lines.size() && !_lines[next].IsHeader())
+    {
+        ++next;
+    }
+    std::size_t end = next;
+    while (end > header + 1 && (_lines[end - 1].IsBlank() || _lines[end - 1].IsComment()))
     {
         --end;
     }
     std::size_t comment = end;
-    while (comment < section.end && _lines[comment].kind == Comment)
+    while (comment < next && _lines[comment].IsComment())
     {
         ++comment;
     }
-    const bool touchesNextHeader = comment == section.end && comment < _lines.size();
+    const bool touchesNextHeader = comment == next && next < _lines.size();
     return touchesNextHeader ? end : comment;
 }
 
 /// True also at the top of the text: a blank line there separates nothing.
 bool Draft::IsBlankBefore(std::size_t line) const
 {
-    while (line > 0 && _lines[line - 1].removed)
+    while (line > 0 && _lines[line - 1].isRemoved)
     {
         --line;
     }
-    return line == 0 || _lines[line - 1].kind == Blank;
-}
-
-void Draft::AddGroup(const IniFile& document, const std::string& name)
-{
-    IniFile group;
-    group.MergeSettings(document, name);
-    std::string_view text;
-    const std::string whole = TextOf(group);
-    _added.emplace_back();
-    for (text = whole; !text.empty(); text.remove_prefix(text.find('\n') + 1))
-    {
-        _added.emplace_back(text.substr(0, text.find('\n')));
-    }
+    return line == 0 || _lines[line - 1].IsBlank();
 }
 
 std::string Draft::Join() const
@@ -303,50 +250,16 @@ std::string Draft::Join() const
     bool endsBlank = true;
     for (const Line& line : _lines)
     {
-        if (!line.removed)
+        if (!line.isRemoved)
         {
             text += line.text + '\n';
-            endsBlank = line.kind == Blank;
+            endsBlank = line.IsBlank();
         }
-        for (const std::string& added : line.added)
-        {
-            text += added + _lineEnd;
-            endsBlank = false;
-        }
+        text += line.added;
+        endsBlank = endsBlank && line.added.empty();
     }
-    for (const std::string& added : _added)
-    {
-        text += added.empty() && endsBlank ? "" : added + _lineEnd;
-        endsBlank = false;
-    }
-    return _hasByteOrderMark ? std::string(ByteOrderMark) + text : text;
-}
-
-void RemoveAndChange(Draft& draft, const IniFile& document, const IniFile& wanted)
-{
-    for (const auto& [name, values] : document)
-    {
-        const auto kept = wanted.Find(name);
-        if (kept == wanted.end())
-        {
-            draft.RemoveGroup(name);
-        }
-        else if (!(kept->second == values))
-        {
-            draft.ChangeGroup(name, values, kept->second);
-        }
-    }
-}
-
-void Add(Draft& draft, const IniFile& document, const IniFile& wanted)
-{
-    for (const auto& [name, values] : wanted)
-    {
-        if (!document.HasGroup(name))
-        {
-            draft.AddGroup(wanted, name);
-        }
-    }
+    const std::size_t blankLine = endsBlank && !_added.empty() ? _lineEnd.size() : 0;
+    return std::string(_byteOrderMark) + text + _added.substr(blankLine);
 }
 
 }  // namespace
@@ -362,8 +275,7 @@ std::string IniTextEditor::Edit(const IniFile& wanted) const
         return _text;
     }
     Draft draft(_text);
-    RemoveAndChange(draft, _document, wanted);
-    Add(draft, _document, wanted);
+    draft.Change(_document, wanted);
     std::string text = draft.Join();
     return ReadQuietly(text) == wanted ? text : TextOf(wanted);
 }

@@ -32,15 +32,10 @@ extern "C" void OnSignal(int)
 Interruption::Interruption()
 {
     std::array<int, 2> ends;
-    if (::pipe(ends.data()) != 0)
+    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0)  // one that is full is as good as raised
     {
         throw Failure(StatusUnusable, "failed to make a pipe: " + osa::SystemReason(errno));
     }
-    for (const int end : ends)
-    {
-        ::fcntl(end, F_SETFD, FD_CLOEXEC);
-    }
-    ::fcntl(ends[1], F_SETFL, O_NONBLOCK);  // full is as good as raised
     _reader = ends[0];
     writerOfInterruption = ends[1];
 

@@ -29,12 +29,12 @@ void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
     }
     for (const auto& [group, values] : after)
     {
-        IniFile::KeyValueMap& targetValues = target[group];
+        target[group];
         for (const auto& [key, value] : values)
         {
             if (!before.HasValue(group, key) || before.GetValue(group, key) != value)
             {
-                targetValues.insert_or_assign(key, value);
+                target.SetValue(group, key, value);
             }
         }
     }
@@ -42,13 +42,13 @@ void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
 
 }  // namespace
 
-LocalFile::LocalFile(const std::string& path, Access access) : _file(path), _access(access)
+LocalFile::LocalFile(const std::string& path, Purpose purpose) : _file(path), _purpose(purpose)
 {
-    if (access == Change || access == ChangeOrCreate)
+    if (purpose == Changing || purpose == ChangingOrCreating)
     {
         _lock.emplace(path);
     }
-    if (access != ChangeOrCreate || _file.Exists())
+    if (purpose != ChangingOrCreating || _file.Exists())
     {
         _document.Load(path.c_str());
     }
@@ -65,19 +65,14 @@ void LocalFile::Apply(const IniFile& before, const IniFile& after)
     {
         ownLock.emplace(_file.GetPath());
     }
-    const std::string text = ReadText();
-    const IniTextEditor editor(text);
+    const bool isMissing = _purpose == ChangingOrCreating && !_file.Exists();
+    const IniTextEditor editor(isMissing ? std::string() : _file.Read());
     IniFile wanted = editor.GetDocument();
     CarryOver(wanted, before, after);
     if (!(wanted == editor.GetDocument()))
     {
         _file.Replace(editor.Edit(wanted));
     }
-}
-
-std::string LocalFile::ReadText() const
-{
-    return _access == ChangeOrCreate && !_file.Exists() ? std::string() : _file.Read();
 }
 
 }  // namespace korlo::settings::cli

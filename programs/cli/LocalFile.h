@@ -11,6 +11,15 @@
 namespace korlo::settings::cli
 {
 
+/// What a command is about to do with the settings.
+enum class Purpose
+{
+    Reading,             ///< A file must exist.
+    Changing,            ///< It must exist, and no other process changes it meanwhile.
+    ChangingOrCreating,  ///< As Changing; a missing file counts as an empty one.
+    Watching  ///< Changes may be made and are heard of; a file must exist and is locked for each change alone.
+};
+
 /// A settings file that is read as a document and changed as a text, so that nothing in it is lost but what a change
 /// replaces or removes: restricted groups, load priorities, comments and lines that make no sense stay. The file is
 /// replaced as a whole, its mode and owner kept, and only when something changed.
@@ -19,18 +28,12 @@ namespace korlo::settings::cli
 class LocalFile
 {
 public:
-    /// What the caller is about to do with the file.
-    enum Access
-    {
-        ReadOnly,         ///< It must exist.
-        Change,           ///< It must exist, and no other process changes it until this object is destroyed.
-        ChangeOrCreate,   ///< As Change; a missing file counts as an empty one.
-        ChangeNowAndThen  ///< It must exist; it is locked for each change alone.
-    };
+    using enum Purpose;
 
-    /// Reads the file. Lines that make no sense are warned of and otherwise skipped.
+    /// Reads the file; unless it is for Reading or Watching, it stays locked until this object is destroyed. Lines that
+    /// make no sense are warned of and otherwise skipped.
     /// @throws Failure; osa::Exception naming the path and the system's reason.
-    LocalFile(const std::string& path, Access access);
+    LocalFile(const std::string& path, Purpose purpose);
 
     /// What the file held at construction.
     const core::IniFile& GetDocument() const { return _document; }
@@ -41,10 +44,8 @@ public:
     void Apply(const core::IniFile& before, const core::IniFile& after);
 
 private:
-    std::string ReadText() const;
-
     osa::CrashSafeFile _file;
-    const Access _access;
+    const Purpose _purpose;
     std::optional<FolderLock> _lock;
     core::IniFile _document;
 };

@@ -1,11 +1,28 @@
 #include "Operands.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "StandardStreams.h"
 #include "korlo/osa/Exception.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::cli
 {
+namespace
+{
+
+std::string QuotedList(const std::vector<std::string>& names)
+{
+    std::string list;
+    for (const std::string& name : names)
+    {
+        list += (list.empty() ? "" : ", ") + Quoted(name);
+    }
+    return list;
+}
+
+}  // namespace
 
 SettingLocator ParseLocator(const std::string& text)
 {
@@ -48,32 +65,19 @@ GroupNameCollection NamesOf(const std::vector<std::string>& operands)
 
 void FailForNoMatch(const std::vector<std::string>& operands)
 {
-    std::string names;
-    for (const std::string& operand : operands)
-    {
-        names += (names.empty() ? "" : ", ") + Quoted(operand);
-    }
-    throw Failure(StatusNo, "no group matches " + names);
+    throw Failure(StatusNo, "no group matches " + QuotedList(operands));
 }
 
 ExitStatus ReportRestricted(const GroupNameCollection& groups)
 {
-    std::string names;
-    std::size_t count = 0;
-    for (const std::string& name : groups)
-    {
-        if (server::GroupDiscriminator::IsRestrictedGroup(name))
-        {
-            names += (names.empty() ? "" : ", ") + Quoted(name);
-            ++count;
-        }
-    }
-    if (count == 0)
+    std::vector<std::string> restricted;
+    std::ranges::copy_if(groups, std::back_inserter(restricted), server::GroupDiscriminator::IsRestrictedGroup);
+    if (restricted.empty())
     {
         return StatusDone;
     }
-    WriteMessage("restricted groups cannot be changed: " + names);
-    return count == groups.size() ? StatusNo : StatusDone;
+    WriteMessage("restricted groups cannot be changed: " + QuotedList(restricted));
+    return restricted.size() == groups.size() ? StatusNo : StatusDone;
 }
 
 }  // namespace korlo::settings::cli

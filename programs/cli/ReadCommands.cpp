@@ -32,8 +32,7 @@ ExitStatus PrintValue(const Invocation& invocation)
 {
     const std::string& operand = invocation.operands.front();
     const SettingLocator locator = ParseLocator(operand);
-    Session session(invocation.target, Session::Reading);
-    const IniFile settings = session.Read({locator.group});
+    const IniFile settings = Session(invocation.target, Session::Reading).Read({locator.group});
     if (!settings.HasValue(locator.group, locator.key))
     {
         throw Failure(StatusNo, "there is no setting " + Quoted(operand));
@@ -43,21 +42,13 @@ ExitStatus PrintValue(const Invocation& invocation)
     return StatusDone;
 }
 
-/// What `get` is asked for: whole groups, and single keys of others.
-struct Selection
+/// Reads whole groups, and single keys of others.
+IniFile ReadSelected(const Invocation& invocation)
 {
-    explicit Selection(const std::vector<std::string>& operands);
-
-    IniFile From(const IniFile& settings) const;
-
-    GroupNameCollection groups;  // of both
-    GroupNameCollection whole;
+    common::GroupNameMatcher whole;
     std::vector<SettingLocator> single;
-};
-
-Selection::Selection(const std::vector<std::string>& operands)
-{
-    for (const std::string& operand : operands)
+    GroupNameCollection groups;
+    for (const std::string& operand : invocation.operands)
     {
         if (IsLocator(operand))
         {
@@ -66,17 +57,12 @@ Selection::Selection(const std::vector<std::string>& operands)
         else
         {
             groups.insert(operand);
-            whole.insert(operand);
+            whole.AddNameOrPattern(operand);
         }
     }
-}
-
-IniFile Selection::From(const IniFile& settings) const
-{
-    common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(whole);
+    const IniFile settings = Session(invocation.target, Session::Reading).Read(groups);
     IniFile selected;
-    matcher.MergeMatchingGroups(settings, selected);
+    whole.MergeMatchingGroups(settings, selected);
     for (const SettingLocator& locator : single)
     {
         if (settings.HasValue(locator.group, locator.key))
@@ -87,16 +73,22 @@ IniFile Selection::From(const IniFile& settings) const
     return selected;
 }
 
-using BadLines = std::vector<std::pair<std::string, core::IniFile::BadLine>>;
+/// What `check` prints, in both forms.
+struct BadLines
+{
+    std::string text;
+    nlohmann::json values = nlohmann::json::array();
+};
 
 /// False when the file cannot be read.
 bool Check(const std::string& file, BadLines& found)
 {
     try
     {
-        for (const core::IniFile::BadLine& line : core::IniFile::FindBadLines(file.c_str()))
+        for (const IniFile::BadLine& line : IniFile::FindBadLines(file.c_str()))
         {
-            found.emplace_back(file, line);
+            found.text += file + ':' + std::to_string(line.number) + ": " + line.reason + '\n';
+            found.values.push_back({{"file", file}, {"line", line.number}, {"message", line.reason}});
         }
         return true;
     }
@@ -107,16 +99,6 @@ bool Check(const std::string& file, BadLines& found)
     }
 }
 
-std::string TextOf(const BadLines& badLines)
-{
-    std::string text;
-    for (const auto& [file, line] : badLines)
-    {
-        text += file + ':' + std::to_string(line.number) + ": " + line.reason + '\n';
-    }
-    return text;
-}
-
 }  // namespace
 
 ExitStatus RunGet(const Invocation& invocation)
@@ -125,9 +107,7 @@ ExitStatus RunGet(const Invocation& invocation)
     {
         return PrintValue(invocation);
     }
-    const Selection selection(invocation.operands);
-    Session session(invocation.target, Session::Reading);
-    const IniFile settings = selection.From(session.Read(selection.groups));
+    const IniFile settings = ReadSelected(invocation);
     if (settings.empty())
     {
         FailForNoMatch(invocation.operands);
@@ -139,8 +119,8 @@ ExitStatus RunGet(const Invocation& invocation)
 ExitStatus RunList(const Invocation& invocation)
 {
     const std::string pattern = invocation.operands.empty() ? "*" : invocation.operands.front();
-    Session session(invocation.target, Session::Reading);
-    const GroupNameCollection names = common::GroupNamesOf(session.Read({pattern}));
+    const IniFile settings = Session(invocation.target, Session::Reading).Read({pattern});
+    const GroupNameCollection names = common::GroupNamesOf(settings);
     if (names.empty() && !invocation.operands.empty())
     {
         FailForNoMatch(invocation.operands);
@@ -151,16 +131,14 @@ ExitStatus RunList(const Invocation& invocation)
 
 ExitStatus RunDump(const Invocation& invocation)
 {
-    Session session(invocation.target, Session::Reading);
-    const std::string text = session.Dump(invocation.all);
+    const std::string text = Session(invocation.target, Session::Reading).Dump(invocation.all);
     WriteOutput(invocation.asJson ? JsonOf(ReadQuietly(text)) : text);
     return StatusDone;
 }
 
 ExitStatus RunSubscribed(const Invocation& invocation)
 {
-    Session session(invocation.target, Session::Reading);
-    const GroupNameCollection groups = session.GetSubscribedGroups();
+    const GroupNameCollection groups = Session(invocation.target, Session::Reading).GetSubscribedGroups();
     WriteOutput(invocation.asJson ? JsonOf(groups) : LinesOf(groups));
     return StatusDone;
 }
@@ -173,12 +151,12 @@ ExitStatus RunCheck(const Invocation& invocation)
     {
         allRead = Check(file, badLines) && allRead;
     }
-    WriteOutput(invocation.asJson ? JsonOf(badLines) : TextOf(badLines));
+    WriteOutput(invocation.asJson ? JsonOf(badLines.values) : badLines.text);
     if (!allRead)
     {
         return StatusUnusable;
     }
-    return badLines.empty() ? StatusDone : StatusNo;
+    return badLines.values.empty() ? StatusDone : StatusNo;
 }
 
 }  // namespace korlo::settings::cli

@@ -1,6 +1,5 @@
 #include <charconv>
 #include <cmath>
-#include <optional>
 #include <string_view>
 
 #include "Commands.h"
@@ -29,22 +28,6 @@ GroupNameCollection GroupsOfResource(const std::string& resource)
     return {GroupOf(resource) + '*'};
 }
 
-/// A share of the total, 0.25 for "25%", or nothing for another text.
-std::optional<double> ParseShare(std::string_view text)
-{
-    if (!text.ends_with('%'))
-    {
-        return std::nullopt;
-    }
-    text.remove_suffix(1);
-    double percent = 0;
-    const char* pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, percent);
-    constexpr double whole = 100;
-    return error == std::errc() && pRest == pEnd && std::isfinite(percent) ? std::optional(percent / whole)
-                                                                           : std::nullopt;
-}
-
 ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std::string& amount)
 {
     int units = 0;
@@ -52,9 +35,13 @@ ResourceManager::ResourceUsage ParseUsage(const std::string& resource, const std
     {
         return {resource, false, units, 0.0};
     }
-    if (const std::optional<double> share = ParseShare(amount))
+    constexpr double whole = 100;
+    double percent = 0;
+    const char* const pEnd = amount.data() + amount.size();
+    const auto [pRest, error] = std::from_chars(amount.data(), pEnd, percent);
+    if (error == std::errc() && std::string_view(pRest, pEnd) == "%" && std::isfinite(percent))
     {
-        return {resource, true, 0, *share};
+        return {resource, true, 0, percent / whole};
     }
     throw Failure(StatusWrongCommandLine, Quoted(amount) + " is no amount of a resource",
                   "an amount is a whole number of units, such as 20, or a share of the total, such as 25%");
@@ -72,10 +59,17 @@ std::string Refusal(const ResourceManager& manager, const std::string& consumer,
            std::to_string(manager.GetTotal(resource)) + " units are available to it";
 }
 
-std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const IniFile& settings)
+/// What `resource show` prints of the consumers, in both forms.
+struct Consumers
+{
+    std::string lines;
+    nlohmann::json values = nlohmann::json::array();
+};
+
+Consumers ConsumersOf(const std::string& resource, const IniFile& settings)
 {
     const std::string prefix = GroupOf(resource) + "/Consumers/";
-    std::vector<ResourceConsumer> consumers;
+    Consumers consumers;
     for (const auto& [group, values] : settings)
     {
         const std::string name = group.starts_with(prefix) ? group.substr(prefix.size()) : std::string();
@@ -83,25 +77,15 @@ std::vector<ResourceConsumer> ConsumersOf(const std::string& resource, const Ini
         {
             continue;
         }
-        std::optional<int> max;
-        if (int cap = 0; core::StringUtil::TryParse(settings.GetValueOrDefault(group, "MaxAllowed"), cap))
-        {
-            max = cap;
-        }
-        consumers.push_back({name, settings.GetIntOrDefault(group, "CurrentlyUsed", 0), max});
+        const int used = settings.GetIntOrDefault(group, "CurrentlyUsed", 0);
+        int max = 0;
+        const bool isLimited = core::StringUtil::TryParse(settings.GetValueOrDefault(group, "MaxAllowed"), max);
+        consumers.lines +=
+            name + ": " + std::to_string(used) + " used" + (isLimited ? ", at most " + std::to_string(max) : "") + '\n';
+        consumers.values.push_back(
+            {{"name", name}, {"used", used}, {"max", isLimited ? nlohmann::json(max) : nlohmann::json()}});
     }
     return consumers;
-}
-
-std::string LinesOf(int total, const std::vector<ResourceConsumer>& consumers)
-{
-    std::string lines = "total: " + std::to_string(total) + '\n';
-    for (const ResourceConsumer& consumer : consumers)
-    {
-        lines += consumer.name + ": " + std::to_string(consumer.used) + " used" +
-                 (consumer.max ? ", at most " + std::to_string(*consumer.max) : "") + '\n';
-    }
-    return lines;
 }
 
 }  // namespace
@@ -110,16 +94,15 @@ ExitStatus RunResourceShow(const Invocation& invocation)
 {
     constexpr int defaultTotal = 100;
     const std::string& resource = invocation.operands[0];
-    Session session(invocation.target, Session::Reading);
-    const IniFile settings = session.Read(GroupsOfResource(resource));
-
+    const IniFile settings = Session(invocation.target, Session::Reading).Read(GroupsOfResource(resource));
     const int total = settings.GetIntOrDefault(GroupOf(resource), "TotalAvailable", defaultTotal);
-    const std::vector<ResourceConsumer> consumers = ConsumersOf(resource, settings);
-    if (consumers.empty() && !settings.HasGroup(GroupOf(resource)))
+    const Consumers consumers = ConsumersOf(resource, settings);
+    if (consumers.values.empty() && !settings.HasGroup(GroupOf(resource)))
     {
         WriteMessage("note: the settings hold nothing of resource " + Quoted(resource) + ": its total is the default");
     }
-    WriteOutput(invocation.asJson ? JsonOf(resource, total, consumers) : LinesOf(total, consumers));
+    WriteOutput(invocation.asJson ? JsonOf({{"resource", resource}, {"total", total}, {"consumers", consumers.values}})
+                                  : "total: " + std::to_string(total) + '\n' + consumers.lines);
     return StatusDone;
 }
 
@@ -140,22 +123,23 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
     };
     Session session(invocation.target, Session::Changing);
     const GroupNameCollection groups = GroupsOfResource(resource);
-    if (session.CanSend(groups))
+    const std::string ownGroup = GroupOf(resource) + "/Consumers/" + consumer;
+    bool isDone = session.CanSend(groups);
+    if (isDone)
     {
         session.Change(groups, reserve);
-        return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
     }
     // The manager cannot read a name that no list carries, but this tool can: the manager works on a copy, and what it
     // was computed from is tested here.
-    for (bool merged = false; !merged;)
+    while (!isDone)
     {
         const IniFile settings = session.Read(groups);
         KorloSettingsClient copy(KorloSettingsClient::Local, settings);
         IniFile changes;
-        changes.SetInt(GroupOf(resource) + "/Consumers/" + consumer, "CurrentlyUsed", reserve(copy));
-        session.Change(groups, [&](KorloSettingsClient& client) { merged = client.TestAndMerge(settings, changes); });
+        changes.SetInt(ownGroup, "CurrentlyUsed", reserve(copy));
+        session.Change(groups, [&](KorloSettingsClient& client) { isDone = client.TestAndMerge(settings, changes); });
     }
-    return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
+    return ReportRestricted({ownGroup});
 }
 
 }  // namespace korlo::settings::cli

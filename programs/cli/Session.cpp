@@ -4,12 +4,15 @@
 #include <cstdlib>
 
 #include "IniText.h"
-#include "ServerConnection.h"
+#include "ServerRequests.h"
 #include "StandardStreams.h"
+#include "client/ServerLookup.h"
+#include "common/Protocol.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/ServiceDirectory.h"
 #include "settings/RefusedException.h"
 #include "settings/ServerAddress.h"
+#include "settings/common/GroupNameMatcher.h"
 
 namespace korlo::settings::cli
 {
@@ -18,34 +21,26 @@ namespace
 
 constexpr const char* LocalFileVariable = "KORLO_SETTINGS_LOCALFILE";
 
-LocalFile::Access AccessFor(Session::Purpose purpose)
-{
-    switch (purpose)
-    {
-    case Session::Changing:
-        return LocalFile::Change;
-    case Session::ChangingOrCreating:
-        return LocalFile::ChangeOrCreate;
-    case Session::Watching:
-        return LocalFile::ChangeNowAndThen;
-    default:
-        return LocalFile::ReadOnly;
-    }
-}
-
 /// For the connections that are not told an address: those of watching clients, and the tool's own.
 void RegisterServer(const std::string& text)
 {
     try
     {
         const ServerAddress address = ServerAddress::Parse(text);
-        osa::ServiceDirectory::Register(ServerConnection::ServerHost, address.host, address.port);
+        osa::ServiceDirectory::Register(client::ServerHost, address.host, address.port);
     }
     catch (const osa::Exception& error)
     {
         throw Failure(StatusWrongCommandLine, std::string("--server: ") + error.what(),
                       "for example --server 127.0.0.1:4711 or --server unix:/run/korlo-settings/socket");
     }
+}
+
+/// A pattern that a list can carry and that selects the group too, and perhaps more; the name itself if it fits.
+std::string LooseName(std::string name)
+{
+    std::ranges::replace(name, '\n', '*');
+    return common::FitsGroupList(name) ? name : name + '*';
 }
 
 }  // namespace
@@ -96,7 +91,7 @@ KorloSettingsClient Session::Open()
 {
     if (_target.localFile)
     {
-        _pLocalFile = std::make_unique<LocalFile>(*_target.localFile, AccessFor(_purpose));
+        _pLocalFile = std::make_unique<LocalFile>(*_target.localFile, _purpose);
         return KorloSettingsClient(KorloSettingsClient::Local, _pLocalFile->GetDocument());
     }
     if (IsInProcess() && (_purpose == Changing || _purpose == ChangingOrCreating))
@@ -117,14 +112,19 @@ KorloSettingsClient Session::Open()
 
 core::IniFile Session::Read(const GroupNameCollection& groups)
 {
-    if (!CanSend(groups))
+    GroupNameCollection asked;
+    for (const std::string& group : groups)
     {
-        return Guarded([&] { return ServerConnection().GetSettings(groups); });
+        asked.insert(IsInProcess() ? group : LooseName(group));
     }
-    core::IniFile settings;
+    core::IniFile found;
     const KorloSettingsClient& client = Client();
-    Guarded([&] { client.GetSettings(groups, settings); });
-    return settings;
+    Guarded([&] { client.GetSettings(asked, found); });
+    common::GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    core::IniFile selected;
+    matcher.MergeMatchingGroups(found, selected);
+    return selected;
 }
 
 void Session::Change(const GroupNameCollection& groups, const Operation& operation)
@@ -164,12 +164,12 @@ std::string Session::Dump(bool all)
     {
         return all ? TextOf(Read({"*"})) : std::string();
     }
-    return Guarded([&] { return ServerConnection().Dump(all); });
+    return Guarded([&] { return DumpServer(all); });
 }
 
 GroupNameCollection Session::GetSubscribedGroups() const
 {
-    return IsInProcess() ? GroupNameCollection() : Guarded([&] { return ServerConnection().GetSubscribedGroups(); });
+    return IsInProcess() ? GroupNameCollection() : Guarded([&] { return GetSubscribedGroupsOfServer(); });
 }
 
 bool Session::IsInProcess() const
@@ -179,7 +179,7 @@ bool Session::IsInProcess() const
 
 bool Session::CanSend(const GroupNameCollection& groups) const
 {
-    return IsInProcess() || ServerConnection::CanCarry(groups);
+    return IsInProcess() || std::ranges::all_of(groups, common::FitsGroupList);
 }
 
 void Session::CheckNames(const GroupNameCollection& groups) const
@@ -191,7 +191,7 @@ void Session::CheckNames(const GroupNameCollection& groups) const
             throw Failure(StatusWrongCommandLine,
                           "a name that holds a line break, or is a single full stop, cannot be sent to a server: " +
                               Quoted(group),
-                          "a pattern that matches it can: " + Quoted(ServerConnection::LooseName(group)));
+                          "a pattern that matches it can: " + Quoted(LooseName(group)));
         }
     }
 }

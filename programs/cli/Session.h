@@ -35,15 +35,7 @@ struct Target
 class Session
 {
 public:
-    /// How a command uses the settings.
-    enum Purpose
-    {
-        Reading,
-        Changing,            ///< A local file must exist.
-        ChangingOrCreating,  ///< A local file that is missing counts as an empty one.
-        Watching             ///< Changes may be made and are heard of, see Subscribe.
-    };
-
+    using enum Purpose;
     using Operation = std::function<void(KorloSettingsClient&)>;
 
     /// @param target a server's address that makes no sense throws Failure with StatusWrongCommandLine.

@@ -13,11 +13,6 @@ namespace korlo::settings::cli
 namespace
 {
 
-std::string TextOfError(int error)
-{
-    return osa::SystemReason(error);
-}
-
 /// Returns 0 or the error number.
 int WriteAll(int descriptor, std::string_view text)
 {
@@ -59,7 +54,7 @@ void WriteOutput(std::string_view text)
     }
     if (error != 0)
     {
-        throw Failure(StatusUnusable, "failed to write to standard output: " + TextOfError(error));
+        throw Failure(StatusUnusable, "failed to write to standard output: " + osa::SystemReason(error));
     }
 }
 
@@ -70,14 +65,8 @@ void WriteMessage(std::string_view message)
     for (const char c : message)
     {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7F)
-        {
-            line += c;
-            continue;
-        }
-        line += "\\x";
-        line += digits[byte / 16];
-        line += digits[byte % 16];
+        const bool isControl = byte < 0x20 || byte == 0x7F;
+        line += isControl ? std::string("\\x") + digits[byte / 16] + digits[byte % 16] : std::string(1, c);
     }
     line += '\n';
     WriteAll(STDERR_FILENO, line);
@@ -103,7 +92,7 @@ std::string ReadPieceOfInput()
     } while (length < 0 && errno == EINTR);
     if (length < 0)
     {
-        throw Failure(StatusUnusable, "failed to read standard input: " + TextOfError(errno));
+        throw Failure(StatusUnusable, "failed to read standard input: " + osa::SystemReason(errno));
     }
     piece.resize(static_cast<std::size_t>(length));
     return piece;

@@ -38,27 +38,21 @@ private:
     std::string _last;
 };
 
-ExitStatus Run(const std::vector<std::string>& arguments)
-{
-    Logger::ClearAppenders();
-    Logger::AddAppender(std::make_shared<MessageAppender>());
-    const auto parsed = ParseCommandLine(arguments);
-    if (const auto* pInformation = std::get_if<Information>(&parsed))
-    {
-        WriteOutput(pInformation->text);
-        return StatusDone;
-    }
-    const auto& run = std::get<CommandRun>(parsed);
-    return run.pCommand->pRun(run.invocation);
-}
-
 /// Runs what the arguments (without the name of the program) ask for. Results go to standard output; whatever goes
 /// wrong becomes a message on standard error and a status.
 ExitStatus RunTool(const std::vector<std::string>& arguments)
 {
     try
     {
-        return Run(arguments);
+        Logger::ClearAppenders();
+        Logger::AddAppender(std::make_shared<MessageAppender>());
+        const auto parsed = ParseCommandLine(arguments);
+        if (const auto* pRun = std::get_if<CommandRun>(&parsed))
+        {
+            return pRun->pCommand->pRun(pRun->invocation);
+        }
+        WriteOutput(std::get<Information>(parsed).text);
+        return StatusDone;
     }
     catch (const OutputClosed&)
     {

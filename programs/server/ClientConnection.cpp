@@ -110,7 +110,11 @@ public:
         : _connection(connection),
           _queue(*connection._pQueue),
           _round(connection._gathered),
-          _input(*connection._pSocket, _queue, connection._limits.maxMessage, [this] { return BeforeWait(); }),
+          _input(*connection._pSocket, _queue, connection._limits.maxMessage,
+                 [this] {
+                     _round.Send();
+                     return !_connection._isStopping;
+                 }),
           _output(_queue),
           _in(&_input),
           _out(&_output),
@@ -188,12 +192,6 @@ private:
         }
     }
 
-    bool BeforeWait()
-    {
-        _round.Send();
-        return !_connection._isStopping;
-    }
-
     /// False when the client does not take what its socket has refused.
     bool SendRest()
     {
@@ -242,11 +240,6 @@ ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, cons
 {
 }
 
-void ClientConnection::Start()
-{
-    _thread.Run();
-}
-
 void ClientConnection::Stop()
 {
     _isStopping = true;
@@ -284,11 +277,6 @@ void ClientConnection::Serve()
     {
         failure = exception.what();
     }
-    LogEnd(failure);
-}
-
-void ClientConnection::LogEnd(const std::string& failure) const
-{
     // Where the connection was broken, what failed then is only what came of it.
     if (const std::string reason = _pQueue->GetReason(); !reason.empty())
     {

@@ -51,7 +51,7 @@ public:
     ~ClientConnection() override = default;
 
     /// @throws osa::Exception when the system has no thread left; the connection is then of no use.
-    void Start();
+    void Start() { _thread.Run(); }
 
     /// Lets the connection end, and waits for nothing: the request in hand is finished and answered, and no other one
     /// is begun. A client that does not take its answers has two seconds for them.
@@ -63,7 +63,6 @@ private:
     class Session;
 
     void Serve();
-    void LogEnd(const std::string& failure) const;
 
     settings::server::ServerEnv _env;
     const ServerLimits _limits;

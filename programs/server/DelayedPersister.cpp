@@ -49,7 +49,7 @@ void DelayedPersister::Finish()
     _thread.Join();
     if (std::exchange(_isDirty, false))
     {
-        Save();
+        _target.Save(_takeText());
     }
 }
 
@@ -81,62 +81,37 @@ void DelayedPersister::SaveUserSettings(const core::IniFile&)
 
 void DelayedPersister::Run()
 {
-    while (WaitForChange())
-    {
-        WaitUnlessStopped(_delayMs);
-        if (!TryToSave())
-        {
-            WaitUnlessStopped(RetryMs);
-        }
-    }
-}
-
-/// False when it is time to end.
-bool DelayedPersister::WaitForChange()
-{
     std::unique_lock lock(_mutex);
-    _changed.wait(lock, [this] { return _isDirty || _isStopped; });
-    return !_isStopped;
-}
-
-void DelayedPersister::WaitUnlessStopped(unsigned int durationMs)
-{
-    std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, std::chrono::milliseconds(durationMs), [this] { return _isStopped; });
-}
-
-bool DelayedPersister::TryToSave()
-{
+    unsigned int pauseMs = _delayMs;
+    for (;;)
     {
-        const std::lock_guard lock(_mutex);
+        _changed.wait(lock, [this] { return _isDirty || _isStopped; });
+        _changed.wait_for(lock, std::chrono::milliseconds(pauseMs), [this] { return _isStopped; });
         if (_isStopped)
         {
-            return true;  // Finish does it, and tells its caller how it went
+            return;  // Finish saves, and tells its caller how it went
         }
         _isDirty = false;  // before the text is taken: what changes from now on is saved once more
+        lock.unlock();
+        const bool isSaved = TryToSave();
+        lock.lock();
+        _isDirty = _isDirty || !isSaved;
+        pauseMs = isSaved ? _delayMs : RetryMs + _delayMs;
     }
+}
+
+bool DelayedPersister::TryToSave() const
+{
     try
     {
-        Save();
+        _target.Save(_takeText());
         return true;
     }
     catch (const std::exception& exception)
     {
-        NoteUnsaved();
         _pLogger->Error("User settings are not saved yet: %s", exception.what());
         return false;
     }
-}
-
-void DelayedPersister::NoteUnsaved()
-{
-    const std::lock_guard lock(_mutex);
-    _isDirty = true;
-}
-
-void DelayedPersister::Save()
-{
-    _target.Save(_takeText());
 }
 
 }  // namespace korlo::daemon

@@ -58,11 +58,7 @@ private:
     void Run() override;
     void Stop() override;
 
-    bool WaitForChange();
-    void WaitUnlessStopped(unsigned int durationMs);
-    bool TryToSave();
-    void NoteUnsaved();
-    void Save();
+    bool TryToSave() const;
 
     FileSettingsPersister& _target;
     const unsigned int _delayMs;

@@ -1,5 +1,6 @@
 #include "FileSettingsPersister.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -26,18 +27,14 @@ bool IsWithoutContent(const std::string& text)
 /// "NAME.PID-NUMBER~": a new file that did not get as far as taking the place of the old one.
 bool IsLeftover(const std::string& candidate, const std::string& name)
 {
-    std::string_view rest = candidate;
-    if (!rest.starts_with(name + '.') || !rest.ends_with('~'))
-    {
-        return false;
-    }
-    rest.remove_prefix(name.size() + 1);
-    rest.remove_suffix(1);
-    const std::size_t hyphen = rest.find('-');
-    const auto isNumber = [](std::string_view text) {
-        return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+    const auto endOfNumber = [&candidate](std::size_t begin) {
+        return std::min(candidate.find_first_not_of("0123456789", begin), candidate.size());
     };
-    return hyphen != std::string_view::npos && isNumber(rest.substr(0, hyphen)) && isNumber(rest.substr(hyphen + 1));
+    const std::size_t process = name.size() + 1;
+    const std::size_t hyphen = endOfNumber(process);
+    const std::size_t tilde = endOfNumber(hyphen + 1);
+    return candidate.starts_with(name + '.') && hyphen > process && candidate.substr(hyphen, 1) == "-" &&
+           tilde > hyphen + 1 && candidate.substr(tilde) == "~";
 }
 
 }  // namespace
@@ -147,23 +144,23 @@ std::string FileSettingsPersister::LoadPrevious(const std::string& damage, bool 
     {
         // There is none, or none that can be read: the same as one without content.
     }
-    if (IsWithoutContent(previous) && isUnreadable)
+    if (!IsWithoutContent(previous))
+    {
+        _pLogger->Warning("User settings are taken from '%s~', the generation before: %s", _file.GetPath().c_str(),
+                          damage.c_str());
+        osa::CrashSafeFile(_file.GetPath(), osa::CrashSafeFile::KeepNone, 0640, _fileSystem).Replace(previous);
+        return _file.Read();
+    }
+    if (isUnreadable)
     {
         throw osa::Exception("User settings cannot be loaded: %s", damage.c_str());
     }
-    if (IsWithoutContent(previous) && damage != "it is empty")
+    if (damage != "it is empty")
     {
         _pLogger->Error("The user settings of '%s' are lost: %s, and there is no generation before",
                         _file.GetPath().c_str(), damage.c_str());
     }
-    if (IsWithoutContent(previous))
-    {
-        return std::string();
-    }
-    _pLogger->Warning("User settings are taken from '%s~', the generation before: %s", _file.GetPath().c_str(),
-                      damage.c_str());
-    osa::CrashSafeFile(_file.GetPath(), osa::CrashSafeFile::KeepNone, 0640, _fileSystem).Replace(previous);
-    return _file.Read();
+    return std::string();
 }
 
 void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)

@@ -7,14 +7,6 @@ namespace
 
 constexpr std::chrono::milliseconds LongestRound{5};
 
-void SendAll(const std::vector<std::shared_ptr<OutgoingQueue>>& queues)
-{
-    for (const std::shared_ptr<OutgoingQueue>& pQueue : queues)
-    {
-        pQueue->SendGathered();
-    }
-}
-
 }  // namespace
 
 bool GatheredQueues::Collect(OutgoingQueue& queue)
@@ -35,7 +27,10 @@ void GatheredQueues::Send()
         const PlainLock lock(_mutex);
         queues.swap(_queues);
     }
-    SendAll(queues);
+    for (const std::shared_ptr<OutgoingQueue>& pQueue : queues)
+    {
+        pQueue->SendGathered();
+    }
 }
 
 void GatheredQueues::BeginSlowRequest()

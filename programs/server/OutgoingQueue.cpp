@@ -36,14 +36,9 @@ bool OutgoingQueue::Send(const char* bytes, std::size_t size)
     return _state != Broken;
 }
 
-OutgoingQueue::Kind OutgoingQueue::KindOf(std::size_t size) const
-{
-    return IsOwnThread() ? Own : size > _maxBacklog ? LargeNotification : Notification;
-}
-
 void OutgoingQueue::Take(const char* bytes, std::size_t size)
 {
-    const Kind kind = KindOf(size);
+    const Kind kind = IsOwnThread() ? Own : size > _maxBacklog ? LargeNotification : Notification;
     if (_state == Refused)
     {
         LimitBacklog(kind, size);
@@ -143,20 +138,14 @@ void OutgoingQueue::Settle()
     _state = _refusedBytes == 0 ? Empty : Refused;
     if (_state == Refused && before != Refused && !IsOwnThread())
     {
-        WakeOwnThread();
-    }
-}
-
-/// It does not wait for room yet.
-void OutgoingQueue::WakeOwnThread()
-{
-    try
-    {
-        _socket.Wake();
-    }
-    catch (const std::exception& exception)
-    {
-        BreakLocked(exception.what());  // no descriptor is left
+        try
+        {
+            _socket.Wake();  // its thread does not wait for room yet
+        }
+        catch (const std::exception& exception)
+        {
+            BreakLocked(exception.what());  // no descriptor is left
+        }
     }
 }
 

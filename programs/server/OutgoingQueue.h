@@ -110,7 +110,6 @@ private:
     };
 
     bool IsOwnThread() const { return std::this_thread::get_id() == _ownThread; }
-    Kind KindOf(std::size_t size) const;
     bool Fits(Kind kind, std::size_t size) const KORLO_REQUIRES(_mutex);
     void Take(const char* bytes, std::size_t size) KORLO_REQUIRES(_mutex);
     void LimitBacklog(Kind kind, std::size_t size) KORLO_REQUIRES(_mutex);
@@ -120,7 +119,6 @@ private:
     void Settle() KORLO_REQUIRES(_mutex);
     void Keep(const char* bytes, std::size_t size, Kind kind) KORLO_REQUIRES(_mutex);
     void Drop(std::size_t size) KORLO_REQUIRES(_mutex);
-    void WakeOwnThread() KORLO_REQUIRES(_mutex);
     void BreakLocked(const std::string& reason) KORLO_REQUIRES(_mutex);
 
     osa::TcpSocket& _socket;

@@ -86,6 +86,12 @@ void AddNumber(CLI::App& app, const std::string& name, const std::string& unit, 
         ->default_str(std::to_string(target));
 }
 
+/// An option that may be repeated.
+void AddFiles(CLI::App& app, const std::string& name, const std::string& description, std::vector<std::string>& target)
+{
+    app.add_option(name, target, description)->type_name("FILE-OR-FOLDER")->allow_extra_args(false);
+}
+
 void AddOptions(CLI::App& app, ServerOptions& options)
 {
     constexpr unsigned long long mostBytes = 0x7FFFFFFF;  // what 32 bits can address comes to an end there
@@ -115,27 +121,16 @@ void AddOptions(CLI::App& app, ServerOptions& options)
                    "The path of the control door, a Unix-domain socket for the device's operator")
         ->type_name("PATH")
         ->take_last();
-    app.add_option("--defaults", options.defaults, "Default settings; may be repeated, and later ones win")
-        ->type_name("FILE-OR-FOLDER")
-        ->allow_extra_args(false);
-    app.add_option_function<std::string>(
-           "--user",
-           [&options](const std::string& path) {
-               options.userPath = path;
-               options.userPathIsGiven = true;
-           },
-           "The file that keeps what clients persist")
+    AddFiles(app, "--defaults", "Default settings; may be repeated, and later ones win", options.defaults);
+    app.add_option("--user", options.userPath, "The file that keeps what clients persist")
         ->type_name("FILE")
         ->take_last()
         ->default_str(options.userPath);
-    app.add_option("--restricted", options.restricted,
-                   "Restricted settings, which no client can change; may be repeated")
-        ->type_name("FILE-OR-FOLDER")
-        ->allow_extra_args(false);
-    app.add_option("--access", options.access,
-                   "Rules that say who may read and change what; may be repeated. Without it everybody may everything")
-        ->type_name("FILE-OR-FOLDER")
-        ->allow_extra_args(false);
+    AddFiles(app, "--restricted", "Restricted settings, which no client can change; may be repeated",
+             options.restricted);
+    AddFiles(app, "--access",
+             "Rules that say who may read and change what; may be repeated. Without it everybody may everything",
+             options.access);
     app.add_flag("--check", options.checksOnly, "Read every file, tell what is wrong with them, and end with 0 or 1");
     AddNumber(app, "--save-delay", "MS", "Milliseconds for which changes are gathered before they are saved",
               options.saveDelayMs, 0, 24ull * 60 * 60 * 1000);
@@ -195,6 +190,7 @@ ServerOptions ParseOptions(int argc, const char* const* argv)
     {
         Refuse(error.what());
     }
+    options.userPathIsGiven = app.count("--user") > 0;
     options.limits.savesAtOnce = options.saveDelayMs == 0;
     return options;
 }

@@ -18,6 +18,7 @@
 #include "ProcessSetup.h"
 #include "RestrictedFilesLoader.h"
 #include "ServiceNotifier.h"
+#include "SettingsFiles.h"
 #include "SettingsServer.h"
 #include "access/AccessControl.h"
 #include "access/AccessRulesReader.h"
@@ -144,7 +145,6 @@ struct Doors
 /// Serves clients until a signal arrives; returns when the last one is gone.
 bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsManager& store)
 {
-    const ServiceNotifier notifier;
     const SystemUserDatabase users;
     settings::server::SerializationManager serializers;
     AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
@@ -166,9 +166,9 @@ bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsMa
     SettingsServer server(std::move(doors.settings), {&store, &serializers}, access, options.limits);
     server.Start();
     Write(STDOUT_FILENO, announcement);
-    notifier.Notify("READY=1");
+    NotifyServiceManager("READY=1");
     WaitForEnd();
-    notifier.Notify("STOPPING=1");
+    NotifyServiceManager("STOPPING=1");
     server.Stop();
     return server.IsHealthy();
 }

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
+#include <string_view>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,29 +13,23 @@
 namespace korlo::daemon
 {
 
-ServiceNotifier::ServiceNotifier()
+void NotifyServiceManager(const std::string& state)
 {
-    if (const char* path = std::getenv("NOTIFY_SOCKET"))
-    {
-        _socketPath = path;
-    }
-}
-
-void ServiceNotifier::Notify(const std::string& state) const
-{
+    const char* const variable = std::getenv("NOTIFY_SOCKET");
+    const std::string_view path = variable != nullptr ? variable : "";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (_socketPath.empty() || _socketPath.size() >= sizeof(address.sun_path))
+    if (path.empty() || path.size() >= sizeof(address.sun_path))
     {
         return;
     }
-    std::memcpy(address.sun_path, _socketPath.data(), _socketPath.size());
+    path.copy(address.sun_path, path.size());
     if (address.sun_path[0] == '@')
     {
         address.sun_path[0] = '\0';
     }
     // Exactly the name: in an abstract one, zero bytes count.
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + _socketPath.size());
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (::sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                  reinterpret_cast<const sockaddr*>(&address), length) < 0)

@@ -12,27 +12,22 @@ namespace
 
 namespace fs = std::filesystem;
 
-bool IsNamedLikeAFile(const fs::directory_entry& entry)
+bool IsSettingsFile(const fs::directory_entry& entry, SettingsFiles::Folders folders)
 {
     const std::string name = entry.path().filename().string();
-    return name.ends_with(".ini") && !name.starts_with('.');
-}
-
-bool IsSettingsFile(const fs::directory_entry& entry)
-{
     std::error_code ignored;
-    return IsNamedLikeAFile(entry) && !entry.is_directory(ignored);
+    return name.ends_with(".ini") && !name.starts_with('.') &&
+           (folders == SettingsFiles::Listed || !entry.is_directory(ignored));
 }
 
-template <typename Choose>
-void AddFolder(const std::string& folder, std::vector<std::string>& files, const Choose& choose)
+void AddFolder(const std::string& folder, SettingsFiles::Folders folders, std::vector<std::string>& files)
 {
     const std::size_t first = files.size();
     std::error_code error;
     fs::directory_iterator entry(folder, error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error))
     {
-        if (choose(*entry))
+        if (IsSettingsFile(*entry, folders))
         {
             files.push_back(entry->path().string());
         }
@@ -44,16 +39,17 @@ void AddFolder(const std::string& folder, std::vector<std::string>& files, const
     std::sort(files.begin() + static_cast<std::ptrdiff_t>(first), files.end());
 }
 
-template <typename Choose>
-std::vector<std::string> FindFiles(const std::vector<std::string>& filesAndFolders, const Choose& choose)
+}  // namespace
+
+std::vector<std::string> SettingsFiles::Find(Folders folders) const
 {
     std::vector<std::string> files;
-    for (const std::string& path : filesAndFolders)
+    for (const std::string& path : _filesAndFolders)
     {
         std::error_code ignored;
         if (fs::is_directory(path, ignored))
         {
-            AddFolder(path, files, choose);
+            AddFolder(path, folders, files);
         }
         else
         {
@@ -61,18 +57,6 @@ std::vector<std::string> FindFiles(const std::vector<std::string>& filesAndFolde
         }
     }
     return files;
-}
-
-}  // namespace
-
-std::vector<std::string> SettingsFiles::Find() const
-{
-    return FindFiles(_filesAndFolders, IsSettingsFile);
-}
-
-std::vector<std::string> SettingsFiles::FindWithFolders() const
-{
-    return FindFiles(_filesAndFolders, IsNamedLikeAFile);
 }
 
 }  // namespace korlo::daemon

@@ -19,7 +19,7 @@ constexpr unsigned int StackBytes = 32 * 1024;
 
 /// One listener and the thread that accepts at it.
 ///
-/// Thread safety: Start and Close belong to the owner.
+/// Thread safety: Start and Stop belong to the owner.
 class SettingsServer::Door : private osa::Runnable
 {
 public:
@@ -36,15 +36,13 @@ public:
     void Start() { _thread.Run(); }
 
     /// Returns when nobody is accepted any more.
-    void Close()
+    void Stop() override
     {
-        Stop();
+        _pListener->Close();
         _thread.Join();
     }
 
 private:
-    void Stop() override { _pListener->Close(); }
-
     void Run() override
     {
         try
@@ -53,7 +51,9 @@ private:
         }
         catch (const std::exception& exception)
         {
-            _server.OnDoorFailed(exception.what());
+            _server._pLogger->Error("%s", exception.what());
+            _server._isHealthy = false;
+            ::kill(::getpid(), SIGTERM);
         }
     }
 
@@ -92,7 +92,7 @@ void SettingsServer::Stop()
 {
     for (Door& door : _doors)
     {
-        door.Close();
+        door.Stop();
     }
 
     Connections ended;  // destroyed after the lock is released: the last to end may still hold it
@@ -106,22 +106,6 @@ void SettingsServer::Stop()
         _lastEnded.wait(_mutex);
     }
     ended.swap(_ended);
-}
-
-bool SettingsServer::IsHealthy() const
-{
-    const PlainLock lock(_mutex);
-    return _isHealthy;
-}
-
-void SettingsServer::OnDoorFailed(const std::string& reason)
-{
-    _pLogger->Error("%s", reason.c_str());
-    {
-        const PlainLock lock(_mutex);
-        _isHealthy = false;
-    }
-    ::kill(::getpid(), SIGTERM);
 }
 
 void SettingsServer::AcceptClients(osa::TcpListener& listener)
@@ -149,17 +133,11 @@ void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::s
         return;
     }
     IConnectionOwner& owner = *this;
-    _running.push_back(
+    Connections started;
+    started.push_back(
         std::make_unique<ClientConnection>(std::move(pSocket), peer, _env, _access, _limits, _gathered, owner));
-    try
-    {
-        _running.back()->Start();
-    }
-    catch (...)
-    {
-        _running.pop_back();
-        throw;
-    }
+    started.back()->Start();
+    _running.splice(_running.end(), started);  // its thread cannot end before: it would have to take the lock
 }
 
 void SettingsServer::OnConnectionEnded(ClientConnection& connection)

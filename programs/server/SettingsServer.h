@@ -1,6 +1,7 @@
 #pragma once
 // Accepts the clients of the settings protocol.
 
+#include <atomic>
 #include <condition_variable>
 #include <list>
 #include <memory>
@@ -46,7 +47,7 @@ public:
     void Stop();
 
     /// False when accepting has failed for good; SIGTERM was then sent to the process.
-    bool IsHealthy() const;
+    bool IsHealthy() const { return _isHealthy; }
 
 private:
     using Connections = std::list<std::unique_ptr<ClientConnection>>;
@@ -54,7 +55,6 @@ private:
     class Door;
 
     void OnConnectionEnded(ClientConnection& connection) override;
-    void OnDoorFailed(const std::string& reason);
     void AcceptClients(osa::TcpListener& listener);
     void Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer);
 
@@ -65,11 +65,12 @@ private:
 
     GatheredQueues _gathered;  // outlives the connections
 
-    mutable PlainMutex _mutex;
+    std::atomic<bool> _isHealthy = true;
+
+    PlainMutex _mutex;
     std::condition_variable_any _lastEnded;
     Connections _running KORLO_GUARDED_BY(_mutex);
     Connections _ended KORLO_GUARDED_BY(_mutex);  // at most one: each that ends takes the one before it away
-    bool _isHealthy KORLO_GUARDED_BY(_mutex) = true;
 
     std::list<Door> _doors;  // last: their threads use the rest
 };

@@ -42,12 +42,6 @@ std::unique_ptr<KorloSettingsClientImpl> CreateOverFile(const char* path, const 
     return std::make_unique<KorloSettingsClientImplLocal>(&settings);
 }
 
-template <typename Impl, typename Connection>
-std::unique_ptr<KorloSettingsClientImpl> CreateOver()
-{
-    return std::make_unique<Impl>(std::make_unique<Connection>());
-}
-
 /// @param pDefaults may be null.
 std::unique_ptr<KorloSettingsClientImpl> CreateImpl(KorloSettingsClient::OperationMode mode, const IniFile* pDefaults)
 {
@@ -58,15 +52,16 @@ std::unique_ptr<KorloSettingsClientImpl> CreateImpl(KorloSettingsClient::Operati
     switch (mode)
     {
     case KorloSettingsClient::MultiThreaded:
-        return CreateOver<KorloSettingsClientImplMultiThreaded, KorloSettingsTcpConnection>();
+        return std::make_unique<KorloSettingsClientImplMultiThreaded>(std::make_unique<KorloSettingsTcpConnection>());
     case KorloSettingsClient::SingleThreaded:
-        return CreateOver<KorloSettingsClientImplSingleThreaded, KorloSettingsTcpConnection>();
+        return std::make_unique<KorloSettingsClientImplSingleThreaded>(std::make_unique<KorloSettingsTcpConnection>());
     case KorloSettingsClient::Local:
         return std::make_unique<KorloSettingsClientImplLocal>(pDefaults);
     case KorloSettingsClient::LocalSingleThreaded:
-        return CreateOver<KorloSettingsClientImplSingleThreaded, KorloSettingsLocalConnection>();
+        return std::make_unique<KorloSettingsClientImplSingleThreaded>(
+            std::make_unique<KorloSettingsLocalConnection>());
     case KorloSettingsClient::LocalMultiThreaded:
-        return CreateOver<KorloSettingsClientImplMultiThreaded, KorloSettingsLocalConnection>();
+        return std::make_unique<KorloSettingsClientImplMultiThreaded>(std::make_unique<KorloSettingsLocalConnection>());
     }
     throw osa::Exception("Invalid or unsupported operation mode");
 }

@@ -17,18 +17,13 @@ namespace
 constexpr unsigned short NoDelay = 1;
 constexpr bool IsConnected = true;
 
-osa::TcpSocket* Connected(osa::TcpSocket& socket, const ServerAddress& server, unsigned int timeoutMs)
-{
-    socket.Connect(server.host.c_str(), server.port, timeoutMs);
-    return &socket;
-}
-
 }  // namespace
 
 KorloSettingsClientImplConfirming::Connection::Connection(const ServerAddress& server, const ConfirmingLimits& limits)
     : socket(NoDelay),
-      stream(Connected(socket, server, limits.connectMs), limits.answerMs)
+      stream(&socket, limits.answerMs)
 {
+    socket.Connect(server.host.c_str(), server.port, limits.connectMs);
 }
 
 KorloSettingsClientImplConfirming::KorloSettingsClientImplConfirming(const std::string& address,

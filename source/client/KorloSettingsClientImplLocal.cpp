@@ -27,22 +27,12 @@ void KorloSettingsClientImplLocal::LocalPersister::LoadDefaultSettings(server::S
     combiner.LoadFromIni(_defaults);
 }
 
-void KorloSettingsClientImplLocal::LocalPersister::LoadUserSettings(server::SettingsCombiner&)
-{
-}
-
-void KorloSettingsClientImplLocal::LocalPersister::SaveUserSettings(const core::IniFile&)
-{
-}
-
 KorloSettingsClientImplLocal::KorloSettingsClientImplLocal(const core::IniFile* pDefaults)
     : KorloSettingsClientImpl(true),  // it is its own server
       _persister(pDefaults),
       _settingsManager(&_persister, nullptr, nullptr, false)
 {
 }
-
-KorloSettingsClientImplLocal::~KorloSettingsClientImplLocal() = default;
 
 void KorloSettingsClientImplLocal::GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const
 {

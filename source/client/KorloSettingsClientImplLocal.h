@@ -29,11 +29,10 @@ public:
     {
     public:
         explicit LocalPersister(const core::IniFile* pDefaults);
-        ~LocalPersister() override = default;
 
         void LoadDefaultSettings(server::SettingsCombiner& combiner) override;
-        void LoadUserSettings(server::SettingsCombiner& combiner) override;
-        void SaveUserSettings(const core::IniFile& userSettings) override;
+        void LoadUserSettings(server::SettingsCombiner&) override {}
+        void SaveUserSettings(const core::IniFile&) override {}
 
     private:
         core::IniFile _defaults;
@@ -41,7 +40,6 @@ public:
 
     /// @param pDefaults copied; may be null for an empty store.
     explicit KorloSettingsClientImplLocal(const core::IniFile* pDefaults);
-    ~KorloSettingsClientImplLocal() override;
 
     void GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const override;
     void MergeSettings(const core::IniFile& changes, unsigned int flags) override;

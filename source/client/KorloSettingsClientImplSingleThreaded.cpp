@@ -30,8 +30,6 @@ KorloSettingsClientImplSingleThreaded::KorloSettingsClientImplSingleThreaded(
 {
 }
 
-KorloSettingsClientImplSingleThreaded::~KorloSettingsClientImplSingleThreaded() = default;
-
 void KorloSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const
 {
     const osa::MutexAutoLock lock(&_commandMutex);

@@ -24,7 +24,6 @@ public:
     /// @param pConnection taken. Connects with the first command.
     explicit KorloSettingsClientImplSingleThreaded(KorloSettingsConnection* pConnection);
     explicit KorloSettingsClientImplSingleThreaded(std::unique_ptr<KorloSettingsConnection> pConnection);
-    ~KorloSettingsClientImplSingleThreaded() override;
 
     /// @param name not used here.
     /// @throws osa::Exception "Failed to connect to korlo-settings-server" after five failed attempts.

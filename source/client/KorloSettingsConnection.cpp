@@ -1,9 +1,5 @@
 #include "client/KorloSettingsConnection.h"
 
-#include <utility>
-
-#include "korlo/osa/Thread.h"
-
 namespace korlo::settings::client
 {
 
@@ -28,19 +24,6 @@ void KorloSettingsConnection::ForgetStreams()
 {
     _pIn = nullptr;
     _pOut = nullptr;
-}
-
-void KorloSettingsConnection::Pause(unsigned int durationMs)
-{
-    _pStopRequest != nullptr ? _pStopRequest->Pause(durationMs) : osa::Thread::CurrentThread::Sleep(durationMs);
-}
-
-void KorloSettingsConnection::SetBreaker(StopRequest::Breaker breaker)
-{
-    if (_pStopRequest != nullptr)
-    {
-        _pStopRequest->SetBreaker(std::move(breaker));
-    }
 }
 
 }  // namespace korlo::settings::client

@@ -3,6 +3,7 @@
 
 #include <istream>
 #include <ostream>
+#include <utility>
 
 #include "client/StopRequest.h"
 #include "korlo/core/Logger.h"
@@ -51,13 +52,13 @@ public:
     void HeedStopRequest(StopRequest* pStopRequest) { _pStopRequest = pStopRequest; }
 
 protected:
-    bool StopRequested() const { return _pStopRequest != nullptr && *_pStopRequest; }
+    bool StopRequested() const { return *_pStopRequest; }
 
     /// Waits before the next attempt, unless somebody asks to stop.
-    void Pause(unsigned int durationMs);
+    void Pause(unsigned int durationMs) { _pStopRequest->Pause(durationMs); }
 
     /// @param breaker of the transport from now on; empty before it goes.
-    void SetBreaker(StopRequest::Breaker breaker);
+    void SetBreaker(StopRequest::Breaker breaker) { _pStopRequest->SetBreaker(std::move(breaker)); }
 
     core::Logger* _pLogger;         // not owned
     std::istream* _pIn = nullptr;   // borrowed from the transport
@@ -65,7 +66,8 @@ protected:
 
 private:
     const bool _keepsTransport;
-    StopRequest* _pStopRequest = nullptr;  // not owned
+    StopRequest _neverMade;
+    StopRequest* _pStopRequest = &_neverMade;  // or borrowed
 };
 
 }  // namespace korlo::settings::client

@@ -16,13 +16,10 @@ constexpr bool KeepsItsTransport = true;
 
 KorloSettingsLocalConnection::KorloSettingsLocalConnection()
     : KorloSettingsConnection(KeepsItsTransport),
-      _pSettingsManager(std::make_unique<server::SettingsManager>()),
-      _pSerializationManager(std::make_unique<server::SerializationManager>()),
-      _env{_pSettingsManager.get(), _pSerializationManager.get()},
       _handler(&_env, _requests.GetIstream(), _responses.GetOstream()),
-      _pThread(std::make_unique<osa::Thread>("LocalConnection", this, StackBytes, Priority))
+      _thread("LocalConnection", this, StackBytes, Priority)
 {
-    _pThread->Run();
+    _thread.Run();
 }
 
 KorloSettingsLocalConnection::~KorloSettingsLocalConnection()
@@ -30,7 +27,7 @@ KorloSettingsLocalConnection::~KorloSettingsLocalConnection()
     SetBreaker({});
     common::RequestWriter(*_requests.GetOstream()).Quit();
     _requests.ClosePipe();  // for a handler that waits for the rest of a request which could not be written
-    _pThread.reset();       // joins
+    // The thread is destroyed first, which waits for it.
 }
 
 void KorloSettingsLocalConnection::EnsureConnection(int)
@@ -51,10 +48,6 @@ void KorloSettingsLocalConnection::EnsureConnection(int)
     _pOut = pOut;
 }
 
-void KorloSettingsLocalConnection::CloseConnection()
-{
-}
-
 void KorloSettingsLocalConnection::Run()
 {
     // Whatever ends the handler, the client must not wait for a response that never comes.
@@ -70,10 +63,6 @@ void KorloSettingsLocalConnection::Run()
     };
     const PipeCloser closer{*this};
     _handler.Run();
-}
-
-void KorloSettingsLocalConnection::Stop()
-{
 }
 
 }  // namespace korlo::settings::client

@@ -1,8 +1,6 @@
 #pragma once
 // A connection to a settings server within the client's own process.
 
-#include <memory>
-
 #include "client/KorloSettingsConnection.h"
 #include "korlo/osa/PipeStreamPair.h"
 #include "korlo/osa/Thread.h"
@@ -32,22 +30,22 @@ public:
     void EnsureConnection(int retries) override;
 
     /// Does nothing: the pipes live as long as the connection.
-    void CloseConnection() override;
+    void CloseConnection() override {}
 
     /// The handler's thread.
     void Run() override;
 
     /// Does nothing: the handler ends when it reads "quit".
-    void Stop() override;
+    void Stop() override {}
 
 private:
-    std::unique_ptr<server::SettingsManager> _pSettingsManager;
-    std::unique_ptr<server::SerializationManager> _pSerializationManager;
-    server::ServerEnv _env;
+    server::SettingsManager _settingsManager;
+    server::SerializationManager _serializationManager;
+    server::ServerEnv _env{&_settingsManager, &_serializationManager};
     osa::PipeStreamPair _requests;   // the client writes, the handler reads
     osa::PipeStreamPair _responses;  // the handler writes, the client reads
     server::ClientHandler _handler;
-    std::unique_ptr<osa::Thread> _pThread;  // last: started when everything that it uses is there
+    osa::Thread _thread;  // last: started when everything that it uses is there
 };
 
 }  // namespace korlo::settings::client

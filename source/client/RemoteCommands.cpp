@@ -15,13 +15,6 @@ constexpr const char* NoResponse = "";
 
 }  // namespace
 
-RemoteCommand::~RemoteCommand() = default;
-
-bool RemoteCommand::HandleResponse(std::istream&)
-{
-    return true;
-}
-
 GetSettingsCommand::GetSettingsCommand(const GroupNameCollection* pGroups, core::IniFile* pResult)
     : RemoteCommand(common::word::Data),
       _pGroups(pGroups),

@@ -1,17 +1,13 @@
-// What clients do when memory runs out, at each of their allocations in turn. A program of its own, because it replaces
-// the global operator new.
+// What clients do when memory runs out, at each of their allocations in turn.
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
-#include <string_view>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -24,84 +20,9 @@
 #include "settings/KorloSettingsClient.h"
 #include "support/Callbacks.h"
 #include "support/Documents.h"
+#include "support/Heap.h"
 #include "support/ScriptedServer.h"
 #include "support/SettingsServer.h"
-
-namespace
-{
-
-std::atomic<long long> blocks = 0;      // that are allocated now
-std::atomic<long long> failAfter = -1;  // so many more allocations of that thread go well, then one fails; below 0 none
-std::atomic<const char*> failingThread = nullptr;  // its name
-
-bool IsFailingThread()
-{
-    char name[16] = "";
-    pthread_getname_np(pthread_self(), name, sizeof(name));
-    return std::string_view(name) == failingThread.load();
-}
-
-/// Fails one allocation of a thread while it lives.
-class MemoryFault
-{
-public:
-    MemoryFault(const char* thread, int after)
-    {
-        failingThread = thread;
-        failAfter = after;
-    }
-
-    MemoryFault(const MemoryFault&) = delete;
-    MemoryFault& operator=(const MemoryFault&) = delete;
-    ~MemoryFault() { failAfter = -1; }
-
-    bool HasStruck() const { return failAfter < 0; }
-};
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    if (failAfter >= 0 && IsFailingThread() && failAfter-- == 0)
-    {
-        throw std::bad_alloc();
-    }
-    void* const pBlock = std::malloc(size);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    ++blocks;
-    return pBlock;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    try
-    {
-        return operator new(size);
-    }
-    catch (const std::bad_alloc&)
-    {
-        return nullptr;
-    }
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    blocks -= pBlock != nullptr ? 1 : 0;
-    std::free(pBlock);
-}
-
-void operator delete(void* pBlock, std::size_t) noexcept
-{
-    operator delete(pBlock);
-}
-
-void operator delete(void* pBlock, const std::nothrow_t&) noexcept
-{
-    operator delete(pBlock);
-}
 
 namespace korlo::settings::client
 {
@@ -111,6 +32,23 @@ namespace
 using namespace std::chrono_literals;
 using core::IniFile;
 using Mode = KorloSettingsClient::OperationMode;
+
+/// Fails one allocation of a thread while it lives.
+class MemoryFault
+{
+public:
+    MemoryFault(const char* thread, int after)
+    {
+        heap.failingThread = thread;
+        heap.failAfter = after;
+    }
+
+    MemoryFault(const MemoryFault&) = delete;
+    MemoryFault& operator=(const MemoryFault&) = delete;
+    ~MemoryFault() { heap.failAfter = -1; }
+
+    bool HasStruck() const { return heap.failAfter < 0; }
+};
 
 constexpr const char* ReaderThread = "KorloSettings";
 constexpr const char* ConstructingThread = "constructing";
@@ -125,7 +63,7 @@ void ConstructWithFaults(const std::function<void()>& construct)
         for (int after = 0; hasStruck; ++after)
         {
             SCOPED_TRACE(after);
-            const long long before = blocks;
+            const long long before = heap.blocks;
             {
                 const MemoryFault fault(ConstructingThread, after);
                 try
@@ -137,7 +75,7 @@ void ConstructWithFaults(const std::function<void()>& construct)
                 }
                 hasStruck = fault.HasStruck();
             }
-            EXPECT_EQ(blocks, before);
+            EXPECT_EQ(heap.blocks, before);
         }
     }).get();
 }

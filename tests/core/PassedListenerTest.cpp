@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -17,6 +16,7 @@
 
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/TcpListener.h"
+#include "support/Files.h"
 #include "support/TemporaryFolder.h"
 #include "support/UnixSockets.h"
 
@@ -26,19 +26,6 @@ namespace
 {
 
 using namespace std::chrono_literals;
-
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
 
 /// What a service manager holds: a socket file that it listens on, and descriptors of it to pass on.
 class ServiceManager
@@ -141,7 +128,7 @@ TEST(PassedListenerTest, RefusesWhatIsNoListeningStreamSocketAndLeavesItAlone)
     };
     for (const auto& row : rows)
     {
-        EXPECT_EQ(CaughtFrom([&] { TcpListener{row.descriptor}; }),
+        EXPECT_EQ(MessageOf([&] { TcpListener{row.descriptor}; }),
                   "Failed to listen on descriptor " + std::to_string(row.descriptor) + ": " + row.reason);
         if (row.descriptor >= 0)
         {

@@ -16,6 +16,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
+#include "support/Files.h"
 #include "support/LogWatch.h"
 
 namespace korlo::osa
@@ -25,19 +26,6 @@ namespace
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
 
 TEST(TcpListenerTest, PicksAFreePortAndAcceptsOnIt)
 {
@@ -66,11 +54,11 @@ TEST(TcpListenerTest, ListensOnEveryAddressWhenGivenNone)
 TEST(TcpListenerTest, NamesAddressPortAndReasonWhenItCannotListen)
 {
     TcpListener listener("127.0.0.1", 0);
-    EXPECT_EQ(CaughtFrom([&] { TcpListener("127.0.0.1", listener.GetPort()); }),
+    EXPECT_EQ(MessageOf([&] { TcpListener("127.0.0.1", listener.GetPort()); }),
               "Failed to listen on '" + listener.GetAddress() + "': Address already in use");
-    EXPECT_EQ(CaughtFrom([] { TcpListener("192.0.2.1", 4711); }),
+    EXPECT_EQ(MessageOf([] { TcpListener("192.0.2.1", 4711); }),
               "Failed to listen on '192.0.2.1:4711': Cannot assign requested address");
-    const std::string text = CaughtFrom([] { TcpListener("no address", 4711); });
+    const std::string text = MessageOf([] { TcpListener("no address", 4711); });
     EXPECT_EQ(text.find("Failed to listen on 'no address:4711': "), 0u) << text;
 }
 
@@ -99,7 +87,7 @@ TEST(TcpListenerTest, AcceptsNobodyAfterTheClose)
     listener.Close();
     EXPECT_EQ(listener.Accept(), nullptr);
     TcpSocket client(1);
-    EXPECT_NE(CaughtFrom([&] { client.Connect("127.0.0.1", port, 10); }), "");
+    EXPECT_NE(MessageOf([&] { client.Connect("127.0.0.1", port, 10); }), "");
 }
 
 TEST(TcpListenerTest, ThePortIsFreeAfterTheClose)
@@ -109,7 +97,7 @@ TEST(TcpListenerTest, ThePortIsFreeAfterTheClose)
     client.Connect("127.0.0.1", first.GetPort(), 10);
     const std::unique_ptr<TcpSocket> pServer = first.Accept();
     first.Close();
-    EXPECT_EQ(CaughtFrom([&] { TcpListener("127.0.0.1", first.GetPort()); }), "");
+    EXPECT_EQ(MessageOf([&] { TcpListener("127.0.0.1", first.GetPort()); }), "");
 }
 
 /// Leaves the process without a free descriptor while it lives.

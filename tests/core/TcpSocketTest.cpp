@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -23,6 +22,7 @@
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 #include "korlo/osa/ServiceDirectory.h"
+#include "support/Files.h"
 #include "support/TcpPair.h"
 
 namespace korlo::osa
@@ -32,39 +32,10 @@ namespace
 
 using namespace std::chrono_literals;
 
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
-
 /// A port that nobody listens on.
 unsigned short FreePort()
 {
     return TcpListener("127.0.0.1", 0).GetPort();
-}
-
-std::string Read(TcpSocket& socket, std::size_t size)
-{
-    std::string text(size, '\0');
-    std::size_t read = 0;
-    while (read < size)
-    {
-        const TcpSocket::IoResult result = socket.ReadSome(text.data() + read, size - read, 20000);
-        if (result.status != TcpSocket::Done)
-        {
-            break;
-        }
-        read += result.bytes;
-    }
-    return text.substr(0, read);
 }
 
 /// A listener whose queue is so short that connecting to it has to wait.
@@ -96,7 +67,7 @@ public:
         while (refusal.empty())
         {
             _waiting.push_back(std::make_unique<TcpSocket>(1));
-            refusal = CaughtFrom([this] { _waiting.back()->Connect("127.0.0.1", _port, 20); });
+            refusal = MessageOf([this] { _waiting.back()->Connect("127.0.0.1", _port, 20); });
         }
         return refusal;
     }
@@ -134,8 +105,8 @@ TEST(TcpSocketTest, AFailedConnectNamesHostPortAndReasonAndMayBeRepeated)
     TcpSocket socket(1);
     const std::string refused =
         "Failed to connect to '127.0.0.1' port " + std::to_string(port) + ": Connection refused";
-    EXPECT_EQ(CaughtFrom([&] { socket.Connect("127.0.0.1", port, 1000); }), refused);
-    EXPECT_EQ(CaughtFrom([&] { socket.Connect("127.0.0.1", port, Infinite); }), refused);
+    EXPECT_EQ(MessageOf([&] { socket.Connect("127.0.0.1", port, 1000); }), refused);
+    EXPECT_EQ(MessageOf([&] { socket.Connect("127.0.0.1", port, Infinite); }), refused);
 
     TcpListener listener("127.0.0.1", 0);
     EXPECT_NO_THROW(socket.Connect("127.0.0.1", listener.GetPort(), 1000));
@@ -144,9 +115,9 @@ TEST(TcpSocketTest, AFailedConnectNamesHostPortAndReasonAndMayBeRepeated)
 TEST(TcpSocketTest, AnUnknownHostIsNamedInTheFailure)
 {
     TcpSocket socket(1);
-    const std::string text = CaughtFrom([&] { socket.Connect("no such host.invalid", 80, 1000); });
+    const std::string text = MessageOf([&] { socket.Connect("no such host.invalid", 80, 1000); });
     EXPECT_EQ(text.find("Failed to connect to 'no such host.invalid' port 80: "), 0u) << text;
-    EXPECT_EQ(CaughtFrom([&] { socket.Connect(nullptr, 80, 1000); }), "Host was NULL");
+    EXPECT_EQ(MessageOf([&] { socket.Connect(nullptr, 80, 1000); }), "Host was NULL");
 }
 
 TEST(TcpSocketTest, AConnectThatWaitsGivesUpWhenTheTimeIsUp)
@@ -162,7 +133,7 @@ TEST(TcpSocketTest, ACloseFromAnotherThreadEndsAConnectThatWaits)
     listener.Fill();
     TcpSocket socket(1);
     auto connecting = std::async(std::launch::async, [&] {
-        return CaughtFrom([&] { socket.Connect("127.0.0.1", listener.GetPort(), Infinite); });
+        return MessageOf([&] { socket.Connect("127.0.0.1", listener.GetPort(), Infinite); });
     });
     connecting.wait_for(5ms);  // it may be waiting by now, or find the socket closed: it must end either way
     socket.Close();
@@ -173,12 +144,12 @@ TEST(TcpSocketTest, ACloseFromAnotherThreadEndsAConnectThatWaits)
 TEST(TcpSocketTest, ConnectsOnlyOnceAndNotAfterTheClose)
 {
     TcpPair pair;
-    EXPECT_EQ(CaughtFrom([&] { pair.client.Connect("localhost", 80, 10); }),
+    EXPECT_EQ(MessageOf([&] { pair.client.Connect("localhost", 80, 10); }),
               "Failed to connect to 'localhost': the socket is connected to '" + pair.client.GetPeerAddress() + "'");
 
     TcpSocket closed(1);
     closed.Close();
-    EXPECT_EQ(CaughtFrom([&] { closed.Connect("127.0.0.1", pair.listener.GetPort(), 10); }),
+    EXPECT_EQ(MessageOf([&] { closed.Connect("127.0.0.1", pair.listener.GetPort(), 10); }),
               "Failed to connect to '127.0.0.1' port " + std::to_string(pair.listener.GetPort()) +
                   ": Operation canceled");
 }
@@ -194,7 +165,7 @@ TEST(TcpSocketTest, WithoutAPortTheDirectoryIsAskedFirst)
     const unsigned short port = FreePort();
     ServiceDirectory::Register("socket-test-server", "127.0.0.1", port);
     TcpSocket other(1);
-    EXPECT_EQ(CaughtFrom([&] { other.Connect("socket-test-server", 0, 10); }),
+    EXPECT_EQ(MessageOf([&] { other.Connect("socket-test-server", 0, 10); }),
               "Failed to connect to 'socket-test-server' port " + std::to_string(port) + ": Connection refused");
     ServiceDirectory::Unregister("socket-test-server");
 }
@@ -203,9 +174,9 @@ TEST(TcpSocketTest, MovesBytesBothWays)
 {
     TcpPair pair;
     EXPECT_EQ(pair.client.WriteAll("ping", 4, Infinite).status, TcpSocket::Done);
-    EXPECT_EQ(Read(*pair.pServer, 4), "ping");
+    EXPECT_EQ(ReadBytes(*pair.pServer, 4), "ping");
     EXPECT_EQ(pair.pServer->WriteAll("po", 2, "ng", 2, 0).bytes, 4u);
-    EXPECT_EQ(Read(pair.client, 4), "pong");
+    EXPECT_EQ(ReadBytes(pair.client, 4), "pong");
     EXPECT_EQ(pair.client.WriteAll(nullptr, 0, 0).status, TcpSocket::Done);
     EXPECT_EQ(pair.client.WriteSome(nullptr, 0, 0).status, TcpSocket::Done);
 }
@@ -236,7 +207,7 @@ TEST(TcpSocketTest, AWriteTimesOutWhenThePeerDoesNotRead)
     EXPECT_EQ(result.status, TcpSocket::TimedOut);
     EXPECT_LT(result.bytes, bytes.size());
     sent += result.bytes;
-    EXPECT_EQ(Read(*pair.pServer, sent), std::string(sent, 'x'));
+    EXPECT_EQ(ReadBytes(*pair.pServer, sent), std::string(sent, 'x'));
 }
 
 TEST(TcpSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
@@ -253,7 +224,7 @@ TEST(TcpSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
         auto writing = std::async(std::launch::async, [&] {
             return pair.client.WriteAll(head.data(), head.size(), tail.data(), tail.size(), timeoutMs);
         });
-        EXPECT_EQ(Read(*pair.pServer, head.size() + tail.size()), head + tail);
+        EXPECT_EQ(ReadBytes(*pair.pServer, head.size() + tail.size()), head + tail);
         const TcpSocket::IoResult result = writing.get();
         EXPECT_EQ(result.status, TcpSocket::Done);
         EXPECT_EQ(result.bytes, head.size() + tail.size());
@@ -265,7 +236,7 @@ TEST(TcpSocketTest, ReportsTheEndOfTheStreamWhenThePeerCloses)
     TcpPair pair;
     EXPECT_EQ(pair.pServer->WriteAll("last", 4, Infinite).status, TcpSocket::Done);
     pair.pServer.reset();
-    EXPECT_EQ(Read(pair.client, 4), "last");
+    EXPECT_EQ(ReadBytes(pair.client, 4), "last");
     char byte = 0;
     EXPECT_EQ(pair.client.ReadSome(&byte, 1, Infinite).status, TcpSocket::EndOfStream);
     EXPECT_EQ(pair.client.ReadSome(&byte, 1, 0).status, TcpSocket::EndOfStream);
@@ -407,7 +378,7 @@ TEST(TcpSocketTest, BothEndsGiveUpAPeerThatTakesNothingForTwoMinutes)
 TEST(TcpSocketTest, NamesAnIpv6PeerInBrackets)
 {
     std::unique_ptr<TcpListener> pListener;
-    const std::string refused = CaughtFrom([&] { pListener = std::make_unique<TcpListener>("::1", 0); });
+    const std::string refused = MessageOf([&] { pListener = std::make_unique<TcpListener>("::1", 0); });
     if (!refused.empty())
     {
         GTEST_SKIP() << "this machine has no IPv6: " << refused;

@@ -18,6 +18,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 
 namespace korlo::osa
@@ -43,19 +44,6 @@ private:
 };
 
 /// The text of the Exception that `function` throws.
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
-
 std::string NameOfThisThread()
 {
     std::array<char, 16> name{};
@@ -109,7 +97,7 @@ TEST(ThreadTest, NeedsNoName)
 
 TEST(ThreadTest, NeedsABody)
 {
-    EXPECT_EQ(CaughtFrom([] { const Thread thread("T", nullptr, StackBytes, 0); }), "Runnable was NULL");
+    EXPECT_EQ(MessageOf([] { const Thread thread("T", nullptr, StackBytes, 0); }), "Runnable was NULL");
 }
 
 TEST(ThreadTest, TakesPriorityAsStepsOfNiceness)
@@ -160,7 +148,7 @@ TEST(ThreadTest, MayBeStartedAgainOnceItWasJoinedButNotBefore)
     Body body([&] { ++runs; });
     Thread thread("Again", &body, StackBytes, 0);
     thread.Run();
-    EXPECT_EQ(CaughtFrom([&] { thread.Run(); }), "Thread 'Again' was started already");
+    EXPECT_EQ(MessageOf([&] { thread.Run(); }), "Thread 'Again' was started already");
     thread.Join();
     thread.Run();
     thread.Join();
@@ -187,7 +175,7 @@ TEST(ThreadTest, CannotWaitForItself)
 {
     std::string caught;
     std::unique_ptr<Thread> pThread;
-    Body body([&] { caught = CaughtFrom([&] { pThread->Join(); }); });
+    Body body([&] { caught = MessageOf([&] { pThread->Join(); }); });
     pThread = std::make_unique<Thread>("Self", &body, StackBytes, 0);
     pThread->Run();
     pThread->Join();

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <latch>
 #include <memory>
@@ -21,6 +20,7 @@
 
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/TcpListener.h"
+#include "support/Files.h"
 #include "support/TemporaryFolder.h"
 #include "support/UnixSockets.h"
 
@@ -37,39 +37,10 @@ using testing::IsEmpty;
 constexpr unsigned int OtherUser = 41234;
 constexpr unsigned int OtherGroup = 41235;
 
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
-
 /// What becomes of a listener at the path.
 std::string TryToListen(const std::string& path, const SocketFileRights& rights = {})
 {
-    return CaughtFrom([&] { TcpListener("unix:" + path, 0, rights); });
-}
-
-std::string TryToConnect(const std::string& path)
-{
-    TcpSocket client(1);
-    return CaughtFrom([&] { client.Connect(("unix:" + path).c_str(), 0, 1000); });
-}
-
-std::vector<std::string> NamesIn(const std::string& folder)
-{
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-    {
-        names.push_back(entry.path().filename());
-    }
-    return names;
+    return MessageOf([&] { TcpListener("unix:" + path, 0, rights); });
 }
 
 struct stat StatusOf(const std::string& path)
@@ -131,14 +102,14 @@ TEST(UnixListenerTest, GivesTheFileToAGroupOrMakesNone)
                                 std::to_string(OtherGroup) + ": Operation not permitted";
     if (!MayBecomeOtherUsers())
     {
-        EXPECT_EQ(CaughtFrom(listen), refused);
+        EXPECT_EQ(MessageOf(listen), refused);
         EXPECT_THAT(NamesIn(folder.GetPath()), IsEmpty());
         return;
     }
-    EXPECT_EQ(CaughtFrom(listen), "");
+    EXPECT_EQ(MessageOf(listen), "");
     ASSERT_EQ(chmod(folder.GetPath().c_str(), 0777), 0);
-    AsUser(OtherUser, OtherUser, {OtherGroup}, [&] { EXPECT_EQ(CaughtFrom(listen), ""); });
-    AsUser(OtherUser, OtherUser, {}, [&] { EXPECT_EQ(CaughtFrom(listen), refused); });
+    AsUser(OtherUser, OtherUser, {OtherGroup}, [&] { EXPECT_EQ(MessageOf(listen), ""); });
+    AsUser(OtherUser, OtherUser, {}, [&] { EXPECT_EQ(MessageOf(listen), refused); });
     EXPECT_THAT(NamesIn(folder.GetPath()), IsEmpty());
 }
 
@@ -354,7 +325,7 @@ TEST(UnixListenerTest, OfServersThatStartAtOnceOneWins)
                 std::unique_ptr<TcpListener> pListener;
                 ready.arrive_and_wait();
                 const std::string refused =
-                    CaughtFrom([&] { pListener = std::make_unique<TcpListener>("unix:" + path, 0); });
+                    MessageOf([&] { pListener = std::make_unique<TcpListener>("unix:" + path, 0); });
                 EXPECT_TRUE(pListener != nullptr || refused.ends_with("another server listens there")) << refused;
                 return pListener;
             }));

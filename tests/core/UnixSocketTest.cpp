@@ -8,7 +8,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -28,6 +27,8 @@
 #include "korlo/osa/ServiceDirectory.h"
 #include "korlo/osa/TcpSocket.h"
 #include "korlo/osa/TcpSocketStream.h"
+#include "support/Files.h"
+#include "support/TcpPair.h"
 #include "support/TemporaryFolder.h"
 #include "support/UnixSockets.h"
 
@@ -41,41 +42,6 @@ using testing::HasSubstr;
 
 constexpr unsigned int LimitMs = 30'000;
 constexpr unsigned int OtherUser = 41234;
-
-std::string CaughtFrom(const std::function<void()>& function)
-{
-    try
-    {
-        function();
-    }
-    catch (const Exception& exception)
-    {
-        return exception.what();
-    }
-    return {};
-}
-
-std::string TryToConnect(const std::string& path, unsigned int timeoutMs = 1000)
-{
-    TcpSocket client(1);
-    return CaughtFrom([&] { client.Connect(("unix:" + path).c_str(), 0, timeoutMs); });
-}
-
-std::string Read(TcpSocket& socket, std::size_t size)
-{
-    std::string text(size, '\0');
-    std::size_t read = 0;
-    while (read < size)
-    {
-        const TcpSocket::IoResult result = socket.ReadSome(text.data() + read, size - read, LimitMs);
-        if (result.status != TcpSocket::Done)
-        {
-            break;
-        }
-        read += result.bytes;
-    }
-    return text.substr(0, read);
-}
 
 /// A socket in a folder of its own whose queue is full as soon as one waits.
 struct ShortListener
@@ -100,7 +66,7 @@ TEST(UnixSocketTest, ConnectsToAPathWhateverThePort)
     for (const unsigned short port : {static_cast<unsigned short>(0), static_cast<unsigned short>(4711)})
     {
         TcpSocket client(1);
-        EXPECT_EQ(CaughtFrom([&] { client.Connect(listener.GetAddress().c_str(), port, 0); }), "");
+        EXPECT_EQ(MessageOf([&] { client.Connect(listener.GetAddress().c_str(), port, 0); }), "");
         EXPECT_EQ(client.GetPeerAddress(), listener.GetAddress());
         EXPECT_EQ(client.GetPeerIdentity(), nullptr);
         EXPECT_NE(listener.Accept(), nullptr);
@@ -112,11 +78,11 @@ TEST(UnixSocketTest, ConnectsByTheDirectory)
     UnixPair pair;
     ServiceDirectory::Register("unix-socket-test", pair.address, 0);
     TcpSocket client(1);
-    EXPECT_EQ(CaughtFrom([&] { client.Connect("unix-socket-test", 0, 10); }), "");
+    EXPECT_EQ(MessageOf([&] { client.Connect("unix-socket-test", 0, 10); }), "");
     EXPECT_EQ(client.GetPeerAddress(), pair.address);
     pair.listener.Close();
     TcpSocket late(1);
-    EXPECT_THAT(CaughtFrom([&] { late.Connect("unix-socket-test", 0, 10); }),
+    EXPECT_THAT(MessageOf([&] { late.Connect("unix-socket-test", 0, 10); }),
                 HasSubstr("Failed to connect to '" + pair.address + "': No such file or directory"));
     ServiceDirectory::Unregister("unix-socket-test");
 }
@@ -131,7 +97,7 @@ TEST(UnixSocketTest, APathMayHaveAllBytesThatTheSystemAllows)
         TcpListener listener("unix:" + path, 0);
         EXPECT_EQ(listener.GetAddress(), "unix:" + path);
         TcpSocket client(1);
-        EXPECT_EQ(CaughtFrom([&] { client.Connect(listener.GetAddress().c_str(), 0, 1000); }), "");
+        EXPECT_EQ(MessageOf([&] { client.Connect(listener.GetAddress().c_str(), 0, 1000); }), "");
         EXPECT_EQ(client.GetPeerAddress(), "unix:" + path);
         EXPECT_EQ(listener.Accept()->GetPeerAddress(), "unix:" + path);
         listener.Close();
@@ -158,8 +124,8 @@ TEST(UnixSocketTest, SaysWhatIsWrongWithAPath)
         const std::string name = "'" + std::string(("unix:" + row.path).c_str()) + "': " + row.reason;
         ServiceDirectory::Register("unix-socket-test", "unix:" + row.path, 0);
         TcpSocket client(1);
-        EXPECT_EQ(CaughtFrom([&] { client.Connect("unix-socket-test", 0, 10); }), "Failed to connect to " + name);
-        EXPECT_EQ(CaughtFrom([&] { TcpListener("unix:" + row.path, 0); }), "Failed to listen on " + name);
+        EXPECT_EQ(MessageOf([&] { client.Connect("unix-socket-test", 0, 10); }), "Failed to connect to " + name);
+        EXPECT_EQ(MessageOf([&] { TcpListener("unix:" + row.path, 0); }), "Failed to listen on " + name);
     }
     ServiceDirectory::Unregister("unix-socket-test");
 }
@@ -206,9 +172,9 @@ TEST(UnixSocketTest, AFailedConnectMayBeRepeated)
     TemporaryFolder folder;
     const std::string address = "unix:" + folder.PathOf("socket");
     TcpSocket client(1);
-    EXPECT_NE(CaughtFrom([&] { client.Connect(address.c_str(), 0, 10); }), "");
+    EXPECT_NE(MessageOf([&] { client.Connect(address.c_str(), 0, 10); }), "");
     TcpListener listener(address, 0);
-    EXPECT_EQ(CaughtFrom([&] { client.Connect(address.c_str(), 0, 10); }), "");
+    EXPECT_EQ(MessageOf([&] { client.Connect(address.c_str(), 0, 10); }), "");
 }
 
 TEST(UnixSocketTest, AFullQueueIsWaitedForAndNotSpunOn)
@@ -244,7 +210,7 @@ TEST(UnixSocketTest, ACloseFromAnotherThreadEndsAConnectThatWaits)
     ShortListener listener;
     TcpSocket client(1);
     auto connecting = std::async(std::launch::async, [&] {
-        return CaughtFrom([&] { client.Connect(("unix:" + listener.path).c_str(), 0, Infinite); });
+        return MessageOf([&] { client.Connect(("unix:" + listener.path).c_str(), 0, Infinite); });
     });
     connecting.wait_for(5ms);
     client.Close();
@@ -256,9 +222,9 @@ TEST(UnixSocketTest, MovesBytesBothWays)
 {
     UnixPair pair;
     EXPECT_EQ(pair.client.WriteAll("ping", 4, Infinite).status, TcpSocket::Done);
-    EXPECT_EQ(Read(*pair.pServer, 4), "ping");
+    EXPECT_EQ(ReadBytes(*pair.pServer, 4), "ping");
     EXPECT_EQ(pair.pServer->WriteAll("po", 2, "ng", 2, 0).bytes, 4u);
-    EXPECT_EQ(Read(pair.client, 4), "pong");
+    EXPECT_EQ(ReadBytes(pair.client, 4), "pong");
 }
 
 TEST(UnixSocketTest, AReadTimesOutWhenNothingComes)
@@ -288,7 +254,7 @@ TEST(UnixSocketTest, AWriteTimesOutWhenThePeerDoesNotRead)
     sent += result.bytes;
     pair.client.LimitWrites(10);
     EXPECT_EQ(pair.client.WriteAll(bytes.data(), bytes.size(), Infinite).status, TcpSocket::TimedOut);
-    EXPECT_EQ(Read(*pair.pServer, sent), std::string(sent, 'x'));
+    EXPECT_EQ(ReadBytes(*pair.pServer, sent), std::string(sent, 'x'));
 }
 
 TEST(UnixSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
@@ -305,7 +271,7 @@ TEST(UnixSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
         auto writing = std::async(std::launch::async, [&] {
             return pair.client.WriteAll(head.data(), head.size(), tail.data(), tail.size(), timeoutMs);
         });
-        EXPECT_EQ(Read(*pair.pServer, head.size() + tail.size()), head + tail);
+        EXPECT_EQ(ReadBytes(*pair.pServer, head.size() + tail.size()), head + tail);
         const TcpSocket::IoResult result = writing.get();
         EXPECT_EQ(result.status, TcpSocket::Done);
         EXPECT_EQ(result.bytes, head.size() + tail.size());
@@ -317,7 +283,7 @@ TEST(UnixSocketTest, ReportsTheEndOfTheStreamWhenThePeerCloses)
     UnixPair pair;
     EXPECT_EQ(pair.pServer->WriteAll("last", 4, Infinite).status, TcpSocket::Done);
     pair.pServer.reset();
-    EXPECT_EQ(Read(pair.client, 4), "last");
+    EXPECT_EQ(ReadBytes(pair.client, 4), "last");
     char byte = 0;
     EXPECT_EQ(pair.client.ReadSome(&byte, 1, Infinite).status, TcpSocket::EndOfStream);
     EXPECT_EQ(pair.client.ReadSome(&byte, 1, 0).status, TcpSocket::EndOfStream);
@@ -393,7 +359,7 @@ TEST(UnixSocketTest, WaitTellsAndWakeEndsItAsOverTcp)
     EXPECT_EQ(pair.client.Wait(true, true, 0), TcpSocket::Writable);
     pair.pServer->WriteAll("x", 1, LimitMs);
     EXPECT_EQ(pair.client.Wait(true, false, LimitMs), TcpSocket::Readable);
-    EXPECT_EQ(Read(pair.client, 1), "x");
+    EXPECT_EQ(ReadBytes(pair.client, 1), "x");
     auto waiting = std::async(std::launch::async, [&] { return pair.client.Wait(true, false, LimitMs); });
     pair.client.Wake();
     EXPECT_EQ(waiting.get(), TcpSocket::Woken);
@@ -477,11 +443,11 @@ TEST(UnixSocketTest, DescriptorsThatAPeerSendsAreClosed)
     for (int i = 0; i < 20; ++i)
     {
         SendDescriptors(client.Get());
-        EXPECT_EQ(Read(*pServer, 1), "d");
+        EXPECT_EQ(ReadBytes(*pServer, 1), "d");
         EXPECT_EQ(OpenDescriptors(), before);
     }
     EXPECT_EQ(send(client.Get(), "x", 1, MSG_NOSIGNAL), 1);
-    EXPECT_EQ(Read(*pServer, 1), "x");
+    EXPECT_EQ(ReadBytes(*pServer, 1), "x");
 }
 
 }  // namespace

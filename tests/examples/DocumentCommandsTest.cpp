@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ConsoleExamples.h"
 #include "support/ServerProcess.h"
 #include "support/TemporaryFolder.h"
 
@@ -20,39 +21,6 @@ namespace
 {
 
 namespace fs = std::filesystem;
-
-struct Command
-{
-    std::size_t line;
-    std::string text;
-    std::string output;
-};
-
-/// The `$ ` lines of ```console blocks, each with the lines below it.
-std::vector<Command> ReadCommands(const std::string& path)
-{
-    std::ifstream document(path);
-    std::vector<Command> commands;
-    bool inBlock = false;
-    std::size_t number = 0;
-    for (std::string line; std::getline(document, line);)
-    {
-        ++number;
-        if (line.starts_with("```"))
-        {
-            inBlock = line == "```console";
-        }
-        else if (inBlock && line.starts_with("$ "))
-        {
-            commands.push_back({number, line.substr(2), ""});
-        }
-        else if (inBlock)
-        {
-            commands.back().output += line + '\n';
-        }
-    }
-    return commands;
-}
 
 /// A folder that looks like the root of the tree after scripts/quickstart. Its programs are those of this build, and
 /// speak to a server of the test where they would speak to the one at the usual port.
@@ -106,11 +74,11 @@ protected:
     }
 
     /// Leaves it running, once the server has its subscription: what changes from then on is told.
-    void RunInBackground(const Command& command)
+    void RunInBackground(const ConsoleExample& example)
     {
-        const std::string text = "exec " + command.text.substr(0, command.text.rfind('&'));
+        const std::string text = "exec " + example.command.substr(0, example.command.rfind('&'));
         _pBackground = std::make_unique<ChildProcess>(Shell(text), ChildProcess::Variables{{"TEST_SERVER", _server}});
-        _told = command.output;
+        _told = example.output;
         _pBackground->AwaitOutput(_told);
         RawClient observer(_pServer->GetPort());
         EXPECT_TRUE(Eventually([&] {
@@ -120,41 +88,41 @@ protected:
     }
 
     /// What the command does not print itself, the one in the background prints because of it.
-    void Run(const Command& command)
+    void Run(const ConsoleExample& example)
     {
-        ChildProcess shell(Shell(command.text), {{"TEST_SERVER", _server}});
+        ChildProcess shell(Shell(example.command), {{"TEST_SERVER", _server}});
         shell.CloseInput();
         EXPECT_EQ(shell.Wait(), 0) << shell.GetErrors();
         const std::string output = shell.GetOutput();
-        ASSERT_TRUE(command.output.starts_with(output)) << output << "instead of\n" << command.output;
-        if (output != command.output)
+        ASSERT_TRUE(example.output.starts_with(output)) << output << "instead of\n" << example.output;
+        if (output != example.output)
         {
-            ASSERT_TRUE(_pBackground) << output << "instead of\n" << command.output;
-            _told += command.output.substr(output.size());
+            ASSERT_TRUE(_pBackground) << output << "instead of\n" << example.output;
+            _told += example.output.substr(output.size());
             _pBackground->AwaitOutput(_told);
         }
     }
 
     void RunAll(const std::string& document)
     {
-        const std::vector<Command> commands = ReadCommands(document);
-        ASSERT_GT(commands.size(), 4u);
-        for (const Command& command : commands)
+        const std::vector<ConsoleExample> examples = ReadConsoleExamples(document);
+        ASSERT_GT(examples.size(), 4u);
+        for (const ConsoleExample& example : examples)
         {
-            SCOPED_TRACE(document + ", line " + std::to_string(command.line) + ": " + command.text);
+            SCOPED_TRACE(document + ", line " + std::to_string(example.line) + ": " + example.command);
             const std::string server = "korlo-settings-server ";
-            if (command.text.starts_with("PATH="))
+            if (example.command.starts_with("PATH="))
             {
-                _path = command.text;
+                _path = example.command;
             }
-            else if (command.text.starts_with(server))
+            else if (example.command.starts_with(server))
             {
-                EXPECT_EQ(command.output, "listening on 127.0.0.1:4711\n");
-                StartServer(command.text.substr(server.size()));
+                EXPECT_EQ(example.output, "listening on 127.0.0.1:4711\n");
+                StartServer(example.command.substr(server.size()));
             }
             else
             {
-                command.text.ends_with(" &") ? RunInBackground(command) : Run(command);
+                example.command.ends_with(" &") ? RunInBackground(example) : Run(example);
             }
         }
     }

@@ -2,20 +2,34 @@
 
 #include <cstdlib>
 #include <new>
+#include <string_view>
 
 #include <malloc.h>
+#include <pthread.h>
 
 namespace korlo
 {
 
 constinit Heap heap;
 
+namespace
+{
+
+bool MayFailHere()
+{
+    const char* const thread = heap.failingThread;
+    char name[16] = "";
+    return thread == nullptr ||
+           (pthread_getname_np(pthread_self(), name, sizeof(name)) == 0 && std::string_view(name) == thread);
+}
+
+}  // namespace
 }  // namespace korlo
 
 void* operator new(std::size_t size)
 {
     using korlo::heap;
-    if (heap.failAfter >= 0 && heap.failAfter-- == 0)
+    if (heap.failAfter >= 0 && korlo::MayFailHere() && heap.failAfter-- == 0)
     {
         throw std::bad_alloc();
     }

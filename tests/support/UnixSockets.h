@@ -19,6 +19,7 @@
 #include "korlo/osa/Mutex.h"
 #include "korlo/osa/TcpListener.h"
 #include "korlo/osa/TcpSocket.h"
+#include "support/Files.h"
 #include "support/TemporaryFolder.h"
 
 namespace korlo
@@ -106,6 +107,13 @@ private:
         return pFunction(Get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
     }
 };
+
+/// Why connecting to the socket at the path fails; empty when it does not.
+inline std::string TryToConnect(const std::string& path, unsigned int timeoutMs = 1000)
+{
+    osa::TcpSocket client(1);
+    return MessageOf([&] { client.Connect(("unix:" + path).c_str(), 0, timeoutMs); });
+}
 
 /// Leaves a socket's file behind, as a server does that is killed.
 inline void LeaveSocket(const std::string& path)

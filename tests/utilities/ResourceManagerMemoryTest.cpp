@@ -1,9 +1,7 @@
-// What a resource manager believes after memory ran out in the middle of an operation. A program of its own, because it
-// replaces the global operator new.
+// What a resource manager believes after memory ran out in the middle of an operation.
 
-#include <cstdlib>
 #include <functional>
-#include <new>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -11,43 +9,7 @@
 #include "settings/KorloSettingsClient.h"
 #include "settings/ResourceManager.h"
 #include "support/Documents.h"
-
-namespace
-{
-
-long long failAfter = -1;  // so many more allocations go well, then one fails; below 0 none does
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    void* const pBlock = failAfter >= 0 && failAfter-- == 0 ? nullptr : std::malloc(size);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return pBlock;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return std::malloc(size);
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    std::free(pBlock);
-}
-
-void operator delete(void* pBlock, std::size_t) noexcept
-{
-    std::free(pBlock);
-}
-
-void operator delete(void* pBlock, const std::nothrow_t&) noexcept
-{
-    std::free(pBlock);
-}
+#include "support/FailEachAllocation.h"
 
 namespace korlo::settings
 {
@@ -85,31 +47,21 @@ struct Budget
 };
 
 /// Runs `operation` over new budgets, failing each of its allocations in turn, and lets `check` look at what a failure
-/// has left. Returns when nothing fails any more.
+/// has left.
 void FailEach(const std::function<void(Budget&)>& prepare, const std::function<void(Budget&)>& operation,
               const std::function<void(Budget&)>& check)
 {
-    constexpr int enough = 100000;
-    for (int allocation = 0; allocation < enough; ++allocation)
-    {
-        SCOPED_TRACE(allocation);
-        Budget budget;
-        prepare(budget);
-        failAfter = allocation;
-        try
-        {
-            operation(budget);
-            failAfter = -1;
-            EXPECT_GT(allocation, 0) << "nothing was allocated";
-            return;
-        }
-        catch (const std::bad_alloc&)
-        {
-            failAfter = -1;
-        }
-        check(budget);
-    }
-    FAIL() << "it never succeeds";
+    std::optional<Budget> budget;
+    const auto renew = [&] { prepare(budget.emplace()); };
+    renew();
+    FailEachAllocation([&] { operation(*budget); },
+                       [&](bool isDone, long long) {
+                           if (!isDone)
+                           {
+                               check(*budget);
+                           }
+                           renew();
+                       });
 }
 
 TEST(ResourceManagerMemoryTest, ARefreshThatRunsOutOfMemoryChangesNoFigure)

@@ -1,8 +1,6 @@
-// What an update takes from the heap. A program of its own, because it replaces the global operator new.
+// What an update takes from the heap.
 
-#include <cstdlib>
 #include <deque>
-#include <new>
 #include <ostream>
 #include <string>
 
@@ -10,46 +8,7 @@
 
 #include "settings/KorloSettingsClient.h"
 #include "settings/SettingsWatcher.h"
-
-namespace
-{
-
-long long allocations = 0;
-long long allocatedBytes = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    void* const pBlock = std::malloc(size);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    ++allocations;
-    allocatedBytes += static_cast<long long>(size);
-    return pBlock;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return std::malloc(size);
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    std::free(pBlock);
-}
-
-void operator delete(void* pBlock, std::size_t) noexcept
-{
-    std::free(pBlock);
-}
-
-void operator delete(void* pBlock, const std::nothrow_t&) noexcept
-{
-    std::free(pBlock);
-}
+#include "support/Heap.h"
 
 namespace korlo::settings
 {
@@ -97,9 +56,9 @@ public:
         {
             _client.SetValue(SettingLocator(Group(number), "number"), std::to_string(_value));
         }
-        const Cost before{allocations, allocatedBytes};
+        const Cost before{heap.allocations, heap.requestedBytes};
         const bool updated = _watcher.UpdateSettings();
-        const Cost cost{allocations - before.allocations, allocatedBytes - before.bytes};
+        const Cost cost{heap.allocations - before.allocations, heap.requestedBytes - before.bytes};
         EXPECT_EQ(updated, changedGroups > 0);
         EXPECT_EQ(_numbers.front(), changedGroups > 0 ? _value : _numbers.front());
         return cost;

@@ -319,7 +319,7 @@ AccessRulesOutcome AccessRulesReader::Read(const std::vector<std::string>& files
     {
         try
         {
-            for (const std::string& file : SettingsFiles({path}).FindWithFolders())
+            for (const std::string& file : SettingsFiles({path}).Find(SettingsFiles::Listed))
             {
                 collector.ReadFile(file);
             }

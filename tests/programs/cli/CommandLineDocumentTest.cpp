@@ -1,48 +1,13 @@
 // Runs the examples of docs/command-line.md.
 
 #include "ToolFixture.h"
+#include "support/ConsoleExamples.h"
 #include "support/ServerProcess.h"
 
 namespace korlo::settings::cli
 {
 namespace
 {
-
-struct Example
-{
-    std::size_t line;
-    std::string command;  // may have several lines
-    std::string output;
-};
-
-/// The `$ ` lines of ```console blocks, `> ` lines that continue them, and what follows as their output.
-std::vector<Example> ReadExamples(std::istream& document)
-{
-    std::vector<Example> examples;
-    bool inBlock = false;
-    std::size_t number = 0;
-    for (std::string line; std::getline(document, line);)
-    {
-        ++number;
-        if (line.starts_with("```"))
-        {
-            inBlock = line == "```console";
-        }
-        else if (inBlock && line.starts_with("$ "))
-        {
-            examples.push_back({number, line.substr(2) + '\n', ""});
-        }
-        else if (inBlock && line.starts_with("> "))
-        {
-            examples.back().command += line.substr(2) + '\n';
-        }
-        else if (inBlock)
-        {
-            examples.back().output += line + '\n';
-        }
-    }
-    return examples;
-}
 
 class CommandLineDocumentTest : public ToolTest
 {
@@ -102,10 +67,9 @@ protected:
 
 TEST_F(CommandLineDocumentTest, EveryExampleShowsWhatTheToolDoes)
 {
-    std::ifstream document(KORLO_DOCS "/command-line.md");
-    const std::vector<Example> examples = ReadExamples(document);
+    const std::vector<ConsoleExample> examples = ReadConsoleExamples(KORLO_DOCS "/command-line.md");
     ASSERT_GT(examples.size(), 10u);
-    for (const Example& example : examples)
+    for (const ConsoleExample& example : examples)
     {
         EXPECT_EQ(Type(example.command), example.output)
             << "docs/command-line.md, line " << example.line << ": " << example.command;

@@ -26,7 +26,7 @@ namespace korlo::osa
 class TcpSocketStream : public std::iostream
 {
 public:
-    /// @param pSocket borrowed, not null, connected; must outlive this object.
+    /// @param pSocket borrowed, not null; must outlive this object, and be connected before the first read or write.
     /// @param timeoutMs the longest that one read waits for bytes and one write for the connection to take them.
     TcpSocketStream(TcpSocket* pSocket, unsigned int timeoutMs);
     TcpSocketStream(const TcpSocketStream&) = delete;
