@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -148,17 +149,19 @@ bool GetsA(const KorloSettingsClientImplMultiThreaded& client, IniFile& settings
     }
 }
 
-/// The client answers again, and hears of changes, after at most so many calls that failed.
+/// The client answers again, and hears of changes. Until its reader thread has noticed that the connection is lost,
+/// every call fails at once.
 void ExpectThatItWorks(KorloSettingsClientImplMultiThreaded& client, AwaitingCallback& callback, int value)
 {
     const std::string text = "[A]\nx=" + std::to_string(value) + "\n";
     IniFile settings;
     bool isRead = false;
-    for (int attempt = 0; attempt < 5 && !isRead; ++attempt)
+    for (const auto end = std::chrono::steady_clock::now() + 20s; !isRead && std::chrono::steady_clock::now() < end;)
     {
         isRead = GetsA(client, settings);
+        std::this_thread::yield();
     }
-    EXPECT_TRUE(isRead);
+    ASSERT_TRUE(isRead);
     client.MergeSettings(Ini(text), 0);
     EXPECT_TRUE(callback.Await(value));
     IniFile after;
