@@ -166,8 +166,8 @@ public:
 
     /// Subscribes the callback to changes of the groups, beside those that it is subscribed to already. With a server,
     /// this returns once the request is on its way; a read with the same client afterwards returns when the server has
-    /// the subscription. The client subscribes again by itself whenever it reconnects; changes that were
-    /// made while it was away are not reported.
+    /// the subscription. The client subscribes again by itself whenever it reconnects; changes that were made while it
+    /// was away are reported only if ReportMissedChanges asks for that.
     /// @param pCallback borrowed; must stay alive until it is unsubscribed or the client is destroyed. With a local
     ///        client only the latter counts; see UnSubscribe.
     /// @throws osa::Exception "callback was NULL"; "KorloSettingsClient::Subscribe not supported in single threaded
@@ -181,6 +181,32 @@ public:
     /// **A local client goes on calling the callback until the client is destroyed** (Local, and any mode with
     /// KORLO_SETTINGS_LOCALFILE).
     void UnSubscribe(IChangeCallback* pCallback);
+
+    /// Says whether subscribers are told, after the connection was lost, what has changed meanwhile. Off at the start.
+    ///
+    /// Each time that a multi-threaded client has connected again, and has made its subscriptions again, it then reads
+    /// all groups that callbacks asked for, before calls may send, and compares. A callback is called, as for a change
+    /// and before all changes from then on, with those of its groups that differ from what they held when this client
+    /// last delivered them, and with those of which it does not know: whole groups, and by its name alone a group that
+    /// is gone or may not be read any more. A group that was never delivered is compared with what this client read,
+    /// by any of the calls that read, before anybody subscribed to it: so **read first, then subscribe**, as
+    /// SettingsWatcher, IniWatcher and LogManager do. What was not read before counts as unknown, and is reported once.
+    /// Two changes while the client was away are one call, and a group that is as it was is none.
+    ///
+    /// Where a callback throws, that change counts as missed and is reported once more after the reconnection.
+    ///
+    ///     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
+    ///     client.ReportMissedChanges(true);  // before anything is read
+    ///
+    /// It costs a read of the subscribed groups for each reconnection, during which calls wait as they do without a
+    /// connection, and the name and eight bytes for each of the groups; no content is kept. While it is off nothing is
+    /// sent and nothing kept for it.
+    ///
+    /// May be called at any time, from callbacks, too. What was read or delivered before it is turned on counts as
+    /// unknown. Turning it off forgets everything; when that returns, no such call is under way, unless it was the
+    /// callback that called. Calling it with what it is already changes nothing. Local modes, LocalMultiThreaded among
+    /// them, miss nothing, and the others have no subscribers: there it does nothing.
+    void ReportMissedChanges(bool isWanted);
 
     /// Tells `pCallback` whether the client has a connection: now, on the calling thread, and then, with a
     /// multi-threaded client, whenever that changes, on its reader thread: true when callers may send and all

@@ -191,7 +191,12 @@ void KorloSettingsClient::Subscribe(IChangeCallback* pCallback, const std::strin
 
 void KorloSettingsClient::UnSubscribe(IChangeCallback* pCallback)
 {
-    _pImpl->_dispatcher.Remove(pCallback);
+    _pImpl->UnSubscribe(pCallback);
+}
+
+void KorloSettingsClient::ReportMissedChanges(bool isWanted)
+{
+    _pImpl->ReportMissedChanges(isWanted);
 }
 
 void KorloSettingsClient::SetConnectionCallback(IConnectionCallback* pCallback)

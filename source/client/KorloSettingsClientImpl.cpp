@@ -16,6 +16,15 @@ KorloSettingsClientImpl::~KorloSettingsClientImpl()
     _pLogger = nullptr;
 }
 
+void KorloSettingsClientImpl::UnSubscribe(IChangeCallback* pCallback)
+{
+    _dispatcher.Remove(pCallback);
+}
+
+void KorloSettingsClientImpl::ReportMissedChanges(bool)
+{
+}
+
 void KorloSettingsClientImpl::SetConnectionCallback(IConnectionCallback* pCallback)
 {
     const osa::MutexAutoLock lock(&_callbackMutex);

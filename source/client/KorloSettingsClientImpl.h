@@ -9,12 +9,7 @@
 #include "settings/IConnectionCallback.h"
 #include "settings/common/CallbackDispatcher.h"
 
-namespace korlo::settings
-{
-
-class KorloSettingsClient;
-
-namespace client
+namespace korlo::settings::client
 {
 
 /// The base of the client implementations. The meaning of the operations is the store's; see SettingsManager.
@@ -39,6 +34,13 @@ public:
     virtual void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) = 0;
     virtual void RestoreToDefaults(const GroupNameCollection& groups) = 0;
 
+    /// Drops all groups of the callback; an unknown one is ignored.
+    virtual void UnSubscribe(IChangeCallback* pCallback);
+
+    /// See KorloSettingsClient::ReportMissedChanges. Does nothing here: who has no connection to lose, or no
+    /// subscribers, misses nothing.
+    virtual void ReportMissedChanges(bool isWanted);
+
     /// See KorloSettingsClient::SetConnectionCallback.
     void SetConnectionCallback(IConnectionCallback* pCallback) KORLO_EXCLUDES(_callbackMutex);
 
@@ -52,8 +54,6 @@ protected:
     /// Adds what an answer held to the caller's document.
     static void AddReceived(core::IniFile& received, core::IniFile& settings);
 
-    friend class korlo::settings::KorloSettingsClient;  // removes subscribers from the dispatcher
-
     core::Logger* _pLogger;                  // not owned
     common::CallbackDispatcher _dispatcher;  // the application's subscribers
 
@@ -63,5 +63,4 @@ private:
     mutable bool _isConnected KORLO_GUARDED_BY(_callbackMutex);
 };
 
-}  // namespace client
-}  // namespace korlo::settings
+}  // namespace korlo::settings::client

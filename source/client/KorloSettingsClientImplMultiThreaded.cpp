@@ -2,10 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
 #include <utility>
 
 #include "client/RemoteCommands.h"
+#include "client/SemAutoLock.h"
 #include "common/Assertion.h"
 #include "common/Protocol.h"
 #include "korlo/osa/Exception.h"
@@ -50,38 +50,6 @@ bool Survive(const Step& step, const Log& log)
 }
 
 }  // namespace
-
-/// Holds the send semaphore to the end of the scope.
-///
-/// Thread safety: none of its own; it lives and dies on one thread.
-class KorloSettingsClientImplMultiThreaded::SemAutoLock
-{
-public:
-    SemAutoLock(osa::Semaphore& semaphore, unsigned int timeoutMs) : _semaphore(semaphore)
-    {
-        _semaphore.Lock(timeoutMs);
-    }
-
-    SemAutoLock(const SemAutoLock&) = delete;
-    SemAutoLock& operator=(const SemAutoLock&) = delete;
-
-    ~SemAutoLock()
-    {
-        try
-        {
-            _semaphore.Release();
-        }
-        catch (...)
-        {
-            // Somebody else let it go: two threads may write at once from here on, and no request could be trusted.
-            std::fputs("KorloSettingsClientImplMultiThreaded: SemAutoLock: failed to release semaphore!\n", stderr);
-            std::abort();
-        }
-    }
-
-private:
-    osa::Semaphore& _semaphore;
-};
 
 KorloSettingsClientImplMultiThreaded::KorloSettingsClientImplMultiThreaded(KorloSettingsConnection* pConnection,
                                                                            const WaitLimits& limits)
@@ -130,7 +98,7 @@ KorloSettingsClientImplMultiThreaded::~KorloSettingsClientImplMultiThreaded()
 void KorloSettingsClientImplMultiThreaded::GetSettings(const GroupNameCollection& groups, core::IniFile& settings) const
 {
     core::IniFile received;  // of an answer that is cut short, nothing may reach the caller
-    RunCommand("GetSettings", new GetSettingsCommand(&groups, &received));
+    RunCommand("GetSettings", new NotedGet(&groups, &received, _missed));
     AddReceived(received, settings);
 }
 
@@ -164,7 +132,7 @@ void KorloSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* pCallback,
     }
     common::CheckGroupList(groups);
     const unsigned int connection = SendSubscribe(groups);
-    _dispatcher.AddCallback(pCallback, groups);
+    _missed.Subscribe(pCallback, groups);
     if (_connectionCount == connection)
     {
         return;
@@ -179,6 +147,16 @@ void KorloSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* pCallback,
     {
         // No connection: the next one subscribes everything.
     }
+}
+
+void KorloSettingsClientImplMultiThreaded::UnSubscribe(IChangeCallback* pCallback)
+{
+    _missed.Unsubscribe(pCallback);
+}
+
+void KorloSettingsClientImplMultiThreaded::ReportMissedChanges(bool isWanted)
+{
+    _missed.Report(isWanted && !_pConnection->KeepsTransport());  // within the process, nothing is ever missed
 }
 
 /// Returns the number of the connection on which the groups were sent.
@@ -298,26 +276,38 @@ void KorloSettingsClientImplMultiThreaded::FailToCommunicate(const char* name) c
 // --------------|-------------------------------|----------------------------------------------------|-------------
 // Connecting    | start, Disconnected           | up to three attempts to connect; without success a | Resubscribing
 //               |                               | pause of a second, and again                       |
-// Resubscribing | Connecting                    | one request subscribes everything that callbacks   | Reading
+// Resubscribing | Connecting                    | one request subscribes everything that callbacks   | Catching up
 //               |                               | asked for                                          |
-// Reading       | Resubscribing                 | `_sendMutex` is released, "connected" reported;    | Disconnected
-//               |                               | each line is a notification, which is delivered,   |
-//               |                               | or a response, which is handed to its caller       |
+// Catching up   | Resubscribing                 | if missed changes are to be reported and there are | Reading
+//               |                               | subscriptions, one request reads the same groups;  |
+//               |                               | notifications that come before its answer are kept |
+// Reading       | Catching up                   | `_sendMutex` is released, "connected" reported;    | Disconnected
+//               |                               | what differs in the answer is delivered, then the  |
+//               |                               | notifications that were kept; then each line is a  |
+//               |                               | notification, which is delivered, or a response,   |
+//               |                               | which is handed to its caller                      |
 // Disconnected  | Reading when a read fails, a  | "not connected" is reported and `_sendMutex` taken | Connecting
-//               | request was lost, or a line   | (not from Resubscribing); a pause of a second; the |
+//               | request was lost, or a line   | (only from Reading); a pause of a second; the      |
 //               | or a callback throws;         | command that awaits its response is dropped, and   |
-//               | Resubscribing when it throws  | its caller, or the next one, told of the failure   |
+//               | Resubscribing when it throws; | its caller, or the next one, told of the failure   |
+//               | Catching up when it throws or |                                                    |
+//               | the connection is lost        |                                                    |
 // the end       | Connecting, once the          |                                                    |
 //               | destructor has asked for it   |                                                    |
 void KorloSettingsClientImplMultiThreaded::Run()
 {
     while (EstablishConnection())
     {
-        if (Survive([this] { Resubscribe(); }))
+        CatchUp catchUp(_missed);
+        bool isReady = false;
+        if (Survive([&] { isReady = Resubscribe(catchUp); }) && isReady)
         {
             _sendMutex.Release();
             Report(!_outputFailed);
-            Survive([this] { ReadUntilLost(); });
+            Survive([&] {
+                catchUp.Deliver();
+                ReadUntilLost();
+            });
             Report(false);
             _sendMutex.Lock(osa::Infinite);
         }
@@ -360,18 +350,30 @@ void KorloSettingsClientImplMultiThreaded::Connect() const
     _pConnection->EnsureConnection(ConnectionAttempts);
 }
 
-void KorloSettingsClientImplMultiThreaded::Resubscribe()
+/// Returns false when the connection was lost while missed changes were read. The first connection reads none: nobody
+/// could subscribe before it.
+bool KorloSettingsClientImplMultiThreaded::Resubscribe(CatchUp& catchUp)
 {
     ++_connectionCount;  // before the groups are gathered: see Subscribe
     _outputFailed = false;
     GroupNameCollection groups;
     _dispatcher.GetAllSubscribedGroups(groups);
+    bool isReady = true;
     if (!groups.empty())
     {
         _pLogger->Information("Resubscribing %d groups", static_cast<int>(groups.size()));
         WriteOrDrop([&](std::ostream& out) { common::RequestWriter(out).Subscribe(groups); });
+        if (_missed.IsWanted())
+        {
+            isReady = WriteOrDrop([&](std::ostream& out) { common::RequestWriter(out).Get(groups); }) &&
+                      catchUp.Read(*_pConnection->GetIstream(), groups);
+        }
     }
-    _pLogger->Information("Connected to korlo-settings-server, releasing semaphore");
+    if (isReady)
+    {
+        _pLogger->Information("Connected to korlo-settings-server, releasing semaphore");
+    }
+    return isReady;
 }
 
 /// A connection within the process is never lost, as far as anybody is concerned; and an owner who destroys the client
@@ -395,23 +397,16 @@ void KorloSettingsClientImplMultiThreaded::ReadUntilLost()
 
 void KorloSettingsClientImplMultiThreaded::ReadLine(const std::string& line)
 {
-    if (line.empty())
+    const std::string_view keyword = KeywordOf(line);
+    if (keyword != common::word::Async)
     {
-        throw std::runtime_error("Unexpected empty line returned from tcp connection with korlo-settings-server");
+        HandleResponse(keyword);
+        return;
     }
-    const std::string_view keyword = common::FirstWord(line);
-    keyword == common::word::Async ? HandleNotification() : HandleResponse(keyword);
-}
-
-void KorloSettingsClientImplMultiThreaded::HandleNotification()
-{
-    std::istream& in = *_pConnection->GetIstream();
-    GroupNameCollection groups;
-    core::IniFile settings;
-    common::ResponseReader(in).ReadNotification(groups, settings);
-    if (in.good())  // else the connection was cut inside the message, and what came of it tells nothing
+    ChangeNotice change;
+    if (ReadNotification(*_pConnection->GetIstream(), change))
     {
-        _dispatcher.OnChange(groups, settings);
+        _missed.Deliver(change);
     }
 }
 

@@ -7,8 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include "client/CatchUp.h"
 #include "client/KorloSettingsClientImpl.h"
 #include "client/KorloSettingsConnection.h"
+#include "client/MissedChanges.h"
 #include "client/RemoteCommand.h"
 #include "client/StopRequest.h"
 #include "client/tMsgQueue.h"
@@ -50,6 +52,14 @@ struct WaitLimits
 /// A failure status is posted whenever the connection is lost, whether or not a caller waits. Left over by a connection
 /// that broke while nobody waited, it makes exactly one later call fail, before that call sends anything.
 ///
+/// All changes reach the subscribers by `_missed`, which remembers what it delivered if somebody wants to hear of
+/// changes that were missed. These are read by the reader thread before it releases `_sendMutex`, so that no caller's
+/// request comes before that read and nobody else awaits an answer; and delivered after it has released it, since a
+/// callback may make a change and would wait for the semaphore that its own thread holds. The read is answered behind
+/// the subscription on the same connection, so that of no change it is unknown whether it came before: what is missing
+/// in the answer is notified later. What is notified before the answer is kept until the missed changes are delivered;
+/// it may be older than the answer, and then what is as new as the answer is notified, too, behind it.
+///
 /// Thread safety: all methods, from any thread. Callbacks run on the reader thread: they may change settings, subscribe
 /// and unsubscribe, but not ask this client for a response, which only their own thread could read.
 class KorloSettingsClientImplMultiThreaded : public KorloSettingsClientImpl, public osa::Runnable
@@ -78,6 +88,8 @@ public:
     void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups) override;
     void OverwriteSettings(const GroupNameCollection& groups, const core::IniFile& settings) override;
     void RestoreToDefaults(const GroupNameCollection& groups) override;
+    void UnSubscribe(IChangeCallback* pCallback) override;
+    void ReportMissedChanges(bool isWanted) override;
 
     /// The reader thread.
     void Run() override;
@@ -94,8 +106,6 @@ public:
     bool RunCommand(const char* name, RemoteCommand* pCommand) const;
 
 private:
-    class SemAutoLock;
-
     bool SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const;
     void Send(const char* name, RemoteCommand& command) const;
     unsigned int SendSubscribe(const GroupNameCollection& groups) const;
@@ -109,17 +119,17 @@ private:
     bool Survive(const Step& step) const;
     bool EstablishConnection();
     void Connect() const;
-    void Resubscribe();
+    bool Resubscribe(CatchUp& catchUp);
     void Report(bool isConnected);
     void ReadUntilLost();
     void ReadLine(const std::string& line);
-    void HandleNotification();
     void HandleResponse(std::string_view keyword);
     void LeaveConnection();
     void CleanRequestQueue();
     void PostFailure();
 
     osa::Thread _thread;
+    mutable MissedChanges _missed{_dispatcher};
     mutable StopRequest _stopRequested;  // lent to the connection
     std::unique_ptr<KorloSettingsConnection> _pConnection;
     mutable osa::Mutex _commandMutex;

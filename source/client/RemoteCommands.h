@@ -21,10 +21,8 @@ public:
     /// Adds the body to the result, as far as it can be read; always true.
     bool HandleResponse(std::istream& in) override;
 
-private:
-    const GroupNameCollection* _pGroups;
-
 protected:
+    const GroupNameCollection* const _pGroups;
     core::IniFile* const _pResult;
 };
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "korlo/core/StringUtil.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::settings::common
@@ -98,11 +99,21 @@ void CallbackDispatcher::Index::Remove(const GroupNameMatcher& subscribed) noexc
 
 bool CallbackDispatcher::Index::SelectsAny(const GroupNameCollection& groups) const
 {
-    return std::any_of(groups.begin(), groups.end(),
-                       [this](const std::string& group) { return _names.contains(HashOf(group)); }) ||
+    return std::any_of(groups.begin(), groups.end(), [this](const std::string& group) { return MayHoldName(group); }) ||
            std::any_of(_patterns.begin(), _patterns.end(), [&groups](const auto& pattern) {
                return GroupNameMatcher::PatternSelectsAny(pattern.first, groups);
            });
+}
+
+bool CallbackDispatcher::Index::MayHoldName(const std::string& name) const
+{
+    return _names.contains(HashOf(name));
+}
+
+bool CallbackDispatcher::Index::PatternMatches(const std::string& name) const
+{
+    return std::any_of(_patterns.begin(), _patterns.end(),
+                       [&name](const auto& pattern) { return core::StringUtil::MatchesPattern(pattern.first, name); });
 }
 
 void CallbackDispatcher::AddCallback(IChangeCallback* pCallback, const GroupNameCollection& groups)
@@ -174,6 +185,25 @@ void CallbackDispatcher::GetAllSubscribedGroups(GroupNameCollection& groups) con
         groups.insert(matcher.GetNames().begin(), matcher.GetNames().end());
         groups.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
     }
+}
+
+bool CallbackDispatcher::IsAskedFor(const std::string& group) const
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    return _index.PatternMatches(group) || IsNamed(group);
+}
+
+bool CallbackDispatcher::IsAskedForByName(const std::string& group) const
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    return IsNamed(group);
+}
+
+bool CallbackDispatcher::IsNamed(const std::string& group) const
+{
+    return _index.MayHoldName(group) &&
+           std::any_of(_subscriptions.begin(), _subscriptions.end(),
+                       [&group](const auto& subscription) { return subscription.second.GetNames().contains(group); });
 }
 
 }  // namespace korlo::settings::common

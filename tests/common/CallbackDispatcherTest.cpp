@@ -47,6 +47,28 @@ TEST(CallbackDispatcherTest, AChangeThatNobodyAskedForCallsNobody)
     EXPECT_TRUE(nothing.GetChanges().empty());
 }
 
+TEST(CallbackDispatcherTest, TellsWhetherAGroupWasAskedForByNameOrByPattern)
+{
+    CallbackDispatcher dispatcher;
+    RecordingCallback audio;
+    RecordingCallback video;
+    EXPECT_FALSE(dispatcher.IsAskedFor("Audio"));
+    dispatcher.AddCallback(&audio, GroupNameCollection{"Audio"});
+    dispatcher.AddCallback(&video, GroupNameCollection{"Net", "Video/*"});
+    for (const char* group : {"Audio", "Net", "Video/", "Video/Out"})
+    {
+        SCOPED_TRACE(group);
+        EXPECT_TRUE(dispatcher.IsAskedFor(group));
+        EXPECT_EQ(dispatcher.IsAskedForByName(group), !std::string(group).starts_with("Video/"));
+    }
+    for (const char* group : {"", "Aud", "Audio/Out", "Video", "Network"})
+    {
+        SCOPED_TRACE(group);
+        EXPECT_FALSE(dispatcher.IsAskedFor(group));
+        EXPECT_FALSE(dispatcher.IsAskedForByName(group));
+    }
+}
+
 TEST(CallbackDispatcherTest, ASubscriberIsCalledOnceWithTheGroupsThatItAskedForAndTheWholeDocument)
 {
     CallbackDispatcher dispatcher;

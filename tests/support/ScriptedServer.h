@@ -13,7 +13,7 @@
 namespace korlo::settings
 {
 
-/// Listens on a free port, where every client of this process finds it as long as it lives.
+/// Listens on a free port, or where the test says, and every client of this process finds it as long as it lives.
 ///
 /// Thread safety: none of its own; the owner guards it.
 class ScriptedServer
@@ -54,10 +54,10 @@ public:
         osa::TcpSocketStream _stream;
     };
 
-    ScriptedServer()
+    /// @param address as TcpListener takes it.
+    explicit ScriptedServer(const std::string& address = "127.0.0.1") : _listener(address, 0)
     {
-        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, "127.0.0.1",
-                                        _listener.GetPort());
+        osa::ServiceDirectory::Register(client::KorloSettingsTcpConnection::ServerHost, address, _listener.GetPort());
     }
 
     ScriptedServer(const ScriptedServer&) = delete;
@@ -74,7 +74,7 @@ public:
     void Close() { _listener.Close(); }
 
 private:
-    osa::TcpListener _listener{"127.0.0.1", 0};
+    osa::TcpListener _listener;
 };
 
 }  // namespace korlo::settings

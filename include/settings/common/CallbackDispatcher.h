@@ -14,7 +14,11 @@
 namespace korlo::settings
 {
 
-class KorloSettingsClient;
+namespace client
+{
+class KorloSettingsClientImpl;
+class MissedChanges;
+}  // namespace client
 
 namespace server
 {
@@ -60,9 +64,16 @@ public:
     /// Adds to `groups` every name and every pattern of every subscriber; `groups` is not cleared first.
     void GetAllSubscribedGroups(GroupNameCollection& groups) const KORLO_EXCLUDES(_mutex);
 
+    /// True when any subscriber asked for the group, by name or by pattern. Allocates nothing.
+    bool IsAskedFor(const std::string& group) const KORLO_EXCLUDES(_mutex);
+
+    /// True when any subscriber asked for the group by its exact name. Allocates nothing.
+    bool IsAskedForByName(const std::string& group) const KORLO_EXCLUDES(_mutex);
+
 private:
-    // The two classes that remove subscribers.
-    friend class korlo::settings::KorloSettingsClient;
+    // The classes that remove subscribers.
+    friend class korlo::settings::client::KorloSettingsClientImpl;
+    friend class korlo::settings::client::MissedChanges;
     friend class korlo::settings::server::SettingsManager;
 
     using SubscriptionMap = std::map<IChangeCallback*, GroupNameMatcher>;
@@ -87,6 +98,12 @@ private:
 
         bool SelectsAny(const GroupNameCollection& groups) const;
 
+        /// False when nobody asked for the name; true when somebody did, or for a name of the same hash.
+        bool MayHoldName(const std::string& name) const;
+
+        /// True when a pattern matches the name.
+        bool PatternMatches(const std::string& name) const;
+
     private:
         std::map<std::uint32_t, std::uint32_t> _names;  // by the hash
         std::map<std::string, std::uint32_t> _patterns;
@@ -97,6 +114,8 @@ private:
 
     /// Drops all that the subscriber has asked for; an unknown one is ignored. For those who remove subscribers.
     void Remove(IChangeCallback* pCallback) KORLO_EXCLUDES(_mutex);
+
+    bool IsNamed(const std::string& group) const KORLO_REQUIRES(_mutex);
 
     mutable osa::Mutex _mutex;
     SubscriptionMap _subscriptions KORLO_GUARDED_BY(_mutex);  // keys borrowed
