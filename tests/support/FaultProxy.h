@@ -24,6 +24,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace korlo
@@ -55,17 +56,28 @@ public:
         Stall       ///< Nothing of this direction is read any more, until Resume.
     };
 
-    explicit FaultProxy(unsigned short serverPort) : _serverPort(serverPort)
+    explicit FaultProxy(unsigned short serverPort)
+        : _listener(::socket(AF_INET, ListenerType, 0)),
+          _serverPort(serverPort)
     {
         sockaddr_in address = Loopback(0);
+        Listen(address);
         socklen_t length = sizeof(address);
-        if (::bind(_listener.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-            ::listen(_listener.Get(), SOMAXCONN) != 0 ||
-            ::getsockname(_listener.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        {
-            throw std::system_error(errno, std::generic_category(), "FaultProxy");
-        }
+        ::getsockname(_listener.Get(), reinterpret_cast<sockaddr*>(&address), &length);
         _port = ntohs(address.sin_port);
+        _thread = std::thread([this] { Run(); });
+    }
+
+    /// Its clients come by a Unix-domain socket, where a reset is an end without a word.
+    /// @param path short, and nothing is there.
+    FaultProxy(unsigned short serverPort, const std::string& path)
+        : _listener(::socket(AF_UNIX, ListenerType, 0)),
+          _serverPort(serverPort)
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        Listen(address);
         _thread = std::thread([this] { Run(); });
     }
 
@@ -222,6 +234,16 @@ private:
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         return address;
+    }
+
+    template <typename Address>
+    void Listen(const Address& address) const
+    {
+        if (::bind(_listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+            ::listen(_listener.Get(), SOMAXCONN) != 0)
+        {
+            throw std::system_error(errno, std::generic_category(), "FaultProxy");
+        }
     }
 
     template <typename Change>
@@ -436,7 +458,9 @@ private:
         _hasStruck = true;
     }
 
-    const Socket _listener{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    static constexpr int ListenerType = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+
+    const Socket _listener;
     const Socket _wake{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     unsigned short _port = 0;
 

@@ -54,6 +54,8 @@ public:
 
     server::SettingsManager& GetStore() { return _store; }
 
+    unsigned short GetPort() const { return _listener.GetPort(); }
+
     /// Ends every connection, as a server that is killed does.
     void DropClients()
     {
