@@ -119,7 +119,8 @@ const std::vector<Command>& AllCommands()
          "  korlo-settings --server 127.0.0.1:4711 watch '*' --count 1 --json\n",
          "Prints the groups that changed, whole, under a comment with their names; an erased group is named "
          "only. With --json, an object a line. SIGINT and SIGTERM end it with status 0. When the server goes, "
-         "it waits for the server to come back; standard error tells of both, and when the watching begins. "
+         "it waits for the server to come back, and then prints what has changed meanwhile; standard error tells of "
+         "both, and when the watching begins. "
          "With --local, the changes are those of this process: it merges the INI documents on standard "
          "input, which lines of a single '.' separate, into FILE one by one, and ends with them.",
          1, Command::AnyNumber, Count, RunWatch},

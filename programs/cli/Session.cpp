@@ -150,6 +150,13 @@ void Session::Subscribe(IChangeCallback& callback, const GroupNameCollection& gr
 {
     KorloSettingsClient& client = Client();
     Guarded([&] {
+        // What the client has read is what it compares with when it comes back.
+        client.ReportMissedChanges(true);
+        if (!IsInProcess())
+        {
+            core::IniFile before;
+            client.GetSettings(groups, before);
+        }
         client.Subscribe(&callback, groups);
         // Whoever is subscribed hears no confirmation. The answer to a later request on the same connection is one.
         core::IniFile nothing;

@@ -55,7 +55,8 @@ public:
     /// The same for a change that is not persisted: it is not written to the local file.
     void ChangeForNow(const Operation& operation);
 
-    /// For the Watching purpose. When this returns, no later change is missed.
+    /// For the Watching purpose. When this returns, no later change is missed; what changes while a server is away is
+    /// reported when it is back.
     /// @param callback borrowed; must outlive this session.
     /// @param connection the same; hears of what becomes of the connection from then on.
     void Subscribe(IChangeCallback& callback, const GroupNameCollection& groups, IConnectionCallback& connection);

@@ -328,6 +328,28 @@ TEST_F(SettingsToolServerTest, WatchersCarryOnAfterTheServerWasKilled)
     }
 }
 
+TEST_F(SettingsToolServerTest, WatchersPrintWhatChangedWhileTheServerWasAway)
+{
+    const auto pWatcher = Watch({"*"});
+    ChildProcess asJson(Command({"--server", _address, "--json", "watch", "Net/*", "Audio"}));
+    asJson.AwaitErrors("watching\n");
+    _server->End(SIGKILL);
+    Write("defaults.ini", "[Audio]\nring=80\nvolume=40\n[Counter]\nvalue=7\n[Net/Wifi]\nchannel=1\n");
+    Start();
+    pWatcher->AwaitOutput("\n\n");
+    asJson.AwaitOutput("\n");
+
+    ASSERT_EQ(OnServer({"set", "[Audio]volume", "1"}).status, 0);
+    pWatcher->AwaitOutput("# changed: Audio\n[Audio]\nring=80\nvolume=1\n\n");
+    asJson.AwaitOutput("\"volume\":\"1\"}}}\n");
+    EXPECT_EQ(pWatcher->GetOutput(), "# changed: Counter, Net/Guest, Net/Wifi\n"
+                                     "[Counter]\nvalue=7\n[Net/Wifi]\nchannel=1\n\n"
+                                     "# changed: Audio\n[Audio]\nring=80\nvolume=1\n\n");
+    EXPECT_EQ(asJson.GetOutput(),
+              "{\"groups\":[\"Net/Guest\",\"Net/Wifi\"],\"settings\":{\"Net/Wifi\":{\"channel\":\"1\"}}}\n"
+              "{\"groups\":[\"Audio\"],\"settings\":{\"Audio\":{\"ring\":\"80\",\"volume\":\"1\"}}}\n");
+}
+
 TEST_F(SettingsToolServerTest, AWatcherWithoutItsServerEndsOnASignal)
 {
     const auto pWatcher = Watch({"Audio"});
