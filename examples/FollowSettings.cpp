@@ -29,6 +29,7 @@ void Run(const Operands&, Termination& termination)
     // [follow]
     // In this order: the watcher is destroyed before its client and its variables.
     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
+    client.ReportMissedChanges(true);  // also what changed while the server was away
     int volume = 0;
     bool echoCancel = false;
     std::string ringtone;

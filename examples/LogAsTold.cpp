@@ -60,6 +60,7 @@ void Run(const Operands& operands, Termination& termination)
     }
     // [manage]
     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
+    client.ReportMissedChanges(true);                      // also what changed while the server was away
     const LogManager logManager(&client, "Log/Doorbell");  // from here on the group says how the process logs
     // [end]
     std::cout << "ready" << std::endl;

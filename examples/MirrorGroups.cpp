@@ -30,6 +30,7 @@ void Run(const Operands& patterns, Termination& termination)
 {
     // [mirror]
     KorloSettingsClient client(KorloSettingsClient::MultiThreaded);
+    client.ReportMissedChanges(true);  // also what changed while the server was away
     IniFile mirror;
     IniWatcher watcher(&client, &mirror);  // is destroyed before its document and its client
     for (const std::string& pattern : patterns)

@@ -22,9 +22,9 @@ namespace korlo::settings
 /// stays made.
 ///
 /// With either, the subscribers after one that throws do not hear of that change, and no callback may destroy the
-/// client that calls it. A callback delays all later ones, and every answer to a multi-threaded client, whose reader
-/// thread has a stack of 32 KiB. One that changes a group that it is subscribed to is called again: by a local client
-/// within that very change.
+/// client that calls it. (A client that reports missed changes calls them all once more when it is back.) A callback
+/// delays all later ones, and every answer to a multi-threaded client, whose reader thread has a stack of 32 KiB. One
+/// that changes a group that it is subscribed to is called again: by a local client within that very change.
 ///
 /// Thread safety: OnChange is called on the thread that is named above, never on two at a time by one client.
 class IChangeCallback

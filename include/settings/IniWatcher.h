@@ -22,7 +22,8 @@ class KorloSettingsClient;
 ///             Apply(mirror);
 ///
 /// A change that is made between the first reading and the subscription, both in the first Update, shows up with its
-/// group's next change.
+/// group's next change. What changes while the client has no connection is collected when it is back, if
+/// KorloSettingsClient::ReportMissedChanges was turned on before the first Update, and else shows up likewise.
 ///
 /// Thread safety: one thread owns the watcher and the document; notifications come on the client's thread. It may be
 /// destroyed while they arrive, unless the client is local: that one goes on calling, so the watcher must outlive

@@ -15,6 +15,9 @@ class KorloSettingsClient;
 /// which are persisted; its other keys stay. A group that has "log.level" is not written. A group that names no output,
 /// or that is erased later, leaves the messages to standard error.
 ///
+/// After the client had no connection, the logging follows a group that is different then if
+/// KorloSettingsClient::ReportMissedChanges was turned on before the construction.
+///
 /// Thread safety: construction and destruction on any one thread; reconfigurations come on the client's notification
 /// thread. It may be destroyed while notifications arrive, unless the client is local: that one goes on calling, so the
 /// log manager must outlive whatever can still change the group.

@@ -19,6 +19,9 @@ class KorloSettingsClient;
 ///         if (watcher.UpdateSettings())
 ///             SetVolume(volume);
 ///
+/// After the client had no connection, the variables follow what changed meanwhile if
+/// KorloSettingsClient::ReportMissedChanges was turned on before the first UpdateSettings.
+///
 /// A setting that is missing or malformed writes 0, false or the empty string.
 ///
 /// Thread safety: one thread owns the watcher and the variables. It may be destroyed when an IniWatcher may.
