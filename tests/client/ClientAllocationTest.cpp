@@ -199,5 +199,31 @@ TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
     }
 }
 
+TEST(ClientAllocationTest, NoFailedAllocationLosesAMissedChange)
+{
+    core::Logger::ClearAppenders();
+    SettingsServer server;
+    bool hasStruck = true;
+    for (int after = 0; hasStruck; ++after)
+    {
+        SCOPED_TRACE(after);
+        AwaitingCallback callback;
+        KorloSettingsClientImplMultiThreaded client(new KorloSettingsTcpConnection, WaitLimits{20000, 1000, 1, 1000});
+        client.ReportMissedChanges(true);
+        IniFile settings;
+        ASSERT_TRUE(GetsA(client, settings));
+        client.Subscribe(&callback, {"A", "B*"});
+        ASSERT_TRUE(GetsA(client, settings));
+        {
+            const MemoryFault fault(ReaderThread, after);
+            server.DropClients();
+            server.GetStore().MergeSettings(Ini("[A]\nx=" + std::to_string(after) + "\n[B1]\ny=1\n"), 0);
+            EXPECT_TRUE(callback.Await(after));
+            hasStruck = fault.HasStruck();
+        }
+        ExpectThatItWorks(client, callback, after + 1'000'000);
+    }
+}
+
 }  // namespace
 }  // namespace korlo::settings::client
