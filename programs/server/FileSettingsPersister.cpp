@@ -224,6 +224,7 @@ void FileSettingsPersister::SaveWhatIsUnsaved(const TakeText& takeText)
     const std::uint64_t begun = _record.CountBegun();
     std::string text = takeText();
     const osa::MutexAutoLock lock(&_saveMutex);
+    // cppcheck-suppress knownConditionTrueFalse ; others save meanwhile
     if (_record.CountBegun() == begun)
     {
         Attempt([&text] { return std::move(text); });
