@@ -13,6 +13,9 @@ namespace korlo::control
 inline constexpr const char* DefaultPath = "/run/korlo-settings/control";
 
 // A request is one line: a word, and its operands behind blanks.
+inline constexpr const char* Status = "status";               // no operand
+inline constexpr const char* Clients = "clients";             // no operand
+inline constexpr const char* Save = "save";                   // no operand
 inline constexpr const char* AccessCheck = "access-check";    // USER read|change GROUP
 inline constexpr const char* AccessReload = "access-reload";  // no operand
 

@@ -22,6 +22,20 @@ unsigned long ParseCount(const std::string& text)
     return count;
 }
 
+unsigned long ParseWait(const std::string& text)
+{
+    constexpr unsigned long mostSeconds = 365ul * 24 * 60 * 60;
+    unsigned long seconds = 0;
+    const char* pEnd = text.data() + text.size();
+    const auto [pRest, error] = std::from_chars(text.data(), pEnd, seconds);
+    if (error != std::errc() || pRest != pEnd || seconds > mostSeconds)
+    {
+        throw Failure(StatusWrongCommandLine, "--wait takes a whole number of seconds, not " + Quoted(text),
+                      "for example --wait 30");
+    }
+    return seconds;
+}
+
 std::string ParseControlPath(const std::string& path)
 {
     if (path.empty())
@@ -44,6 +58,9 @@ constexpr Option Count[] = {
      [](Invocation& invocation, const std::string& value) { invocation.count = ParseCount(value); }}};
 constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user layer alone.",
                            [](Invocation& invocation, const std::string&) { invocation.all = true; }}};
+constexpr Option Wait[] = {
+    {"--wait", "SECONDS", "Wait until the server is there, but no longer than that.",
+     [](Invocation& invocation, const std::string& value) { invocation.waitSeconds = ParseWait(value); }}};
 
 // What all of them take.
 constexpr Option OfTool[] = {
@@ -149,6 +166,23 @@ const std::vector<Command>& AllCommands()
          "  korlo-settings check device.ini network.ini\n",
          "Prints each as FILE:LINE: message. Status 1 when there are any, 3 when a file cannot be read.", 1,
          Command::AnyNumber, NoOptions, RunCheck},
+        {"status", "", "Tells how the server is: its store, saves, clients, doors and files.",
+         "  korlo-settings status\n"
+         "  korlo-settings status --wait 30 --json\n",
+         "Asks the control door of the server, whatever --server and --local say; the answer comes while a disk hangs, "
+         "too. Status 0 when all is well, 1 when a change is unsaved because a save failed, 3 when the server is not "
+         "there. With --json, an object with the names of the server's own answer.",
+         0, 0, Wait, RunStatus},
+        {"clients", "", "Tells who is connected to the server, what they watch, and what waits for them.",
+         "  korlo-settings clients\n"
+         "  korlo-settings clients --json\n",
+         "Asks the control door of the server, whatever --server and --local say. With --json, an array of objects.", 0,
+         0, NoOptions, RunClients},
+        {"save", "", "Returns when everything that was changed before is on the disk.", "  korlo-settings save\n",
+         "Asks the control door of the server, whatever --server and --local say. A server that gathers changes "
+         "(--save-delay) saves at once. Status 1, with the reason, when the save fails; 3 when the server is not "
+         "there.",
+         0, 0, NoOptions, RunSave},
         {"access check", "USER read|change GROUP", "Tells whether a user may read or change a group, and why.",
          "  korlo-settings access check www-data read Network/Wifi\n"
          "  korlo-settings access check 33 change 'Network/*' --json\n",

@@ -28,6 +28,11 @@ ExitStatus RunWatch(const Invocation& invocation);
 ExitStatus RunResourceShow(const Invocation& invocation);
 ExitStatus RunResourceReserve(const Invocation& invocation);
 
+// StatusCommands.cpp
+ExitStatus RunStatus(const Invocation& invocation);
+ExitStatus RunClients(const Invocation& invocation);
+ExitStatus RunSave(const Invocation& invocation);
+
 // AccessCommands.cpp
 ExitStatus RunAccessCheck(const Invocation& invocation);
 ExitStatus RunAccessReload(const Invocation& invocation);

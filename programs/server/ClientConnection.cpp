@@ -11,6 +11,7 @@
 #include "ClientInput.h"
 #include "Peer.h"
 #include "korlo/osa/Exception.h"
+#include "korlo/osa/PeerIdentity.h"
 #include "settings/server/ClientHandler.h"
 #include "settings/server/SettingsManager.h"
 
@@ -112,6 +113,7 @@ public:
           _round(connection._gathered),
           _input(*connection._pSocket, _queue, connection._limits.maxMessage,
                  [this] {
+                     CountInput();
                      _round.Send();
                      return !_connection._isStopping;
                  }),
@@ -140,6 +142,7 @@ public:
 private:
     bool BeforeRequest() override
     {
+        CountRequest();
         _round.BeforeRequest();
         if (_input.GetUnreadBytes() > MuchInputBytes)
         {
@@ -177,6 +180,25 @@ private:
         {
             BeforeSubscription();
         }
+    }
+
+    void OnSubscribed(const settings::GroupNameCollection& groups, std::size_t count) override
+    {
+        _connection._subscribed.Add(groups, count);
+    }
+
+    /// The one before, if there was one.
+    void CountRequest()
+    {
+        const bool wasRequest = _input.GetRequestBytes() > 0;
+        _connection._requests.store(_connection._requests + (wasRequest ? 1 : 0), std::memory_order_relaxed);
+    }
+
+    void CountInput()
+    {
+        const std::size_t received = _input.GetReceivedBytes();
+        _connection._receivedBytes.store(_connection._receivedBytes + (received - _counted), std::memory_order_relaxed);
+        _counted = received;
     }
 
     /// What it asks for again costs the server as much as the first time, and counts.
@@ -222,11 +244,13 @@ private:
     std::ostream _out;
     ConnectionHandler _handler;
     std::size_t _subscribedBytes = 0;  // of all requests to subscribe
+    std::size_t _counted = 0;          // of what was received
 };
 
 ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer,
                                    const settings::server::ServerEnv& env, AccessControl& access,
-                                   const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner)
+                                   const ServerLimits& limits, GatheredQueues& gathered, IConnectionOwner& owner,
+                                   const ClientArrival& arrival)
     : _env(env),
       _limits(limits),
       _gathered(gathered),
@@ -234,6 +258,7 @@ ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, cons
       _pLogger(core::Logger::GetLogger("ClientConnection")),
       _peer(peer),
       _access(access, IdentityOf(*pSocket), _peer, SourceOf(*pSocket)),
+      _arrival(arrival),
       _pSocket(std::move(pSocket)),
       _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog, gathered)),
       _thread("Client", this, StackBytes, 0)
@@ -280,16 +305,42 @@ void ClientConnection::Serve()
     // Where the connection was broken, what failed then is only what came of it.
     if (const std::string reason = _pQueue->GetReason(); !reason.empty())
     {
+        _wasDropped = true;
         _pLogger->Warning("Client '%s' is disconnected, %s", _peer.c_str(), reason.c_str());
     }
     else if (!failure.empty() && !_pQueue->IsBroken())
     {
+        _wasDropped = true;
         _pLogger->Error("Client '%s' is disconnected, its request failed: %s", _peer.c_str(), failure.c_str());
     }
     else
     {
         _pLogger->Information("Client '%s' has disconnected", _peer.c_str());
     }
+}
+
+ClientReport ClientConnection::GetReport() const
+{
+    ClientReport report;
+    report.arrival = _arrival;
+    report.since = _since;
+    if (const osa::PeerIdentity* const pIdentity = _pSocket->GetPeerIdentity())
+    {
+        report.userId = pIdentity->user;
+        report.process = pIdentity->process;
+        report.program = pIdentity->program;
+    }
+    else
+    {
+        report.address = _pSocket->GetPeerAddress();
+    }
+    report.requests = _requests.load(std::memory_order_relaxed);
+    report.receivedBytes = _receivedBytes.load(std::memory_order_relaxed);
+    report.sentBytes = _pQueue->GetSentBytes();
+    report.waitingBytes = _pQueue->GetRefusedBytes();
+    report.refusedChanges = _access.GetRefusals();
+    report.subscriptions = _subscribed.Get(report.subscribed);
+    return report;
 }
 
 }  // namespace korlo::daemon

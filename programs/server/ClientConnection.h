@@ -2,12 +2,16 @@
 // One client of the server.
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "ClientReport.h"
 #include "NotificationRound.h"
 #include "OutgoingQueue.h"
 #include "ServerLimits.h"
+#include "SubscribedNames.h"
 #include "access/AccessControl.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpSocket.h"
@@ -35,7 +39,8 @@ public:
 /// Serves one client on a thread of its own, from the start to the client's end, Stop, or a failure, which is logged
 /// with the client's address and costs nobody else anything. The socket is closed before the thread ends.
 ///
-/// Thread safety: Start once, by the owner; Stop from any thread.
+/// Thread safety: Start once, by the owner; Stop and GetReport from any thread; WasDropped for the owner, in
+/// OnConnectionEnded and after.
 class ClientConnection final : public osa::Runnable
 {
 public:
@@ -43,7 +48,7 @@ public:
     /// @param access, gathered, owner borrowed, as are the parts of env.
     ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer,
                      const settings::server::ServerEnv& env, AccessControl& access, const ServerLimits& limits,
-                     GatheredQueues& gathered, IConnectionOwner& owner);
+                     GatheredQueues& gathered, IConnectionOwner& owner, const ClientArrival& arrival = {});
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;
 
@@ -59,6 +64,14 @@ public:
 
     void Run() override;
 
+    /// Before OnConnectionEnded, no longer: takes no lock that anybody holds while he waits for something.
+    ClientReport GetReport() const;
+
+    std::uint64_t GetNumber() const { return _arrival.number; }
+
+    /// True when the log tells of a reason for its end: neither the client nor the server just ended.
+    bool WasDropped() const { return _wasDropped; }
+
 private:
     class Session;
 
@@ -71,7 +84,14 @@ private:
     core::Logger* const _pLogger;  // not owned
     const std::string _peer;       // for people
     ClientAccess _access;
+    const ClientArrival _arrival;
+    const std::chrono::system_clock::time_point _since = std::chrono::system_clock::now();
     std::atomic<bool> _isStopping = false;
+    bool _wasDropped = false;
+
+    std::atomic<std::uint64_t> _requests = 0;       // those that are over; the connection's thread writes
+    std::atomic<std::uint64_t> _receivedBytes = 0;  // the same; up to the last wait
+    SubscribedNames _subscribed;
 
     std::unique_ptr<osa::TcpSocket> _pSocket;      // null once the connection has ended
     const std::shared_ptr<OutgoingQueue> _pQueue;  // uses the socket until it is broken; others may hold it longer

@@ -51,6 +51,9 @@ public:
     /// How much of the request was read.
     std::size_t GetRequestBytes() const { return Position() - _request; }
 
+    /// How much was received so far. May pass the greatest number and begin anew.
+    std::size_t GetReceivedBytes() const { return _end; }
+
     /// How much was received and not read.
     std::size_t GetUnreadBytes() const { return _end - Position(); }
 

@@ -5,6 +5,7 @@
 #include <exception>
 #include <utility>
 
+#include "korlo/osa/Exception.h"
 #include "korlo/stl/TextStream.h"
 
 namespace korlo::daemon
@@ -49,7 +50,7 @@ void DelayedPersister::Finish()
     _thread.Join();
     if (std::exchange(_isDirty, false))
     {
-        _target.Save(_takeText());
+        _target.Save(_takeText);
     }
 }
 
@@ -86,16 +87,21 @@ void DelayedPersister::Run()
     for (;;)
     {
         _changed.wait(lock, [this] { return _isDirty || _isStopped; });
-        _changed.wait_for(lock, std::chrono::milliseconds(pauseMs), [this] { return _isStopped; });
+        _changed.wait_for(lock, std::chrono::milliseconds(pauseMs), [this] { return _isStopped || _isUrgent; });
         if (_isStopped)
         {
             return;  // Finish saves, and tells its caller how it went
         }
         _isDirty = false;  // before the text is taken: what changes from now on is saved once more
+        _isUrgent = false;
+        ++_begun;
         lock.unlock();
         const bool isSaved = TryToSave();
         lock.lock();
         _isDirty = _isDirty || !isSaved;
+        _ended = _begun;
+        _lastSuccess = isSaved ? _ended : _lastSuccess;
+        _changed.notify_all();
         pauseMs = isSaved ? _delayMs : RetryMs + _delayMs;
     }
 }
@@ -104,7 +110,7 @@ bool DelayedPersister::TryToSave() const
 {
     try
     {
-        _target.Save(_takeText());
+        _target.Save(_takeText);
         return true;
     }
     catch (const std::exception& exception)
@@ -112,6 +118,36 @@ bool DelayedPersister::TryToSave() const
         _pLogger->Error("User settings are not saved yet: %s", exception.what());
         return false;
     }
+}
+
+void DelayedPersister::SaveNow()
+{
+    if (!_target.Saves())
+    {
+        _target.SaveWhatIsUnsaved(_takeText);  // throws, and says why
+    }
+    std::unique_lock lock(_mutex);
+    const std::uint64_t awaited = _begun + (_isDirty ? 1 : 0);  // what is not dirty went into those that have begun
+    if (_isDirty)
+    {
+        _isUrgent = true;
+        _changed.notify_all();
+    }
+    _changed.wait(lock, [this, awaited] { return _ended >= awaited || _isStopped; });
+    if (_ended < awaited)
+    {
+        throw osa::Exception("the server ends, and saves then");
+    }
+    if (_lastSuccess < awaited)
+    {
+        throw osa::Exception("%s", _target.GetRecord().GetFigures().lastFailure.c_str());
+    }
+}
+
+bool DelayedPersister::IsWaiting() const
+{
+    const std::lock_guard lock(_mutex);
+    return _isDirty;
 }
 
 }  // namespace korlo::daemon

@@ -2,7 +2,7 @@
 // Saves that wait for one another.
 
 #include <condition_variable>
-#include <functional>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -28,11 +28,11 @@ std::string UserLayerOf(const settings::server::SettingsManager& store);
 /// The first change starts the delay; when it is over, the user layer is taken from the store as it then is. So a
 /// change costs the same however large the layer has become.
 ///
-/// Thread safety: as ISettingsPersister; Start and Finish belong to the owner.
+/// Thread safety: as ISettingsPersister; SaveNow and IsWaiting from any thread; Start and Finish belong to the owner.
 class DelayedPersister : public settings::server::ISettingsPersister, private osa::Runnable
 {
 public:
-    using TakeText = std::function<std::string()>;
+    using TakeText = FileSettingsPersister::TakeText;
 
     /// @param target borrowed; where everything is loaded from and saved to.
     DelayedPersister(FileSettingsPersister& target, unsigned int delayMs);
@@ -47,6 +47,13 @@ public:
     /// Saves at once what was not saved, and ends. Nothing may be changed after.
     /// @throws osa::Exception naming the path and the reason of a save that fails.
     void Finish();
+
+    /// Saves at once what was not saved, and returns when it is on the disk. Several may wait.
+    /// @throws osa::Exception naming the path and the reason of a save that fails; it is tried again as ever.
+    void SaveNow();
+
+    /// True when something waits for the end of the delay, or for another attempt.
+    bool IsWaiting() const;
 
     void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
     void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
@@ -65,10 +72,14 @@ private:
     core::Logger* const _pLogger;  // not owned
     TakeText _takeText;
 
-    std::mutex _mutex;  // guards the two flags
+    mutable std::mutex _mutex;  // guards what follows; nobody holds it while anything is saved
     std::condition_variable _changed;
     bool _isDirty = false;
     bool _isStopped = false;
+    bool _isUrgent = false;          // somebody waits for the next attempt
+    std::uint64_t _begun = 0;        // attempts of the thread
+    std::uint64_t _ended = 0;        // as many, or one less
+    std::uint64_t _lastSuccess = 0;  // the number of an attempt, counted from 1
 
     osa::Thread _thread;  // last
 };

@@ -1,6 +1,8 @@
 #include "FileSettingsPersister.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -40,11 +42,12 @@ bool IsLeftover(const std::string& candidate, const std::string& name)
 }  // namespace
 
 FileSettingsPersister::FileSettingsPersister(const SettingsFiles& defaults, const std::string& userPath,
-                                             osa::IFileSystem& fileSystem)
+                                             osa::IFileSystem& fileSystem, LoadedFiles* pLoaded)
     : _defaults(defaults),
       _fileSystem(fileSystem),
       _file(userPath, osa::CrashSafeFile::KeepPrevious, 0640, fileSystem),
-      _pLogger(core::Logger::GetLogger("FileSettingsPersister"))
+      _pLogger(core::Logger::GetLogger("FileSettingsPersister")),
+      _pLoaded(pLoaded)
 {
 }
 
@@ -84,18 +87,37 @@ void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombin
         _pLogger->Trace("Loading default settings from '%s'", file.c_str());
         core::IniFile document(file.c_str());
         settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
-        combiner.LoadFromIni(document);
+        combiner.RunFilters(document);
+        combiner.Merge(document);
+        NoteLoaded("default", file, document);
     }
 }
 
 void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner& combiner)
 {
-    if (!SavesNothing() && _file.Exists())
+    if (SavesNothing())
+    {
+        return;
+    }
+    core::IniFile document;
+    if (_file.Exists())
     {
         _pLogger->Trace("Loading user settings from '%s'", _file.GetPath().c_str());
         const std::string text = Load();
-        combiner.LoadFromString(text);
+        document.LoadFromString(text);
+        settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
+        combiner.RunFilters(document);
+        combiner.Merge(document);
         NoteStored(text);
+    }
+    NoteLoaded("user", _file.GetPath(), document);
+}
+
+void FileSettingsPersister::NoteLoaded(const char* kind, const std::string& path, const core::IniFile& taken) const
+{
+    if (_pLoaded != nullptr)
+    {
+        _pLoaded->Add(kind, path, taken);
     }
 }
 
@@ -103,6 +125,7 @@ void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner&
 /// same.
 void FileSettingsPersister::NoteStored(const std::string& text)
 {
+    const osa::MutexAutoLock lock(&_saveMutex);
     try
     {
         _file.Sync();
@@ -165,30 +188,82 @@ std::string FileSettingsPersister::LoadPrevious(const std::string& damage, bool 
 
 void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
 {
-    if (!SavesNothing())
+    if (SavesNothing())
     {
-        constexpr std::size_t growth = 4096;
+        return;
+    }
+    const osa::MutexAutoLock lock(&_saveMutex);
+    constexpr std::size_t growth = 4096;
+    const std::size_t roomBytes = _stored ? _stored->size() + growth : 0;
+    Attempt([&userSettings, roomBytes] {
         std::string room;  // without it the text is copied several times as it grows
-        room.reserve(_stored ? _stored->size() + growth : 0);
+        room.reserve(roomBytes);
         stl::TextStream text(std::move(room));
         userSettings.SaveToStream(text);
-        Save(std::move(text).str());
+        return std::move(text).str();
+    });
+}
+
+void FileSettingsPersister::Save(const TakeText& takeText)
+{
+    if (!SavesNothing())
+    {
+        const osa::MutexAutoLock lock(&_saveMutex);
+        Attempt(takeText);
     }
 }
 
-void FileSettingsPersister::Save(std::string text)
+/// The text is taken without the mutex, which a change takes inside the store's lock. An attempt of another that began
+/// after the first line is one of a later change, and saves everything from before it, too.
+void FileSettingsPersister::SaveWhatIsUnsaved(const TakeText& takeText)
+{
+    if (SavesNothing())
+    {
+        throw osa::Exception("there is no file to save to: the server keeps what clients change in memory");
+    }
+    const std::uint64_t begun = _record.CountBegun();
+    std::string text = takeText();
+    const osa::MutexAutoLock lock(&_saveMutex);
+    // cppcheck-suppress knownConditionTrueFalse ; others save meanwhile
+    if (_record.CountBegun() == begun)
+    {
+        Attempt([&text] { return std::move(text); });
+    }
+    else if (const SaveRecord::Figures figures = _record.GetFigures(); figures.isUnsaved)
+    {
+        throw osa::Exception("%s", figures.lastFailure.c_str());
+    }
+}
+
+void FileSettingsPersister::Attempt(const TakeText& takeText)
+{
+    _record.Begin();
+    try
+    {
+        WriteUnlessStored(takeText()) ? _record.NoteSaved() : _record.NoteSkipped();
+    }
+    catch (const std::exception& exception)
+    {
+        _record.NoteFailed(exception.what());
+        throw;
+    }
+}
+
+/// False when nothing had to be written.
+bool FileSettingsPersister::WriteUnlessStored(std::string text)
 {
     if (text.empty())
     {
         text = EmptyLayer;
     }
-    if (SavesNothing() || _stored == text)
+    if (_stored == text)
     {
-        return;
+        return false;
     }
     _stored.reset();
     _file.Replace(text);
     _stored = std::move(text);
+    return true;
 }
 
 }  // namespace korlo::daemon

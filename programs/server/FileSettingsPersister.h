@@ -1,12 +1,16 @@
 #pragma once
 // The store's storage in files.
 
+#include <functional>
 #include <optional>
 #include <string>
 
+#include "LoadedFiles.h"
+#include "SaveRecord.h"
 #include "SettingsFiles.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/CrashSafeFile.h"
+#include "korlo/osa/Mutex.h"
 #include "settings/server/ISettingsPersister.h"
 
 namespace korlo::daemon
@@ -21,14 +25,18 @@ namespace korlo::daemon
 /// a file without content an empty layer. A missing file is an empty layer, whatever lies beside it: so an operator
 /// resets a device.
 ///
-/// Thread safety: as ISettingsPersister; Save as SaveUserSettings, one call at a time.
+/// Thread safety: as ISettingsPersister; Save, SaveWhatIsUnsaved and GetRecord from any thread. Saves take turns.
 class FileSettingsPersister : public settings::server::ISettingsPersister
 {
 public:
+    /// Gives the user layer as INI text.
+    using TakeText = std::function<std::string()>;
+
     /// @param userPath where the user layer is; empty for none: nothing is loaded or saved.
     /// @param fileSystem borrowed.
+    /// @param pLoaded hears of each file that is loaded; borrowed, may be null.
     FileSettingsPersister(const SettingsFiles& defaults, const std::string& userPath,
-                          osa::IFileSystem& fileSystem = osa::RealFileSystem());
+                          osa::IFileSystem& fileSystem = osa::RealFileSystem(), LoadedFiles* pLoaded = nullptr);
 
     /// Removes what saves that were cut short have left, and makes sure that the user layer can be saved: its folder
     /// exists and takes new files.
@@ -43,11 +51,26 @@ public:
     void SaveUserSettings(const core::IniFile& userSettings) override;
 
     /// Saves a user layer that is INI text already.
+    /// @param takeText what it throws counts as a save that failed, and passes out.
     /// @throws osa::Exception as SaveUserSettings.
-    void Save(std::string text);
+    void Save(const TakeText& takeText) KORLO_EXCLUDES(_saveMutex);
+
+    /// For a store that hands over each change at once: returns when everything that it has handed over is on the disk,
+    /// what a save that failed has left included.
+    /// @param takeText must wait for a change that is being made.
+    /// @throws osa::Exception with the reason, also when there is no file to save to.
+    void SaveWhatIsUnsaved(const TakeText& takeText) KORLO_EXCLUDES(_saveMutex);
+
+    /// False where there is no file to save to.
+    bool Saves() const { return !SavesNothing(); }
+
+    const SaveRecord& GetRecord() const { return _record; }
 
 private:
     bool SavesNothing() const { return _file.GetPath().empty(); }
+    void Attempt(const TakeText& takeText) KORLO_REQUIRES(_saveMutex);
+    bool WriteUnlessStored(std::string text) KORLO_REQUIRES(_saveMutex);
+    void NoteLoaded(const char* kind, const std::string& path, const core::IniFile& taken) const;
     void RemoveLeftovers() const;
     std::string Load();
     void NoteStored(const std::string& text);
@@ -57,8 +80,11 @@ private:
     osa::IFileSystem& _fileSystem;
     osa::CrashSafeFile _file;
     core::Logger* const _pLogger;  // not owned
+    LoadedFiles* const _pLoaded;   // borrowed, may be null
+    SaveRecord _record;
 
-    std::optional<std::string> _stored;  // what the file holds for certain
+    osa::Mutex _saveMutex;  // held while the disk works; a change that is saved takes it inside the store's lock
+    std::optional<std::string> _stored KORLO_GUARDED_BY(_saveMutex);  // what the file holds for certain
 };
 
 }  // namespace korlo::daemon

@@ -157,6 +157,7 @@ std::size_t OutgoingQueue::SendNow(const char* bytes, std::size_t size)
     {
         BreakLocked("the connection was lost: " + osa::SystemReason(result.error));
     }
+    _sentBytes.store(_sentBytes + result.bytes, std::memory_order_relaxed);
     return result.bytes;
 }
 

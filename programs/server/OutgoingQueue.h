@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -78,6 +79,9 @@ public:
     /// How much the socket has refused.
     std::size_t GetRefusedBytes() const { return _refusedBytes.load(std::memory_order_acquire); }
 
+    /// How much the socket has taken so far.
+    std::uint64_t GetSentBytes() const { return _sentBytes.load(std::memory_order_relaxed); }
+
     /// Ends the connection, at once and in both directions; nothing more is sent. The first reason counts.
     /// @param reason for the log; empty when nothing needs to be said.
     void Break(const std::string& reason) KORLO_EXCLUDES(_mutex);
@@ -128,6 +132,7 @@ private:
 
     std::atomic<std::size_t> _refusedBytes = 0;  // changes under _mutex
     std::atomic<State> _state = Empty;           // changes under _mutex
+    std::atomic<std::uint64_t> _sentBytes = 0;   // changes under _mutex
 
     mutable PlainMutex _mutex;
     std::string _bytes KORLO_GUARDED_BY(_mutex);  // those before _sent are gone already

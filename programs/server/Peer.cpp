@@ -29,15 +29,24 @@ std::string NameOf(uid_t user)
 
 }  // namespace
 
-std::string DescribePeer(const osa::TcpSocket& socket)
+std::string UserOf(const osa::TcpSocket& socket)
+{
+    const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity();
+    if (pIdentity == nullptr)
+    {
+        return std::string();
+    }
+    return pIdentity->user ? NameOf(*pIdentity->user) : "unknown";
+}
+
+std::string DescribePeer(const osa::TcpSocket& socket, const std::string& user)
 {
     const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity();
     if (pIdentity == nullptr)
     {
         return socket.GetPeerAddress();
     }
-    return "user " + (pIdentity->user ? NameOf(*pIdentity->user) : "unknown") + ", pid " +
-           std::to_string(pIdentity->process) + " (" + pIdentity->program + ")";
+    return "user " + user + ", pid " + std::to_string(pIdentity->process) + " (" + pIdentity->program + ")";
 }
 
 std::string SourceOf(const osa::TcpSocket& socket)

@@ -9,9 +9,13 @@
 namespace korlo::daemon
 {
 
-/// For people: the address of a TCP peer; of one on a Unix-domain socket "user www-data, pid 812 (php-fpm)". The name
-/// of the user is looked up in the system's database.
-std::string DescribePeer(const osa::TcpSocket& socket);
+/// The name of the user at the other end of a Unix-domain socket in the system's database, digits where it has none
+/// there, "unknown" for nobody whom this machine knows; empty for a TCP peer.
+std::string UserOf(const osa::TcpSocket& socket);
+
+/// For people: the address of a TCP peer; of one on a Unix-domain socket "user www-data, pid 812 (php-fpm)".
+/// @param user what UserOf gives of the socket.
+std::string DescribePeer(const osa::TcpSocket& socket, const std::string& user);
 
 /// What tells one client from another for whoever counts what clients do, and stays the same when one connects anew:
 /// the address of a TCP peer without the port, user and program of one on a Unix-domain socket.

@@ -24,7 +24,12 @@ void RestrictedFilesLoader::LoadRestrictedSettings(settings::server::SettingsCom
                            RefusedGroup, file.c_str());
             settings.RemoveGroup(RefusedGroup);
         }
-        combiner.LoadFromIni(settings);
+        combiner.RunFilters(settings);
+        combiner.Merge(settings);
+        if (_pLoaded != nullptr)
+        {
+            _pLoaded->Add("restricted", file, settings);
+        }
     }
 }
 

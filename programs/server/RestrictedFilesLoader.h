@@ -1,6 +1,7 @@
 #pragma once
 // Restricted settings from files.
 
+#include "LoadedFiles.h"
 #include "SettingsFiles.h"
 #include "settings/server/IRestrictedSettingsLoader.h"
 
@@ -16,9 +17,11 @@ class RestrictedFilesLoader : public settings::server::IRestrictedSettingsLoader
 {
 public:
     /// @param clientsAreRefused there are access rules.
-    RestrictedFilesLoader(const SettingsFiles& files, bool clientsAreRefused)
+    /// @param pLoaded hears of each file that is loaded; borrowed, may be null.
+    RestrictedFilesLoader(const SettingsFiles& files, bool clientsAreRefused, LoadedFiles* pLoaded = nullptr)
         : _files(files),
-          _clientsAreRefused(clientsAreRefused)
+          _clientsAreRefused(clientsAreRefused),
+          _pLoaded(pLoaded)
     {
     }
 
@@ -28,6 +31,7 @@ public:
 private:
     const SettingsFiles _files;
     const bool _clientsAreRefused;
+    LoadedFiles* const _pLoaded;  // borrowed, may be null
 };
 
 }  // namespace korlo::daemon

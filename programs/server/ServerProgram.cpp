@@ -14,6 +14,7 @@
 
 #include "DelayedPersister.h"
 #include "FileSettingsPersister.h"
+#include "LoadedFiles.h"
 #include "PassedSockets.h"
 #include "ProcessSetup.h"
 #include "RestrictedFilesLoader.h"
@@ -24,7 +25,10 @@
 #include "access/AccessRulesReader.h"
 #include "access/SystemUserDatabase.h"
 #include "control/AccessWords.h"
+#include "control/ClientsWord.h"
 #include "control/ControlDoor.h"
+#include "control/SaveWord.h"
+#include "control/StatusWord.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
@@ -142,28 +146,53 @@ struct Doors
     std::unique_ptr<osa::TcpListener> pControl;  // null: there is none
 };
 
+/// The store and what is below it.
+struct Storage
+{
+    settings::server::SettingsManager& store;
+    FileSettingsPersister& files;
+    DelayedPersister* pDelayed;  // null where changes are saved at once
+    const LoadedFiles& loaded;
+
+    /// Returns when everything that was changed before is on the disk.
+    void Save() const
+    {
+        pDelayed != nullptr ? pDelayed->SaveNow() : files.SaveWhatIsUnsaved([this] { return UserLayerOf(store); });
+    }
+};
+
 /// Serves clients until a signal arrives; returns when the last one is gone.
-bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsManager& store)
+bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
 {
     const SystemUserDatabase users;
     settings::server::SerializationManager serializers;
     AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
     Doors doors(options, PassedSockets::Take(), users);
     std::string announcement;
+    std::vector<DoorReport> reports;
     for (const std::unique_ptr<osa::TcpListener>& pListener : doors.settings)
     {
-        announcement += "listening on " + pListener->GetAddress() + '\n';
+        const std::string& address = pListener->GetAddress();
+        announcement += "listening on " + address + '\n';
+        reports.push_back({address, address.starts_with("unix:") ? "unix" : "tcp"});
     }
-    std::unique_ptr<ControlDoor> pControl;
+    SettingsServer server(std::move(doors.settings), {&storage.store, &serializers}, access, options.limits);
+    std::unique_ptr<ControlDoor> pControl;  // behind all that its words ask
     if (doors.pControl)
     {
+        reports.push_back({doors.pControl->GetAddress(), "control"});
         ControlDoor::Words words;
+        words.push_back(std::make_unique<StatusWord>(StatusWord::Sources{storage.store, storage.files, storage.pDelayed,
+                                                                         options.saveDelayMs, storage.loaded, server,
+                                                                         access, options.limits},
+                                                     reports));
+        words.push_back(std::make_unique<ClientsWord>(server));
+        words.push_back(std::make_unique<SaveWord>([&storage] { storage.Save(); }));
         words.push_back(std::make_unique<AccessCheckWord>(access, users));
         words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
         pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
         pControl->Start();
     }
-    SettingsServer server(std::move(doors.settings), {&store, &serializers}, access, options.limits);
     server.Start();
     Write(STDOUT_FILENO, announcement);
     NotifyServiceManager("READY=1");
@@ -177,18 +206,21 @@ bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsMa
 /// client changed is saved.
 Status Run(const ServerOptions& options)
 {
-    FileSettingsPersister files(SettingsFiles(options.defaults), UserPathOf(options));
+    LoadedFiles loaded;
+    FileSettingsPersister files(SettingsFiles(options.defaults), UserPathOf(options), osa::RealFileSystem(), &loaded);
     files.Prepare();
-    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), !options.access.empty());
+    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), !options.access.empty(), &loaded);
     if (options.saveDelayMs == 0)
     {
         settings::server::SettingsManager store(&files, &restricted, nullptr, false);
-        return ServeUntilSignal(options, store) ? EndedInOrder : Failed;
+        loaded.Seal();
+        return ServeUntilSignal(options, {store, files, nullptr, loaded}) ? EndedInOrder : Failed;
     }
     DelayedPersister delayed(files, options.saveDelayMs);
     settings::server::SettingsManager store(&delayed, &restricted, nullptr, false);
+    loaded.Seal();
     delayed.Start([&store] { return UserLayerOf(store); });
-    const bool isHealthy = ServeUntilSignal(options, store);
+    const bool isHealthy = ServeUntilSignal(options, {store, files, &delayed, loaded});
     delayed.Finish();
     return isHealthy ? EndedInOrder : Failed;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Peer.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
 {
@@ -95,9 +96,9 @@ void SettingsServer::Stop()
         door.Stop();
     }
 
-    Connections ended;  // destroyed after the lock is released: the last to end may still hold it
+    std::unique_ptr<ClientConnection> pEnded;  // destroyed when the lock is free: the last to end may still hold it
     const PlainLock lock(_mutex);
-    for (const std::unique_ptr<ClientConnection>& pConnection : _running)
+    for (const auto& [number, pConnection] : _running)
     {
         pConnection->Stop();
     }
@@ -105,49 +106,70 @@ void SettingsServer::Stop()
     {
         _lastEnded.wait(_mutex);
     }
-    ended.swap(_ended);
+    pEnded.swap(_pEnded);
+}
+
+SettingsServer::ClientCounts SettingsServer::GetClientCounts() const
+{
+    const PlainLock lock(_mutex);
+    ClientCounts counts = _counts;
+    counts.now = _running.size();
+    return counts;
+}
+
+std::optional<ClientReport> SettingsServer::GetNextClient(std::uint64_t number) const
+{
+    const PlainLock lock(_mutex);
+    const auto next = _running.upper_bound(number);
+    return next == _running.end() ? std::nullopt : std::optional(next->second->GetReport());
 }
 
 void SettingsServer::AcceptClients(osa::TcpListener& listener)
 {
     while (std::unique_ptr<osa::TcpSocket> pSocket = listener.Accept())
     {
-        const std::string peer = DescribePeer(*pSocket);
+        const std::string user = UserOf(*pSocket);
+        const std::string peer = DescribePeer(*pSocket, user);
         try
         {
-            Serve(std::move(pSocket), peer);
+            Serve(std::move(pSocket), peer, {0, listener.GetAddress(), user});
         }
         catch (const std::exception& exception)
         {
             _pLogger->Warning("Client '%s' is refused: %s", peer.c_str(), exception.what());
+            const PlainLock lock(_mutex);
+            ++_counts.refused;
         }
     }
 }
 
-void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer)
+/// @throws std::exception when the client is refused.
+void SettingsServer::Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer, ClientArrival arrival)
 {
     const PlainLock lock(_mutex);
     if (_running.size() >= _limits.maxClients)
     {
-        _pLogger->Warning("Client '%s' is refused: %u clients are connected already", peer.c_str(), _limits.maxClients);
-        return;
+        throw osa::Exception("%u clients are connected already", _limits.maxClients);
     }
+    arrival.number = ++_lastNumber;
     IConnectionOwner& owner = *this;
     Connections started;
-    started.push_back(
-        std::make_unique<ClientConnection>(std::move(pSocket), peer, _env, _access, _limits, _gathered, owner));
-    started.back()->Start();
-    _running.splice(_running.end(), started);  // its thread cannot end before: it would have to take the lock
+    started.emplace(arrival.number, std::make_unique<ClientConnection>(std::move(pSocket), peer, _env, _access, _limits,
+                                                                       _gathered, owner, arrival));
+    started.begin()->second->Start();
+    _running.merge(started);  // its thread cannot end before: it would have to take the lock
+    _counts.most = std::max(_counts.most, _running.size());
 }
 
 void SettingsServer::OnConnectionEnded(ClientConnection& connection)
 {
-    Connections ended;  // destroyed, which waits for its thread, after the lock is released
+    std::unique_ptr<ClientConnection> pEnded;  // destroyed, which waits for its thread, after the lock is released
     const PlainLock lock(_mutex);
-    const auto place = std::find_if(_running.begin(), _running.end(),
-                                    [&](const auto& pConnection) { return pConnection.get() == &connection; });
-    ended.swap(_ended);
-    _ended.splice(_ended.end(), _running, place);
+    const auto place = _running.find(connection.GetNumber());
+    pEnded.swap(_pEnded);
+    _pEnded = std::move(place->second);
+    _running.erase(place);
+    _counts.dropped += connection.WasDropped() ? 1 : 0;
     if (_running.empty())
     {
         _lastEnded.notify_all();

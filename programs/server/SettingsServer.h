@@ -3,12 +3,17 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ClientConnection.h"
+#include "ClientReport.h"
 #include "NotificationRound.h"
 #include "PlainMutex.h"
 #include "ServerLimits.h"
@@ -30,6 +35,14 @@ class SettingsServer : private IConnectionOwner
 public:
     using Listeners = std::vector<std::unique_ptr<osa::TcpListener>>;
 
+    struct ClientCounts
+    {
+        std::size_t now = 0;        ///< that are connected
+        std::size_t most = 0;       ///< that were at once
+        std::uint64_t refused = 0;  ///< too many, or the system had no room for one
+        std::uint64_t dropped = 0;  ///< see ClientConnection::WasDropped
+    };
+
     /// @param listeners the doors, at least one.
     /// @param env its parts are borrowed.
     /// @param access borrowed; what clients may do.
@@ -49,14 +62,20 @@ public:
     /// False when accepting has failed for good; SIGTERM was then sent to the process.
     bool IsHealthy() const { return _isHealthy; }
 
+    ClientCounts GetClientCounts() const;
+
+    /// The first of the connected clients whose numbers are above this one; nothing when there is none. So who asks for
+    /// all of them, one after the other, holds up nobody, however many there are.
+    std::optional<ClientReport> GetNextClient(std::uint64_t number) const;
+
 private:
-    using Connections = std::list<std::unique_ptr<ClientConnection>>;
+    using Connections = std::map<std::uint64_t, std::unique_ptr<ClientConnection>>;  // by their numbers
 
     class Door;
 
     void OnConnectionEnded(ClientConnection& connection) override;
     void AcceptClients(osa::TcpListener& listener);
-    void Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer);
+    void Serve(std::unique_ptr<osa::TcpSocket> pSocket, const std::string& peer, ClientArrival arrival);
 
     const settings::server::ServerEnv _env;
     const ServerLimits _limits;
@@ -67,10 +86,12 @@ private:
 
     std::atomic<bool> _isHealthy = true;
 
-    PlainMutex _mutex;
+    mutable PlainMutex _mutex;  // held for no wait
     std::condition_variable_any _lastEnded;
     Connections _running KORLO_GUARDED_BY(_mutex);
-    Connections _ended KORLO_GUARDED_BY(_mutex);  // at most one: each that ends takes the one before it away
+    std::unique_ptr<ClientConnection> _pEnded KORLO_GUARDED_BY(_mutex);  // each that ends takes the one before it away
+    ClientCounts _counts KORLO_GUARDED_BY(_mutex);                       // without `now`
+    std::uint64_t _lastNumber KORLO_GUARDED_BY(_mutex) = 0;
 
     std::list<Door> _doors;  // last: their threads use the rest
 };

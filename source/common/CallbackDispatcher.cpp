@@ -177,6 +177,13 @@ void CallbackDispatcher::OnChange(const core::IniFile& settings) const
     OnChange(GroupNamesOf(settings), settings);
 }
 
+std::size_t CallbackDispatcher::CountSubscriptions(IChangeCallback* pCallback) const
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    const auto known = _subscriptions.find(pCallback);
+    return known == _subscriptions.end() ? 0 : known->second.GetNames().size() + known->second.GetPatterns().size();
+}
+
 void CallbackDispatcher::GetAllSubscribedGroups(GroupNameCollection& groups) const
 {
     const osa::MutexAutoLock lock(&_mutex);

@@ -290,6 +290,10 @@ void ClientHandler::Subscribe(std::istream&)
     {
         BeforeStore(RequestKind::Subscription);
         _pSettingsManager->Subscribe(this, groups);
+        if (_pGate != nullptr)
+        {
+            _pGate->OnSubscribed(groups, _pSettingsManager->CountSubscriptions(this));
+        }
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include "korlo/core/GetSecondFromPairFunctor.h"
 #include "server/ErasedGroups.h"
+#include "server/StoreCounter.h"
 #include "server/StoreLock.h"
 #include "settings/server/GroupDiscriminator.h"
 
@@ -40,7 +41,8 @@ SettingsManager::SettingsManager()
       _pRestrictedLoader(nullptr),
       _pIncludeFilter(nullptr),
       _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
-      _lock("SettingsMutex")
+      _lock("SettingsMutex"),
+      _pCounter(std::make_unique<StoreCounter>())
 {
 }
 
@@ -51,7 +53,8 @@ SettingsManager::SettingsManager(ISettingsPersister* pPersister, IRestrictedSett
       _pRestrictedLoader(pRestrictedLoader),
       _pIncludeFilter(pIncludeFilter),
       _pPriorityFilter(std::make_unique<LoadPriorityIncludeFilter>()),
-      _lock("SettingsMutex")
+      _lock("SettingsMutex"),
+      _pCounter(std::make_unique<StoreCounter>())
 {
     _lock.WriteLock(osa::Infinite);
     if (!deferLoad)
@@ -70,6 +73,7 @@ void SettingsManager::LoadSettings() KORLO_NO_THREAD_SAFETY_ANALYSIS
         return;  // and the store stays locked: see the constructor
     }
     const StoreWriteLock lock(_lock, StoreWriteLock::AdoptTag());
+    const StoreCounter::Recounting recounting(*_pCounter, _settings);  // what was loaded before a failure, too
     LoadLayers();
 }
 
@@ -222,7 +226,7 @@ void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags)
 void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int flags)
 {
     ++_version;
-    _settings.MergeSettings(changes);
+    MergeIntoSettings(changes);
     if ((flags & DoNotPersist) == 0)
     {
         _userSettings.MergeSettings(changes);
@@ -257,7 +261,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         matcher.GetMatchingGroups(_settings, changedGroups);
         GroupDiscriminator::FilterOutRestrictedGroups(changedGroups);
         RemoveGroups(changedGroups);
-        _settings.MergeSettings(accepted);
+        MergeIntoSettings(accepted);
         _userSettings.MergeSettings(accepted);
         _userSettings.ValueListAppendUnique(ErasedGroups, namesAndPatterns);
         SaveUserSettings();
@@ -294,7 +298,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
 
         matcher.MergeMatchingGroups(defaults, restored);
         _userSettings.MergeSettings(restored);
-        _settings.MergeSettings(restored);
+        MergeIntoSettings(restored);
         SaveUserSettings();
     }
     changedGroups.merge(common::GroupNamesOf(restored));
@@ -314,9 +318,31 @@ void SettingsManager::RemoveGroups(const GroupNameCollection& names)
 {
     for (const std::string& name : names)
     {
+        _pCounter->CountRemoval(_settings, name);
         _settings.RemoveGroup(name);
         _userSettings.RemoveGroup(name);
     }
+}
+
+/// Every change comes here once.
+void SettingsManager::MergeIntoSettings(const IniFile& changes)
+{
+    _pCounter->CountChange();
+    _pCounter->CountMerge(_settings, changes);
+    try
+    {
+        _settings.MergeSettings(changes);
+    }
+    catch (...)
+    {
+        _pCounter->Recount(_settings);  // memory ran out in the middle
+        throw;
+    }
+}
+
+StoreFigures SettingsManager::GetFigures() const
+{
+    return _pCounter->GetFigures();
 }
 
 void SettingsManager::SaveUserSettings()
@@ -345,6 +371,11 @@ void SettingsManager::Subscribe(IChangeCallback* pCallback, const std::string& n
 void SettingsManager::Unsubscribe(IChangeCallback* pCallback)
 {
     _dispatcher.Remove(pCallback);
+}
+
+std::size_t SettingsManager::CountSubscriptions(IChangeCallback* pCallback) const
+{
+    return _dispatcher.CountSubscriptions(pCallback);
 }
 
 void SettingsManager::GetAllSubscribedGroups(GroupNameCollection& groups) const

@@ -153,6 +153,7 @@ public:
         text += Unless(Dump(&SettingsManager::DumpAllSettings) == TextOf(ToIni(_model.settings)), "the settings");
         text += Unless(Dump(&SettingsManager::DumpUserSettings) == TextOf(ToIni(_model.user)), "the user layer");
         text += Unless(Read({"*"}) == _model.settings, "the groups read by '*'");
+        text += Unless(FiguresAreRight(), "how much the store says it holds");
         text += Unless(Read(operation.selection) == StoreModel::Selected(operation.selection, _model.settings),
                        "the groups that the operation selects");
         text += Unless(ToMap(_persister.user) == _model.saved, "what was saved");
@@ -181,6 +182,23 @@ private:
         IniFile read;
         _pStore->GetGroups(read, MatcherOf(selection));
         return ToMap(read);
+    }
+
+    bool FiguresAreRight() const
+    {
+        StoreFigures expected;
+        for (const auto& [group, values] : _model.settings)
+        {
+            ++expected.groups;
+            expected.bytes += group.size();
+            for (const auto& [key, value] : values)
+            {
+                ++expected.keys;
+                expected.bytes += key.size() + value.size();
+            }
+        }
+        const StoreFigures figures = _pStore->GetFigures();
+        return figures.groups == expected.groups && figures.keys == expected.keys && figures.bytes == expected.bytes;
     }
 
     void Reload()

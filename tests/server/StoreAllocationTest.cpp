@@ -22,6 +22,29 @@ TEST(StoreAllocationTest, ASerializationManagerThatRunsOutOfMemoryLeaksNothing)
                        [](bool, long long left) { EXPECT_EQ(left, 0); });
 }
 
+TEST(StoreAllocationTest, FiguresAreRightWhereverMemoryRunsOutInAChange)
+{
+    core::IniFile changes;
+    changes.SetValue("New group with a long name", "a key with a long name", "a value that needs the heap");
+    changes.SetValue("Old", "another key with a long name", "a value that needs the heap");
+    server::SettingsManager store;
+    const auto reset = [&store] { store.OverwriteSettings("*", Ini("[Old]\nk=1\n")); };
+    reset();
+    FailEachAllocation([&] { store.MergeSettings(changes, 0); },
+                       [&](bool, long long) {
+                           core::IniFile all;
+                           store.GetGroups(all, "*");
+                           std::size_t keys = 0;
+                           for (const auto& [group, values] : all)
+                           {
+                               keys += values.size();
+                           }
+                           EXPECT_EQ(store.GetFigures().groups, all.size());
+                           EXPECT_EQ(store.GetFigures().keys, keys);
+                           reset();
+                       });
+}
+
 /// Names of 17 characters, or patterns.
 GroupNameCollection MakeNames(std::size_t count, const std::string& prefix, const std::string& end)
 {

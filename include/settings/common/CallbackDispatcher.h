@@ -61,6 +61,9 @@ public:
     /// The same with all groups of `settings` as the changed ones.
     void OnChange(const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
 
+    /// How many names and patterns the subscriber has asked for, each counted once.
+    std::size_t CountSubscriptions(IChangeCallback* pCallback) const KORLO_EXCLUDES(_mutex);
+
     /// Adds to `groups` every name and every pattern of every subscriber; `groups` is not cleared first.
     void GetAllSubscribedGroups(GroupNameCollection& groups) const KORLO_EXCLUDES(_mutex);
 

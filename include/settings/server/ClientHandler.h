@@ -2,6 +2,7 @@
 // The server's side of one connection of the settings protocol (docs/protocol.md).
 
 #include <atomic>
+#include <cstddef>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -43,6 +44,15 @@ public:
 
     /// A request that uses the store has been read to its end, and is about to be carried out.
     virtual void BeforeStore(RequestKind kind) = 0;
+
+    /// The client has subscribed.
+    /// @param groups the names and patterns of this request.
+    /// @param count how many it has asked for so far, each counted once.
+    virtual void OnSubscribed(const GroupNameCollection& groups, std::size_t count)
+    {
+        static_cast<void>(groups);
+        static_cast<void>(count);
+    }
 };
 
 class AccessGuard;

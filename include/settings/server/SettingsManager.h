@@ -1,6 +1,7 @@
 #pragma once
 // The settings store.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -19,9 +20,12 @@
 #include "settings/server/ISettingsSerializer.h"
 #include "settings/server/LoadPriorityIncludeFilter.h"
 #include "settings/server/SettingsCombiner.h"
+#include "settings/server/StoreFigures.h"
 
 namespace korlo::settings::server
 {
+
+class StoreCounter;
 
 /// The one authoritative copy of all settings, in memory, shared by every client.
 ///
@@ -129,6 +133,9 @@ public:
     /// persister. Waits for a load that was deferred before it reads anything.
     void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
 
+    /// How much the store holds. Takes no lock: it answers while a change waits for the disk, or a load is deferred.
+    StoreFigures GetFigures() const;
+
     /// Subscribes the callback to changes of the groups; see CallbackDispatcher::AddCallback.
     void Subscribe(IChangeCallback* pCallback, const common::GroupNameMatcher& groups);
     void Subscribe(IChangeCallback* pCallback, const GroupNameCollection& groups);
@@ -137,6 +144,9 @@ public:
     /// Drops all groups of the callback; an unknown one is ignored. When it returns, no call to the callback is under
     /// way, unless it was the callback that called.
     void Unsubscribe(IChangeCallback* pCallback);
+
+    /// How many names and patterns the callback has asked for, each counted once.
+    std::size_t CountSubscriptions(IChangeCallback* pCallback) const;
 
     /// Adds to `groups` every name and pattern that somebody is subscribed to.
     void GetAllSubscribedGroups(GroupNameCollection& groups) const;
@@ -149,6 +159,7 @@ private:
     void SaveUserSettings() KORLO_REQUIRES(_lock);
     core::IniFile LoadFreshDefaults() KORLO_REQUIRES(_restoreMutex);
     void RemoveGroups(const GroupNameCollection& names) KORLO_REQUIRES(_lock);
+    void MergeIntoSettings(const core::IniFile& changes) KORLO_REQUIRES(_lock);
 
     ISettingsPersister* _pPersister;                              // borrowed, may be null
     IRestrictedSettingsLoader* _pRestrictedLoader;                // borrowed, may be null
@@ -158,6 +169,8 @@ private:
     mutable osa::ReadWriteLock _lock;
     core::IniFile _userSettings KORLO_GUARDED_BY(_lock);
     core::IniFile _settings KORLO_GUARDED_BY(_lock);
+
+    const std::unique_ptr<StoreCounter> _pCounter;  // of `_settings`; kept with `_lock` held, read without
 
     common::CallbackDispatcher _dispatcher;
 

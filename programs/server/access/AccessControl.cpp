@@ -97,6 +97,12 @@ void AccessControl::Unregister(ClientAccess& client)
     _clients.erase(&client);
 }
 
+std::shared_ptr<const AccessRules> AccessControl::GetRules() const
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    return _pRules;
+}
+
 std::shared_ptr<const IAccessRights> AccessControl::GetRights(const ClientIdentity& client, std::uint64_t& generation)
 {
     const osa::MutexAutoLock lock(&_mutex);

@@ -49,6 +49,9 @@ public:
     /// which a client's rights were asked before has been made. Must not be called by who holds such rights.
     void AwaitNewRules() KORLO_EXCLUDES(_clientsMutex, _rightsMutex, _mutex);
 
+    /// Those that are in force; null where the server was given none.
+    std::shared_ptr<const AccessRules> GetRules() const KORLO_EXCLUDES(_mutex);
+
     /// Goes up when rules are replaced, and never comes back.
     std::uint64_t GetGeneration() const { return _generation; }
 
@@ -77,7 +80,7 @@ private:
     RefusalLog _refusalLog;
     settings::server::FullAccess _fullAccess;
 
-    osa::Mutex _mutex;
+    mutable osa::Mutex _mutex;
     std::atomic<std::uint64_t> _generation = 1;  // written with the mutex held, so that it belongs to `_pRules`
     std::shared_ptr<const AccessRules> _pRules KORLO_GUARDED_BY(_mutex);
     // An entry lives as long as a client that it is about, or until the next is made.

@@ -3,11 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <sstream>
 
@@ -16,9 +14,9 @@
 
 #include "settings/server/SettingsManager.h"
 #include "support/Documents.h"
-#include "support/FaultyFileSystem.h"
 #include "support/Files.h"
 #include "support/LogWatch.h"
+#include "support/SlowFileSystem.h"
 #include "support/TemporaryFolder.h"
 
 namespace korlo::daemon
@@ -31,47 +29,6 @@ using settings::server::SettingsManager;
 using testing::HasSubstr;
 
 constexpr auto Limit = 30s;
-
-/// A disk whose sync tells of itself and waits until it is let go, or fails.
-///
-/// Thread safety: all methods, from any thread.
-class SlowFileSystem : public FaultyFileSystem
-{
-public:
-    int Sync(int file) override
-    {
-        std::unique_lock lock(_mutex);
-        ++_syncs;
-        _changed.notify_all();
-        _changed.wait(lock, [this] { return !_isHeld; });
-        return _error != 0 ? _error : FaultyFileSystem::Sync(file);
-    }
-
-    void Hold() { Set(_isHeld, true); }
-    void LetGo() { Set(_isHeld, false); }
-    void FailWith(int error) { Set(_error, error); }
-
-    bool AwaitSyncs(int count)
-    {
-        std::unique_lock lock(_mutex);
-        return _changed.wait_for(lock, Limit, [&] { return _syncs >= count; });
-    }
-
-private:
-    template <typename T>
-    void Set(T& member, T value)
-    {
-        const std::lock_guard lock(_mutex);
-        member = value;
-        _changed.notify_all();
-    }
-
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    int _syncs = 0;
-    bool _isHeld = false;
-    int _error = 0;
-};
 
 class DelayedPersisterTest : public testing::Test
 {
@@ -183,6 +140,65 @@ TEST_F(DelayedPersisterTest, WithoutAChangeNothingIsSaved)
     _pStore->MergeSettings(Ini("[A]\nk=1\n"), SettingsManager::DoNotPersist);
     _pPersister->Finish();
     EXPECT_EQ(ContentOf(_path), std::nullopt);
+}
+
+TEST_F(DelayedPersisterTest, WhoAsksForASaveGetsItAtOnceAndOnTheDisk)
+{
+    Start(3'600'000);
+    _pPersister->SaveNow();
+    EXPECT_EQ(ContentOf(_path), std::nullopt) << "nothing has changed";
+    _pStore->MergeSettings(Ini("[A]\nk=1\n"), 0);
+    EXPECT_TRUE(_pPersister->IsWaiting());
+    _pPersister->SaveNow();
+    EXPECT_EQ(ContentOf(_path), "[A]\nk=1\n");
+    EXPECT_FALSE(_pPersister->IsWaiting());
+    _pStore->MergeSettings(Ini("[A]\nk=2\n"), 0);
+    _pPersister->SaveNow();
+    EXPECT_EQ(ContentOf(_path), "[A]\nk=2\n");
+}
+
+TEST_F(DelayedPersisterTest, WhoAsksWaitsForTheSaveThatIsUnderWayAndForTheNextIfItMust)
+{
+    _fileSystem.Hold();
+    Start(1);
+    _pStore->MergeSettings(Ini("[A]\nk=1\n"), 0);
+    ASSERT_TRUE(_fileSystem.AwaitSyncs(1));
+    auto first = std::async(std::launch::async, [this] { _pPersister->SaveNow(); });
+    _pStore->MergeSettings(Ini("[A]\nk=2\n"), 0);
+    auto second = std::async(std::launch::async, [this] {
+        _pPersister->SaveNow();
+        return ContentOf(_path);
+    });
+    EXPECT_EQ(second.wait_for(20ms), std::future_status::timeout);
+    _fileSystem.LetGo();
+    first.get();
+    EXPECT_EQ(second.get(), "[A]\nk=2\n");
+}
+
+TEST_F(DelayedPersisterTest, WhoAsksHearsWhyASaveFailsAndMayAskAgain)
+{
+    LogWatch log;
+    _fileSystem.FailWith(ENOSPC);
+    Start(3'600'000);
+    _pStore->MergeSettings(Ini("[A]\nk=1\n"), 0);
+    for (int attempt = 0; attempt < 2; ++attempt)
+    {
+        EXPECT_EQ(MessageOf([this] { _pPersister->SaveNow(); }),
+                  "Failed to sync the new content of '" + _path + "': No space left on device");
+    }
+    EXPECT_TRUE(_target.GetRecord().GetFigures().isUnsaved);
+    EXPECT_EQ(_target.GetRecord().GetFigures().failed, 2u);
+    _fileSystem.FailWith(0);
+    _pPersister->SaveNow();
+    EXPECT_EQ(ContentOf(_path), "[A]\nk=1\n");
+    EXPECT_FALSE(_target.GetRecord().GetFigures().isUnsaved);
+}
+
+TEST_F(DelayedPersisterTest, WithoutAFileWhoAsksHearsThatNothingIsSaved)
+{
+    FileSettingsPersister nowhere(SettingsFiles({}), "");
+    DelayedPersister persister(nowhere, 1);
+    EXPECT_THAT(MessageOf([&] { persister.SaveNow(); }), testing::StartsWith("there is no file to save to"));
 }
 
 }  // namespace
