@@ -9,6 +9,7 @@
 #include "OutgoingQueue.h"
 #include "ServerLimits.h"
 #include "access/AccessControl.h"
+#include "journal/ClientOrigin.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpSocket.h"
 #include "korlo/osa/Thread.h"
@@ -71,6 +72,7 @@ private:
     core::Logger* const _pLogger;  // not owned
     const std::string _peer;       // for people
     ClientAccess _access;
+    const ClientOrigin _origin;
     std::atomic<bool> _isStopping = false;
 
     std::unique_ptr<osa::TcpSocket> _pSocket;      // null once the connection has ended

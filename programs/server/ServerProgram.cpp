@@ -25,6 +25,8 @@
 #include "access/SystemUserDatabase.h"
 #include "control/AccessWords.h"
 #include "control/ControlDoor.h"
+#include "control/JournalWords.h"
+#include "journal/Journal.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
@@ -149,6 +151,11 @@ bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsMa
     settings::server::SerializationManager serializers;
     AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
     Doors doors(options, PassedSockets::Take(), users);
+    std::optional<Journal> journal;
+    if (doors.pControl && options.journal > 0)  // where nobody can read it none is kept
+    {
+        store.SetChangeObserver(&journal.emplace(options.journal));
+    }
     std::string announcement;
     for (const std::unique_ptr<osa::TcpListener>& pListener : doors.settings)
     {
@@ -160,6 +167,8 @@ bool ServeUntilSignal(const ServerOptions& options, settings::server::SettingsMa
         ControlDoor::Words words;
         words.push_back(std::make_unique<AccessCheckWord>(access, users));
         words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
+        words.push_back(std::make_unique<JournalWord>(journal ? &*journal : nullptr));
+        words.push_back(std::make_unique<FollowWord>(journal ? &*journal : nullptr));
         pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
         pControl->Start();
     }
