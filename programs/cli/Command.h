@@ -26,6 +26,7 @@ struct Invocation
     std::optional<std::string> with;    ///< --with FILE
     unsigned long count = 0;            ///< --count N; 0 without limit
     bool all = false;                   ///< --all
+    bool follow = false;                ///< --follow
     bool asksForHelp = false;
     bool asksForVersion = false;
 };
