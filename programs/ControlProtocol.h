@@ -2,6 +2,7 @@
 // What the server's control door and the tool that asks it say to each other (docs/server.md, "The control door").
 
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,8 @@ inline constexpr const char* Clients = "clients";             // no operand
 inline constexpr const char* Save = "save";                   // no operand
 inline constexpr const char* AccessCheck = "access-check";    // USER read|change GROUP
 inline constexpr const char* AccessReload = "access-reload";  // no operand
+inline constexpr const char* Journal = "journal";             // [N]
+inline constexpr const char* Follow = "follow";               // [NUMBER]; answered again and again
 
 inline constexpr const char* Read = "read";
 inline constexpr const char* Change = "change";
@@ -27,6 +30,9 @@ inline constexpr const char* Ok = "ok";
 inline constexpr const char* EndOfAnswer = ".";
 inline constexpr std::string_view ErrorPrefix = "error ";
 
+// An entry of the journal is a group: ChangePrefix and its number, in ten digits or more.
+inline constexpr std::string_view ChangePrefix = "Change/";
+
 /// How the message begins that answers a question about a user whom the system does not know.
 inline constexpr std::string_view UnknownUser = "unknown user ";
 
@@ -35,8 +41,20 @@ inline constexpr std::string_view UnknownUser = "unknown user ";
 inline constexpr std::string_view TooManyClients = "eight clients are connected already; try again";
 inline constexpr std::string_view UnknownWord = "unknown word ";
 
-/// The group's name that is the last operand of a request: as it stands, or in double quotes, as INI text quotes names,
-/// where a line cannot carry it otherwise. Nothing when its quotes make no sense.
+/// A group's name as the last operand of a request: as it stands, or in double quotes, as INI text quotes names, where
+/// a line cannot carry it otherwise.
+inline std::string QuotedName(const std::string& name)
+{
+    // As the header of a group it is quoted for the same reasons, and for a few that do no harm here.
+    core::IniFile document;
+    document[name];
+    std::ostringstream text;
+    document.SaveToStream(text);
+    const std::string header = text.str();  // "[NAME]" and a line break
+    return header.substr(1, header.rfind(']') - 1);
+}
+
+/// The name behind such an operand; nothing when its quotes make no sense.
 inline std::optional<std::string> UnquotedName(const std::string& operand)
 {
     if (!operand.starts_with('"'))

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ControlProtocol.h"
 #include "korlo/core/Logger.h"
 #include "korlo/stl/TextStream.h"
 
@@ -28,10 +29,7 @@ std::string TextOf(const core::IniFile& document)
 
 std::string NameToken(const std::string& group)
 {
-    core::IniFile document;
-    document[group];
-    const std::string header = TextOf(document);
-    return header.substr(1, header.size() - std::string_view("[]\n").size());
+    return control::QuotedName(group);
 }
 
 }  // namespace korlo::settings::cli
