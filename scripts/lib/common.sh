@@ -35,8 +35,7 @@ is_installed()
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2> /dev/null)" = installed ]
 }
 
-# packages_of PRESET...: what building and testing them needs, a package a line; "checks" is what looks over the code
-# and the client in PHP of the documents.
+# packages_of PRESET...: what building and testing them needs, a package a line; "checks" is what looks over the code.
 packages_of()
 {
     local name
@@ -44,10 +43,11 @@ packages_of()
         echo cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev systemd
         for name in "$@"; do
             case $name in
-                checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck php-cli ;;
-                clang) echo clang-14 ;;
+                checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
+                debug) echo phpunit php-codesniffer ;;
+                clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
-                coverage) echo gcovr ;;
+                coverage) echo gcovr phpunit php-codesniffer ;;
                 fuzz) echo clang-14 libclang-rt-14-dev ;;
                 armhf) echo g++-arm-linux-gnueabihf qemu-user googletest ;;
                 release-bench) echo libbenchmark-dev libglib2.0-dev libsimpleini-dev redis-server libhiredis-dev ;;

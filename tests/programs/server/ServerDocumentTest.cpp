@@ -1,6 +1,5 @@
 // docs/server.md says what is so.
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -86,35 +85,6 @@ TEST(ServerDocumentTest, ADefaultThatIsNotThereIsLoggedAsShown)
         ASSERT_NE(position, std::string::npos) << line << "\nis not in its place in\n" << pServer->GetErrors();
     }
     EXPECT_GT(count, 2);
-}
-
-TEST(ServerDocumentTest, TheClientInPhpWorks)
-{
-    if (ChildProcess({"sh", "-c", "command -v php"}).Wait() != 0)
-    {
-        GTEST_SKIP() << "php is not installed";  // scripts/test installs it; nothing else here needs it
-    }
-    const TemporaryFolder folder;
-    std::ofstream(folder.PathOf("defaults.ini")) << "[Audio]\nvolume=3\n[Guests]\nmost=9\n"
-                                                    "[Network/Ethernet]\ndhcp=1\n[Visits]\ncount=6\n";
-    ServerProcess server({"--defaults", folder.PathOf("defaults.ini"), "--user", folder.PathOf("user.ini")});
-
-    const std::string document = ContentOf(std::string(KORLO_DOCS) + "/protocol.md").value();
-    const std::string begin = "```php\n";
-    std::string script = document.substr(document.find(begin) + begin.size());
-    script.resize(script.find("```"));
-    const std::string address = "127.0.0.1:4711";
-    ASSERT_NE(script.find(address), std::string::npos);
-    script.replace(script.find(address), address.size(), "127.0.0.1:" + std::to_string(server.GetPort()));
-    std::ofstream(folder.PathOf("client.php")) << script;
-
-    ChildProcess client(
-        {"php", "-d", "display_errors=stderr", "-d", "error_reporting=-1", folder.PathOf("client.php")});
-    EXPECT_EQ(client.Wait(), 0);
-    EXPECT_EQ(client.GetOutput(), "7\nAudio Network/Wifi Visits\n");
-    EXPECT_EQ(client.GetErrors(), "");
-    EXPECT_EQ(RawClient(server.GetPort()).Get("*"),
-              "[Audio]\nvolume=3\n[Network/Wifi]\nssid=Workshop\n[Visits]\ncount=7\n");
 }
 
 TEST(ServerDocumentTest, TheTableGivesTheDefaults)
