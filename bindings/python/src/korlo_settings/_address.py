@@ -1,9 +1,9 @@
 """Where the server is, how to connect to it, and what to say when that fails."""
 
 import errno
-import getpass
 import grp
 import os
+import pwd
 import socket
 from dataclasses import dataclass
 from typing import Any
@@ -132,7 +132,8 @@ def connect_failed(address: Address, reason: Exception) -> ConnectionLost:
 def _how_to_get_in(address: Address) -> str:
     try:
         group = grp.getgrgid(os.stat(address.path or "").st_gid).gr_name
-        return f"run as a member of the group {group!r} (adduser {getpass.getuser()} {group})"
+        user = pwd.getpwuid(os.geteuid()).pw_name
+        return f"run as a member of the group {group!r} (adduser {user} {group})"
     except (OSError, KeyError):  # the folder does not let us look, or names are unknown
         return "run as a user, or in a group, that may open it"
 
@@ -143,7 +144,9 @@ def _why(reason: Exception) -> str:
     return str(reason) or type(reason).__name__
 
 
-def connection_lost(address: Address, operation: str, is_sent: bool, may_change: bool, reason: Exception) -> ConnectionLost:
+def connection_lost(
+    address: Address, operation: str, is_sent: bool, may_change: bool, reason: Exception
+) -> ConnectionLost:
     """The connection ended before the answer had come."""
     if isinstance(reason, EOFError):
         why = "the server ended the connection, and its log says why"
