@@ -104,7 +104,7 @@ class FakeServer:
 def read_request(connection: socket.socket, blocks: int) -> bytes:
     """What a client sends, up to the end of so many blocks."""
     request = b""
-    while request.count(b"\n.\n") + (request[:2] == b".\n") < blocks:
+    while request.split(b"\n")[:-1].count(b".") < blocks:
         piece = connection.recv(1)
         if not piece:
             break
@@ -169,13 +169,16 @@ class AioClient:
     def __init__(self, address: str | None = None, timeout: float = 15.0) -> None:
         self._runner = asyncio.Runner()
         self._client = aio.Client(address, timeout)
+        self._is_over = False
 
     def __enter__(self) -> Self:
         return self
 
     def __exit__(self, kind: object, error: object, traceback: object) -> None:
-        self.close()
-        self._runner.close()
+        if not self._is_over:
+            self._is_over = True
+            self.close()
+            self._runner.close()
 
     def _run(self, call: Awaitable[T]) -> T:
         async def awaited() -> T:

@@ -60,7 +60,8 @@ def _encode(text: str) -> bytes:
         return text.encode("utf-8", "surrogateescape")
     except UnicodeEncodeError as error:
         raise InvalidName(
-            f"{text!r} cannot be sent: at {error.start} it holds half of a surrogate pair, which stands for no bytes"
+            f"{text[max(0, error.start - 40) : error.end + 40]!r} cannot be sent: {text[error.start]!r} is half of a"
+            " surrogate pair, which stands for no bytes"
         ) from None
 
 
@@ -208,8 +209,8 @@ def _group_list(names: Iterable[str]) -> bytes:
             raise InvalidName(
                 f"{name!r} cannot stand in a list of names: a name there is neither '.' nor holds a line feed"
             )
-        lines.append(f"{name}\n")
-    return _encode("".join(lines)) + b".\n"
+        lines.append(_encode(name) + b"\n")
+    return b"".join(lines) + b".\n"
 
 
 def get(names: Iterable[str]) -> bytes:
