@@ -47,6 +47,7 @@ def make_client(request: pytest.FixtureRequest) -> Iterator[MakeClient]:
 
         def make(*arguments: object, **options: object) -> AnyClient:
             client: AnyClient = request.param(*arguments, **options)
-            return stack.enter_context(client)
+            stack.enter_context(client)
+            return client
 
         yield make

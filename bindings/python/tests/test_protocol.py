@@ -12,6 +12,7 @@ from korlo_settings.protocol import (
     Notification,
     Receiver,
     Result,
+    Settings,
     get,
     merge,
     overwrite,
@@ -64,7 +65,7 @@ def test_a_conversation_may_be_cut_anywhere_twice() -> None:
 
 
 def test_requests_are_these_bytes() -> None:
-    settings = {"A": {"k": "v"}, "B": {}}
+    settings: Settings = {"A": {"k": "v"}, "B": {}}
     assert get(["A", "", "*"]) == b"get delimited\nA\n\n*\n.\n"
     assert merge(settings) == b"merge\n[A]\nk=v\n[B]\n.\n"
     assert merge({}, persist=False) == b"merge nopersist\n.\n"

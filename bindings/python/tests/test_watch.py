@@ -167,7 +167,8 @@ def test_close_ends_a_watch_that_waits_in_another_thread(
     thread.start()
     eventually(lambda: watch._turn.locked())
     start = time.monotonic()
-    (client if closes_client else watch).close()
+    end = client.close if closes_client else watch.close
+    end()
     assert ended.wait(30) and time.monotonic() - start < 5
     thread.join()
     client.close()
