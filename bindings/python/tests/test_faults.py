@@ -1,6 +1,7 @@
 """Servers that misbehave, and connections that break: each call gets its own answer, or one clear failure in time."""
 
 import os
+import signal
 import socket
 import threading
 import time
@@ -89,7 +90,7 @@ def test_a_stall_ends_with_the_time_out(make_client: MakeClient, folder: Path, s
             start = time.monotonic()
             with pytest.raises(AnswerTimeout, match=r"get was not answered by .* within 0.3 s; call again"):
                 client.get("Audio")
-            assert 0.3 <= time.monotonic() - start < 10
+            assert 0.29 < time.monotonic() - start < 10
         with make_client(fake.address) as client:
             assert client.get("Audio") == {"Audio": {"volume": "3"}}
 
@@ -289,14 +290,14 @@ def test_waiting_for_another_thread_counts_for_the_time_out(folder: Path) -> Non
             except Exception as error:
                 raised.append(error)
 
-        threads = [threading.Thread(target=call) for _ in range(4)]
+        threads = [threading.Thread(target=call) for _ in range(8)]
         start = time.monotonic()
         for thread in threads:
             thread.start()
         for thread in threads:
             thread.join(30)
-        assert [type(error) for error in raised] == [AnswerTimeout] * 4
-        assert time.monotonic() - start < 1.9
+        assert [type(error) for error in raised] == [AnswerTimeout] * 8
+        assert time.monotonic() - start < 3.5  # one after the other would take 4
 
 
 def test_close_ends_a_call_of_another_thread(folder: Path) -> None:
@@ -346,8 +347,6 @@ def test_a_forked_child_makes_a_connection_of_its_own(server: Server) -> None:
 
 
 def test_an_interrupted_call_closes_the_connection(folder: Path) -> None:
-    import signal
-
     def interrupt(connection: socket.socket) -> None:
         read_request(connection, 1)
         os.kill(os.getpid(), signal.SIGINT)

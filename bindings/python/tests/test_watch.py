@@ -1,16 +1,15 @@
 """The changes that a watch yields, from both clients."""
 
 import signal
+import socket
 import threading
+import time
 from pathlib import Path
 
 import pytest
 
 from korlo_settings import Change, Client, ConnectionLost
 from support import FakeServer, MakeClient, Server, answering, eventually, read_request, wait_for_end
-
-import socket
-import time
 
 
 def test_the_present_state_comes_first(make_client: MakeClient, server: Server) -> None:
@@ -108,14 +107,22 @@ def test_a_watch_survives_what_a_server_may_do(make_client: MakeClient, folder: 
         read_request(connection, 2)
         connection.sendall(STATE + bad)
 
-    def stall(connection: socket.socket) -> None:
+    def again(connection: socket.socket) -> None:
         read_request(connection, 2)
-        connection.sendall(STATE + b"async change\na\n")
-        wait_for_end(connection)
+        connection.sendall(bad)
 
+    with FakeServer(folder, misbehave, again, answering(b"data\n[a]\nk=2\n.\n", blocks=2)) as fake:
+        with make_client(fake.address) as client:
+            watch = client.watch("a")
+            assert next(watch) == Change(["a"], {"a": {"k": "1"}})
+            assert next(watch) == Change(["a"], {"a": {"k": "2"}})
+            watch.close()
+
+
+def test_a_notification_that_stalls_ends_with_the_time_out(make_client: MakeClient, folder: Path) -> None:
     better = answering(b"data\n[a]\nk=2\n.\n", blocks=2)
-    with FakeServer(folder, misbehave, answering(bad, blocks=2), stall, better) as fake:
-        with make_client(fake.address, timeout=0.3) as client:
+    with FakeServer(folder, answering(STATE + b"async change\na\n", blocks=2), better) as fake:
+        with make_client(fake.address, timeout=1.0) as client:
             watch = client.watch("a")
             assert next(watch) == Change(["a"], {"a": {"k": "1"}})
             assert next(watch) == Change(["a"], {"a": {"k": "2"}})
