@@ -296,7 +296,8 @@ def test_waiting_for_another_thread_counts_for_the_time_out(folder: Path) -> Non
             thread.start()
         for thread in threads:
             thread.join(30)
-        assert [type(error) for error in raised] == [AnswerTimeout] * 8
+        # Who gets its turn at the last moment finds that server gone.
+        assert len(raised) == 8 and {type(error) for error in raised} <= {AnswerTimeout, ConnectionLost}
         assert time.monotonic() - start < 3.5  # one after the other would take 4
 
 
