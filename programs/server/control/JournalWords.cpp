@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <limits>
 #include <map>
 #include <optional>
@@ -14,6 +13,7 @@
 
 #include "ControlProtocol.h"
 #include "Peer.h"
+#include "control/UtcTime.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
 
@@ -50,20 +50,6 @@ void CheckThereIs(const Journal* pJournal)
     {
         throw osa::Exception("the server was started with --journal 0: it keeps no journal");
     }
-}
-
-/// "2026-11-22T04:26:32.123Z"
-std::string TimeText(std::int64_t timeMs)
-{
-    constexpr std::int64_t msPerSecond = 1000;
-    const auto seconds = static_cast<std::time_t>(timeMs / msPerSecond);
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    char text[64];
-    const std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
-    char fraction[16];
-    std::snprintf(fraction, sizeof(fraction), ".%03dZ", static_cast<int>(timeMs % msPerSecond));
-    return std::string(text, length) + fraction;
 }
 
 std::string GroupOf(std::uint64_t number)
@@ -129,7 +115,7 @@ core::IniFile DocumentOf(const std::vector<JournalEntry>& entries)
     for (const JournalEntry& entry : entries)
     {
         core::IniFile::KeyValueMap& values = document[GroupOf(entry.number)];
-        values["time"] = TimeText(entry.timeMs);
+        values["time"] = UtcText(std::chrono::system_clock::time_point(std::chrono::milliseconds(entry.timeMs)));
         values["operation"] = entry.what;
         values["outcome"] = TextOf(entry.outcome);
         values["count"] = std::to_string(entry.count);
