@@ -132,12 +132,12 @@ private:
 ClientHandler::MsgDispatcher* ClientHandler::MsgDispatcher::s_pInstance = nullptr;
 
 ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut)
-    : ClientHandler(pEnv, pIn, pOut, nullptr, nullptr)
+    : ClientHandler(pEnv, pIn, pOut, nullptr)
 {
 }
 
 ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate,
-                             IClientAccess* pAccess)
+                             IClientAccess* pAccess, const ChangeOrigin* pOrigin)
     : _pLogger(core::Logger::GetLogger("ClientHandler")),
       _quit(false),
       _pIn(pIn),
@@ -147,7 +147,8 @@ ClientHandler::ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* p
       _pSerializationManager(pEnv->pSerializationManager),
       _pSerializer(_pSerializationManager->GetSerializer("ini")),
       _pGate(pGate),
-      _pGuard(std::make_unique<AccessGuard>(pAccess))
+      _pOrigin(pOrigin),
+      _pGuard(std::make_unique<AccessGuard>(pAccess, _pSettingsManager->GetChangeObserver(), pOrigin))
 {
     common::Assert(_pSerializer != nullptr, "_pSerializer != __null", Source);
     _message.exceptions(std::ios::badbit);  // else a stream that is out of memory drops the rest without a word
@@ -252,10 +253,11 @@ void ClientHandler::Merge(std::istream& options)
     const bool persist = TakeWord(options) != word::NoPersist;
     core::IniFile changes;
     serializer.OnDeserialize(*_pIn, changes);
-    if (RequestIsWhole() && _pGuard->AllowsMerge(persist ? "merge" : "merge nopersist", changes))
+    if (RequestIsWhole() &&
+        _pGuard->AllowsMerge(persist ? operation::Merge : operation::MergeWithoutPersisting, changes))
     {
         BeforeStore(persist ? RequestKind::PersistentChange : RequestKind::Change);
-        _pSettingsManager->MergeSettings(changes, persist ? 0 : SettingsManager::DoNotPersist);
+        _pSettingsManager->MergeSettings(changes, persist ? 0 : SettingsManager::DoNotPersist, _pOrigin);
     }
 }
 
@@ -275,7 +277,7 @@ void ClientHandler::TestAndMerge(std::istream&)
     {
         BeforeStore(RequestKind::PersistentChange);
         // The mutex comes after the change, whose notification may have to be written by this very handler.
-        merged = _pSettingsManager->TestAndMerge(expected, changes);
+        merged = _pSettingsManager->TestAndMerge(expected, changes, _pOrigin);
     }
     const osa::MutexAutoLock lock(&_outputMutex);
     _message << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n';
@@ -346,7 +348,7 @@ void ClientHandler::Overwrite(std::istream&)
     if (RequestIsWhole() && _pGuard->AllowsOverwrite(groups, replacement))
     {
         BeforeStore(RequestKind::PersistentChange);
-        _pSettingsManager->OverwriteSettings(groups, replacement);
+        _pSettingsManager->OverwriteSettings(groups, replacement, _pOrigin);
     }
 }
 
@@ -367,7 +369,7 @@ void ClientHandler::RestoreDefaults(std::istream&)
     if (RequestIsWhole() && _pGuard->AllowsRestore(matcher))
     {
         BeforeStore(RequestKind::Restore);
-        _pSettingsManager->RestoreToDefaults(matcher);
+        _pSettingsManager->RestoreToDefaults(matcher, _pOrigin);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "server/AccessGuard.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -95,9 +96,84 @@ void HideErasedGroups(const IAccessRights& rights, IniFile& settings)
     }
 }
 
+/// A walk over several sets of names in one order.
+///
+/// Thread safety: none of its own; the owner guards it.
+class NameWalk
+{
+public:
+    /// @param sets borrowed.
+    explicit NameWalk(const std::array<const GroupNameCollection*, 3>& sets)
+    {
+        std::transform(sets.begin(), sets.end(), _rests.begin(), [](const GroupNameCollection* pSet) {
+            return Rest{pSet->begin(), pSet->end()};
+        });
+    }
+
+    /// Adds what comes before the name.
+    void AddBefore(const std::string& name, ChangedNames& names)
+    {
+        for (const std::string* pFirst = First(); pFirst != nullptr && *pFirst < name; pFirst = First())
+        {
+            names.AddGroup(*pFirst);
+            Skip(*pFirst);
+        }
+    }
+
+    void AddRest(ChangedNames& names)
+    {
+        for (const std::string* pFirst = First(); pFirst != nullptr; pFirst = First())
+        {
+            names.AddGroup(*pFirst);
+            Skip(*pFirst);
+        }
+    }
+
+    /// Steps over the name where it comes next. False where it does in none.
+    bool Skip(const std::string& name)
+    {
+        bool isSkipped = false;
+        for (Rest& rest : _rests)
+        {
+            if (rest.next != rest.end && *rest.next == name)
+            {
+                ++rest.next;
+                isSkipped = true;
+            }
+        }
+        return isSkipped;
+    }
+
+private:
+    struct Rest
+    {
+        GroupNameCollection::const_iterator next;
+        GroupNameCollection::const_iterator end;
+    };
+
+    /// Null at the end of all.
+    const std::string* First() const
+    {
+        const std::string* pFirst = nullptr;
+        for (const Rest& rest : _rests)
+        {
+            if (rest.next != rest.end && (pFirst == nullptr || *rest.next < *pFirst))
+            {
+                pFirst = &*rest.next;
+            }
+        }
+        return pFirst;
+    }
+
+    std::array<Rest, 3> _rests;
+};
+
 }  // namespace
 
-AccessGuard::AccessGuard(IClientAccess* pAccess) : _pAccess(pAccess != nullptr ? pAccess : &_fullAccess)
+AccessGuard::AccessGuard(IClientAccess* pAccess, IChangeObserver* pObserver, const ChangeOrigin* pOrigin)
+    : _pAccess(pAccess != nullptr ? pAccess : &_fullAccess),
+      _pObserver(pObserver),
+      _pOrigin(pOrigin)
 {
 }
 
@@ -150,7 +226,7 @@ bool AccessGuard::AllowsMerge(const char* operation, const IniFile& changes)
     {
         AddUnchangeable(*pRights, changes, refused);
     }
-    return Allows(operation, refused);
+    return Allows({operation, &changes}, refused);
 }
 
 bool AccessGuard::AllowsTestAndMerge(const IniFile& expected, const IniFile& changes)
@@ -165,7 +241,7 @@ bool AccessGuard::AllowsTestAndMerge(const IniFile& expected, const IniFile& cha
     {
         AddUntestable(*pRights, expected, refused);
     }
-    return Allows("test-and-merge", refused);
+    return Allows({operation::TestAndMerge, &changes}, refused);
 }
 
 bool AccessGuard::AllowsOverwrite(const GroupNameCollection& namesAndPatterns, const IniFile& replacement)
@@ -177,7 +253,7 @@ bool AccessGuard::AllowsOverwrite(const GroupNameCollection& namesAndPatterns, c
         AddUnchangeable(*pRights, namesAndPatterns, refused);
         AddUnchangeable(*pRights, replacement, refused);
     }
-    return Allows("overwrite", refused);
+    return Allows({operation::Overwrite, &replacement, &namesAndPatterns}, refused);
 }
 
 bool AccessGuard::AllowsRestore(const common::GroupNameMatcher& namesAndPatterns)
@@ -189,10 +265,11 @@ bool AccessGuard::AllowsRestore(const common::GroupNameMatcher& namesAndPatterns
         AddUnchangeable(*pRights, namesAndPatterns.GetNames(), refused);
         AddUnchangeable(*pRights, namesAndPatterns.GetPatterns(), refused);
     }
-    return Allows("restore", refused);
+    return Allows({operation::Restore, nullptr, &namesAndPatterns.GetNames(), &namesAndPatterns.GetPatterns()},
+                  refused);
 }
 
-bool AccessGuard::Allows(const char* operation, const GroupNameCollection& refused)
+bool AccessGuard::Allows(const Request& request, const GroupNameCollection& refused)
 {
     if (refused.empty())
     {
@@ -200,21 +277,53 @@ bool AccessGuard::Allows(const char* operation, const GroupNameCollection& refus
     }
     if (!_refused)
     {
-        _refused.emplace();
-        (*_refused)[common::RefusedOperationKey] = operation;
-        std::size_t number = 0;
-        std::size_t bytes = 0;
-        for (const std::string& name : refused)
+        KeepFirst(request.operation, refused);
+    }
+    _pAccess->OnRefused(request.operation, refused);
+    if (_pObserver != nullptr)
+    {
+        Report(request, refused);
+    }
+    return false;
+}
+
+void AccessGuard::KeepFirst(const char* operation, const GroupNameCollection& refused)
+{
+    _refused.emplace();
+    (*_refused)[common::RefusedOperationKey] = operation;
+    std::size_t number = 0;
+    std::size_t bytes = 0;
+    for (const std::string& name : refused)
+    {
+        if (bytes + name.size() <= MostRefusedBytes)
         {
-            if (bytes + name.size() <= MostRefusedBytes)
-            {
-                bytes += name.size();
-                (*_refused)[common::RefusedNameKey + std::to_string(++number)] = name;
-            }
+            bytes += name.size();
+            (*_refused)[common::RefusedNameKey + std::to_string(++number)] = name;
         }
     }
-    _pAccess->OnRefused(operation, refused);
-    return false;
+}
+
+/// Tells the observer what was asked for: all entries and groups, each once and in one order, and the keys of the
+/// document. Restricted groups of a document were not refused, but dropped. Of a test only what was refused counts.
+void AccessGuard::Report(const Request& request, const GroupNameCollection& refused) const
+{
+    const GroupNameCollection none;
+    const IniFile nothing;
+    NameWalk walk({&refused, request.pEntries != nullptr ? request.pEntries : &none,
+                   request.pMoreEntries != nullptr ? request.pMoreEntries : &none});
+    const IniFile& changes = request.pChanges != nullptr ? *request.pChanges : nothing;
+    ChangedNames names;
+    for (const auto& [group, values] : changes)
+    {
+        walk.AddBefore(group, names);
+        if (walk.Skip(group) || !GroupDiscriminator::IsRestrictedGroup(group))
+        {
+            names.AddGroup(group);
+            std::ranges::for_each(values, [&names](const auto& pair) { names.AddKey(pair.first); });
+        }
+    }
+    walk.AddRest(names);
+    _pObserver->OnChange(_pOrigin, request.operation, ChangeOutcome::Refused, names);
 }
 
 }  // namespace korlo::settings::server

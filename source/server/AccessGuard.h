@@ -11,6 +11,7 @@
 #include "korlo/osa/Mutex.h"
 #include "settings/GroupNameCollection.h"
 #include "settings/common/GroupNameMatcher.h"
+#include "settings/server/IChangeObserver.h"
 #include "settings/server/IClientAccess.h"
 
 namespace korlo::settings::server
@@ -34,7 +35,9 @@ public:
     static constexpr std::size_t MostRefusedBytes = 64 * 1024;  ///< of all of them; a name beyond that is left out
 
     /// @param pAccess borrowed, may be null: everything is allowed then.
-    explicit AccessGuard(IClientAccess* pAccess);
+    /// @param pObserver hears of each change that is refused, by `pOrigin`; both borrowed, may be null.
+    explicit AccessGuard(IClientAccess* pAccess, IChangeObserver* pObserver = nullptr,
+                         const ChangeOrigin* pOrigin = nullptr);
 
     /// What the client may do now: one set of rights decides about all of a request, or of a notification. They are
     /// held until what they decide about has been written: who takes rights away can wait for that.
@@ -68,10 +71,23 @@ public:
     bool AllowsRestore(const common::GroupNameMatcher& namesAndPatterns);
 
 private:
-    bool Allows(const char* operation, const GroupNameCollection& refused);
+    /// What a change asks for: entries and groups, in up to two lists, and a document.
+    struct Request
+    {
+        const char* operation;
+        const core::IniFile* pChanges = nullptr;
+        const GroupNameCollection* pEntries = nullptr;
+        const GroupNameCollection* pMoreEntries = nullptr;
+    };
+
+    bool Allows(const Request& request, const GroupNameCollection& refused);
+    void Report(const Request& request, const GroupNameCollection& refused) const;
+    void KeepFirst(const char* operation, const GroupNameCollection& refused);
 
     FullAccess _fullAccess;
     IClientAccess* const _pAccess;
+    IChangeObserver* const _pObserver;
+    const ChangeOrigin* const _pOrigin;
     std::optional<core::IniFile::KeyValueMap> _refused;  // what RefusedGroup answers; none: nothing was refused
 };
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "korlo/core/GetSecondFromPairFunctor.h"
+#include "server/ChangeReport.h"
 #include "server/ErasedGroups.h"
 #include "server/StoreCounter.h"
 #include "server/StoreLock.h"
@@ -215,10 +216,19 @@ std::shared_ptr<const std::string> SettingsManager::WriteNotification(const Grou
 
 void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags)
 {
+    MergeSettings(changes, flags, nullptr);
+}
+
+void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags, const ChangeOrigin* pOrigin)
+{
     const IniFile accepted = UnrestrictedCopy(changes);
     {
         const StoreWriteLock lock(_lock);
+        const bool persists = (flags & DoNotPersist) == 0;
+        ChangeReport report(_pObserver, pOrigin, persists ? operation::Merge : operation::MergeWithoutPersisting);
+        report.ExpectMerge(_settings, accepted);
         PerformMergeUnlocked(accepted, flags);
+        report.NoteDone();
     }
     _dispatcher.OnChange(accepted);
 }
@@ -236,6 +246,11 @@ void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int 
 
 bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& changes)
 {
+    return TestAndMerge(expected, changes, nullptr);
+}
+
+bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& changes, const ChangeOrigin* pOrigin)
+{
     const IniFile accepted = UnrestrictedCopy(changes);
     {
         const StoreWriteLock lock(_lock);
@@ -243,13 +258,22 @@ bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& chang
         {
             return false;
         }
+        ChangeReport report(_pObserver, pOrigin, operation::TestAndMerge);
+        report.ExpectMerge(_settings, accepted);
         PerformMergeUnlocked(accepted, 0);
+        report.NoteDone();
     }
     _dispatcher.OnChange(accepted);
     return true;
 }
 
 void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatterns, const IniFile& replacement)
+{
+    OverwriteSettings(namesAndPatterns, replacement, nullptr);
+}
+
+void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatterns, const IniFile& replacement,
+                                        const ChangeOrigin* pOrigin)
 {
     GroupNameMatcher matcher;
     matcher.AddNamesAndPatterns(namesAndPatterns);
@@ -260,11 +284,14 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         ++_version;
         matcher.GetMatchingGroups(_settings, changedGroups);
         GroupDiscriminator::FilterOutRestrictedGroups(changedGroups);
+        ChangeReport report(_pObserver, pOrigin, operation::Overwrite);
+        report.ExpectReplacement(_settings, changedGroups, accepted);
         RemoveGroups(changedGroups);
         MergeIntoSettings(accepted);
         _userSettings.MergeSettings(accepted);
         _userSettings.ValueListAppendUnique(ErasedGroups, namesAndPatterns);
         SaveUserSettings();
+        report.NoteDone();
     }
     changedGroups.merge(common::GroupNamesOf(accepted));
     _dispatcher.OnChange(changedGroups, accepted);
@@ -276,6 +303,11 @@ void SettingsManager::OverwriteSettings(const std::string& nameOrPattern, const 
 }
 
 void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
+{
+    RestoreToDefaults(matcher, nullptr);
+}
+
+void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, const ChangeOrigin* pOrigin)
 {
     if (_pPersister == nullptr)
     {
@@ -294,12 +326,15 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher)
         const StoreWriteLock lock(_lock);
         ++_version;
         matcher.GetMatchingGroups(_userSettings, changedGroups);
+        matcher.MergeMatchingGroups(defaults, restored);
+        ChangeReport report(_pObserver, pOrigin, operation::Restore);
+        report.ExpectReplacement(_settings, changedGroups, restored);
         RemoveGroups(changedGroups);
 
-        matcher.MergeMatchingGroups(defaults, restored);
         _userSettings.MergeSettings(restored);
         MergeIntoSettings(restored);
         SaveUserSettings();
+        report.NoteDone();
     }
     changedGroups.merge(common::GroupNamesOf(restored));
     _dispatcher.OnChange(changedGroups, restored);

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "settings/common/CallbackDispatcher.h"
+#include "settings/server/GroupDiscriminator.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 #include "support/Callbacks.h"
@@ -151,6 +153,28 @@ TEST_F(SubscriptionHeapTest, ASubscriptionThatRunsOutOfMemoryIsMadeAsAWholeOrNot
                            });
         _store.Unsubscribe(&_callback);
     }
+}
+
+TEST(StoreAllocationTest, WithoutAnObserverAChangeAllocatesOnlyWhatItsPartsDo)
+{
+    const core::IniFile changes = Ini("[A]\nk=1\nlonger than any text that needs no heap=1\n[New]\nk=1\n");
+    const core::IniFile content = Ini("[A]\nk=0\n[B]\nk=0\n");
+    const common::CallbackDispatcher dispatcher;
+    core::IniFile settings = content;
+    const long long start = heap.allocations;
+    {
+        core::IniFile accepted;
+        server::GroupDiscriminator::MergeUnrestrictedGroups(accepted, changes);
+        settings.MergeSettings(accepted);
+        dispatcher.OnChange(accepted);
+    }
+    const long long parts = heap.allocations - start;
+
+    server::SettingsManager store;
+    store.MergeSettings(content, server::SettingsManager::DoNotPersist);
+    const long long before = heap.allocations;
+    store.MergeSettings(changes, server::SettingsManager::DoNotPersist);
+    EXPECT_EQ(heap.allocations - before, parts);
 }
 
 }  // namespace

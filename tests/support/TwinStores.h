@@ -17,6 +17,7 @@
 #include "settings/server/SettingsManager.h"
 #include "support/Documents.h"
 #include "support/FakeAccess.h"
+#include "support/RecordingObserver.h"
 #include "support/RecordingPersister.h"
 
 namespace korlo::settings::server
@@ -149,6 +150,8 @@ public:
             }
         }
         _pStore = std::make_unique<SettingsManager>(&_persister, &_loader, nullptr, false);
+        // Of one store alone: that somebody listens shows nowhere, either.
+        _pStore->SetChangeObserver(side == Side::Left ? &_observer : nullptr);
     }
 
     Twin(const Twin&) = delete;
@@ -346,6 +349,7 @@ private:
     const Side _side;
     RecordingPersister _persister;
     RecordingRestrictedLoader _loader;
+    RecordingObserver _observer;
     SerializationManager _serialization;
     std::unique_ptr<SettingsManager> _pStore;
     std::ostringstream _sent;

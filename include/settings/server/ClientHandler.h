@@ -56,6 +56,7 @@ public:
 };
 
 class AccessGuard;
+class ChangeOrigin;
 
 /// Reads commands from a connection, carries them out on the store, writes the responses, and pushes notifications
 /// about the groups that the client subscribed to.
@@ -82,8 +83,9 @@ public:
     /// @param pEnv copied.
     /// @param pGate borrowed, may be null.
     /// @param pAccess what the client may do; borrowed, may be null: everything.
+    /// @param pOrigin what the store's observer is told of who makes this client's changes; borrowed, may be null.
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate,
-                  IClientAccess* pAccess = nullptr);
+                  IClientAccess* pAccess = nullptr, const ChangeOrigin* pOrigin = nullptr);
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut);
     ClientHandler(const ClientHandler&) = delete;
     ClientHandler& operator=(const ClientHandler&) = delete;
@@ -133,6 +135,7 @@ private:
     std::atomic<ISettingsSerializer*> _pSerializer;      // borrowed; a notification reads it while a command changes it
     std::ostringstream _message KORLO_GUARDED_BY(_outputMutex);  // of a response that is being made, else empty
     IRequestGate* const _pGate;                                  // borrowed, may be null
+    const ChangeOrigin* const _pOrigin;                          // borrowed, may be null
     const std::unique_ptr<AccessGuard> _pGuard;
 };
 

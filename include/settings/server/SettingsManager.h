@@ -14,6 +14,7 @@
 #include "settings/IChangeCallback.h"
 #include "settings/common/CallbackDispatcher.h"
 #include "settings/common/GroupNameMatcher.h"
+#include "settings/server/IChangeObserver.h"
 #include "settings/server/IIncludeFilter.h"
 #include "settings/server/IRestrictedSettingsLoader.h"
 #include "settings/server/ISettingsPersister.h"
@@ -75,6 +76,14 @@ public:
     /// Loads the user layer, without filters, and drops restricted groups from it. Takes no lock: part of LoadSettings.
     void LoadUserSettings();
 
+    /// Lets the observer hear of each change from now on; part of building the store, before anybody else uses it.
+    /// Without one nothing is worked out for it. A change that PerformMergeUnlocked makes for others is not told.
+    /// @param pObserver borrowed, may be null; must outlive the last change.
+    void SetChangeObserver(IChangeObserver* pObserver) { _pObserver = pObserver; }
+
+    /// Null where there is none.
+    IChangeObserver* GetChangeObserver() const { return _pObserver; }
+
     /// Adds to the combiner the filters for defaults and restricted settings.
     void ConfigureSettingsCombiner(SettingsCombiner& combiner) const;
 
@@ -111,12 +120,19 @@ public:
     /// made but not announced.
     void MergeSettings(const core::IniFile& changes, unsigned int flags) KORLO_EXCLUDES(_lock);
 
+    /// The same, and the observer hears who has made the change. So with each of the changes below.
+    /// @param pOrigin passed to the observer as it is; may be null.
+    void MergeSettings(const core::IniFile& changes, unsigned int flags, const ChangeOrigin* pOrigin)
+        KORLO_EXCLUDES(_lock);
+
     /// The merge alone, for callers that hold the lock: nothing is filtered and nobody is notified.
     void PerformMergeUnlocked(const core::IniFile& changes, unsigned int flags) KORLO_REQUIRES(_lock);
 
     /// Merges and persists `changes` if the current settings hold every value of `expected`; otherwise changes nothing,
     /// notifies nobody and returns false. `expected` is compared with everything, restricted groups included.
     bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes) KORLO_EXCLUDES(_lock);
+    bool TestAndMerge(const core::IniFile& expected, const core::IniFile& changes, const ChangeOrigin* pOrigin)
+        KORLO_EXCLUDES(_lock);
 
     /// Replaces the selected unrestricted groups by the groups of `replacement`, and persists that: a selected group
     /// that is not in it is erased. Every entry of `namesAndPatterns`, also one that selects nothing, is recorded as
@@ -125,6 +141,8 @@ public:
     void OverwriteSettings(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement)
         KORLO_EXCLUDES(_lock);
     void OverwriteSettings(const std::string& nameOrPattern, const core::IniFile& replacement) KORLO_EXCLUDES(_lock);
+    void OverwriteSettings(const GroupNameCollection& namesAndPatterns, const core::IniFile& replacement,
+                           const ChangeOrigin* pOrigin) KORLO_EXCLUDES(_lock);
 
     /// Removes the groups of the user layer that are selected, and writes the selected defaults, read anew, into the
     /// user layer and the settings. A selected group that no persistent change ever touched is not removed first, only
@@ -132,6 +150,7 @@ public:
     /// and the copies in the user layer bring the same values back. Does nothing, and notifies nobody, without a
     /// persister. Waits for a load that was deferred before it reads anything.
     void RestoreToDefaults(const common::GroupNameMatcher& matcher) KORLO_EXCLUDES(_lock);
+    void RestoreToDefaults(const common::GroupNameMatcher& matcher, const ChangeOrigin* pOrigin) KORLO_EXCLUDES(_lock);
 
     /// How much the store holds. Takes no lock: it answers while a change waits for the disk, or a load is deferred.
     StoreFigures GetFigures() const;
@@ -165,6 +184,7 @@ private:
     IRestrictedSettingsLoader* _pRestrictedLoader;                // borrowed, may be null
     IIncludeFilter* _pIncludeFilter;                              // borrowed, may be null
     std::unique_ptr<LoadPriorityIncludeFilter> _pPriorityFilter;  // its memory of claims lives as long as the store
+    IChangeObserver* _pObserver = nullptr;                        // borrowed, may be null
 
     mutable osa::ReadWriteLock _lock;
     core::IniFile _userSettings KORLO_GUARDED_BY(_lock);
