@@ -18,6 +18,8 @@ inline constexpr const char* Clients = "clients";             // no operand
 inline constexpr const char* Save = "save";                   // no operand
 inline constexpr const char* AccessCheck = "access-check";    // USER read|change GROUP
 inline constexpr const char* AccessReload = "access-reload";  // no operand
+inline constexpr const char* Journal = "journal";             // [N]
+inline constexpr const char* Follow = "follow";               // [NUMBER]; answered again and again
 
 inline constexpr const char* Read = "read";
 inline constexpr const char* Change = "change";
@@ -26,6 +28,9 @@ inline constexpr const char* Change = "change";
 inline constexpr const char* Ok = "ok";
 inline constexpr const char* EndOfAnswer = ".";
 inline constexpr std::string_view ErrorPrefix = "error ";
+
+// An entry of the journal is a group: ChangePrefix and its number, in ten digits or more.
+inline constexpr std::string_view ChangePrefix = "Change/";
 
 /// How the message begins that answers a question about a user whom the system does not know.
 inline constexpr std::string_view UnknownUser = "unknown user ";

@@ -58,8 +58,8 @@ class ConnectionHandler final : public ClientHandler
 {
 public:
     ConnectionHandler(ServerEnv& env, std::istream& in, std::ostream& out, IRequestGate& gate, IClientAccess& access,
-                      OutgoingQueue& queue)
-        : ClientHandler(&env, &in, &out, &gate, &access),
+                      const ClientOrigin& origin, OutgoingQueue& queue)
+        : ClientHandler(&env, &in, &out, &gate, &access, &origin),
           _store(*env.pSettingsManager),
           _queue(queue)
     {
@@ -120,7 +120,7 @@ public:
           _output(_queue),
           _in(&_input),
           _out(&_output),
-          _handler(connection._env, _in, _out, *this, connection._access, _queue)
+          _handler(connection._env, _in, _out, *this, connection._access, connection._origin, _queue)
     {
         _in.exceptions(std::ios::badbit);  // else what goes wrong in reading looks like a client that has left
     }
@@ -259,6 +259,7 @@ ClientConnection::ClientConnection(std::unique_ptr<osa::TcpSocket> pSocket, cons
       _peer(peer),
       _access(access, IdentityOf(*pSocket), _peer, SourceOf(*pSocket)),
       _arrival(arrival),
+      _origin(OriginOf(*pSocket)),
       _pSocket(std::move(pSocket)),
       _pQueue(std::make_shared<OutgoingQueue>(*_pSocket, limits.maxBacklog, gathered)),
       _thread("Client", this, StackBytes, 0)

@@ -13,6 +13,7 @@
 #include "ServerLimits.h"
 #include "SubscribedNames.h"
 #include "access/AccessControl.h"
+#include "journal/ClientOrigin.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/TcpSocket.h"
 #include "korlo/osa/Thread.h"
@@ -86,6 +87,7 @@ private:
     ClientAccess _access;
     const ClientArrival _arrival;
     const std::chrono::system_clock::time_point _since = std::chrono::system_clock::now();
+    const ClientOrigin _origin;
     std::atomic<bool> _isStopping = false;
     bool _wasDropped = false;
 

@@ -1,33 +1,16 @@
 #include "Peer.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <vector>
 
 #include <pwd.h>
 
 #include "korlo/osa/PeerIdentity.h"
+#include "korlo/osa/TimeMonotonic.h"
 
 namespace korlo::daemon
 {
-namespace
-{
-
-/// The user's name, or the digits of one that has none.
-std::string NameOf(uid_t user)
-{
-    constexpr std::size_t usualBytes = 1024;
-    constexpr std::size_t mostBytes = 1024 * 1024;
-    std::vector<char> buffer(usualBytes);
-    passwd entry{};
-    passwd* pFound = nullptr;
-    while (::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &pFound) == ERANGE && buffer.size() < mostBytes)
-    {
-        buffer.resize(buffer.size() * 2);
-    }
-    return pFound != nullptr ? pFound->pw_name : std::to_string(user);
-}
-
-}  // namespace
 
 std::string UserOf(const osa::TcpSocket& socket)
 {
@@ -36,7 +19,7 @@ std::string UserOf(const osa::TcpSocket& socket)
     {
         return std::string();
     }
-    return pIdentity->user ? NameOf(*pIdentity->user) : "unknown";
+    return pIdentity->user ? NameOfUser(*pIdentity->user) : "unknown";
 }
 
 std::string DescribePeer(const osa::TcpSocket& socket, const std::string& user)
@@ -70,6 +53,37 @@ ClientIdentity IdentityOf(const osa::TcpSocket& socket)
         identity.areGroupsComplete = pIdentity->areGroupsComplete;
     }
     return identity;
+}
+
+ClientOrigin OriginOf(const osa::TcpSocket& socket)
+{
+    constexpr std::int64_t nsPerSecond = 1'000'000'000;
+    osa::TimeStruct now;
+    osa::TimeMonotonic(now);  // an address may come back with a later connection
+    ClientOrigin origin;
+    origin.connection = now.seconds * nsPerSecond + now.nanoseconds;
+    origin.peer = socket.GetPeerAddress();
+    if (const osa::PeerIdentity* const pIdentity = socket.GetPeerIdentity())
+    {
+        origin.user = pIdentity->user;
+        origin.process = pIdentity->process;
+        origin.program = pIdentity->program;
+    }
+    return origin;
+}
+
+std::string NameOfUser(uid_t user)
+{
+    constexpr std::size_t usualBytes = 1024;
+    constexpr std::size_t mostBytes = 1024 * 1024;
+    std::vector<char> buffer(usualBytes);
+    passwd entry{};
+    passwd* pFound = nullptr;
+    while (::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &pFound) == ERANGE && buffer.size() < mostBytes)
+    {
+        buffer.resize(buffer.size() * 2);
+    }
+    return pFound != nullptr ? pFound->pw_name : std::to_string(user);
 }
 
 }  // namespace korlo::daemon

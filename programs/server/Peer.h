@@ -3,7 +3,10 @@
 
 #include <string>
 
+#include <sys/types.h>
+
 #include "access/ClientIdentity.h"
+#include "journal/ClientOrigin.h"
 #include "korlo/osa/TcpSocket.h"
 
 namespace korlo::daemon
@@ -23,5 +26,11 @@ std::string SourceOf(const osa::TcpSocket& socket);
 
 /// For access rules, from what the kernel vouched for when the peer connected.
 ClientIdentity IdentityOf(const osa::TcpSocket& socket);
+
+/// For the journal. Two calls tell of two connections.
+ClientOrigin OriginOf(const osa::TcpSocket& socket);
+
+/// The user's name in the system's database, or the digits of one that has none there.
+std::string NameOfUser(uid_t user);
 
 }  // namespace korlo::daemon

@@ -134,6 +134,8 @@ void AddOptions(CLI::App& app, ServerOptions& options)
     app.add_flag("--check", options.checksOnly, "Read every file, tell what is wrong with them, and end with 0 or 1");
     AddNumber(app, "--save-delay", "MS", "Milliseconds for which changes are gathered before they are saved",
               options.saveDelayMs, 0, 24ull * 60 * 60 * 1000);
+    AddNumber(app, "--journal", "N", "The last changes that the journal keeps in memory; 0 keeps none", options.journal,
+              0, Journal::MostEntries);
     AddNumber(app, "--max-clients", "N", "The most clients at once", options.limits.maxClients, 1, 1'000'000);
     AddNumber(app, "--max-backlog", "BYTES", "The most that may wait for one client's socket",
               options.limits.maxBacklog, 1, mostBytes);

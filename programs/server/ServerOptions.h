@@ -1,12 +1,14 @@
 #pragma once
 // The command line of the server.
 
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ServerLimits.h"
+#include "journal/Journal.h"
 
 namespace korlo::daemon
 {
@@ -36,6 +38,7 @@ struct ServerOptions
     std::vector<std::string> access;  ///< empty: everybody may do everything
     bool checksOnly = false;          ///< read every file, open nothing, and end
     unsigned int saveDelayMs = 0;
+    std::size_t journal = Journal::UsualEntries;  ///< entries; 0: no journal
     ServerLimits limits;
     int logLevel = 2;
 };

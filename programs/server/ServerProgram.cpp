@@ -27,8 +27,10 @@
 #include "control/AccessWords.h"
 #include "control/ClientsWord.h"
 #include "control/ControlDoor.h"
+#include "control/JournalWords.h"
 #include "control/SaveWord.h"
 #include "control/StatusWord.h"
+#include "journal/Journal.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
@@ -168,6 +170,11 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
     settings::server::SerializationManager serializers;
     AccessControl access(ReadRules(options, users), AccessControl::OwnUser(users));
     Doors doors(options, PassedSockets::Take(), users);
+    std::optional<Journal> journal;
+    if (doors.pControl && options.journal > 0)  // where nobody can read it none is kept
+    {
+        storage.store.SetChangeObserver(&journal.emplace(options.journal));
+    }
     std::string announcement;
     std::vector<DoorReport> reports;
     for (const std::unique_ptr<osa::TcpListener>& pListener : doors.settings)
@@ -190,6 +197,8 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
         words.push_back(std::make_unique<SaveWord>([&storage] { storage.Save(); }));
         words.push_back(std::make_unique<AccessCheckWord>(access, users));
         words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
+        words.push_back(std::make_unique<JournalWord>(journal ? &*journal : nullptr));
+        words.push_back(std::make_unique<FollowWord>(journal ? &*journal : nullptr));
         pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
         pControl->Start();
     }

@@ -15,7 +15,7 @@ namespace korlo::daemon
 /// the system's database gives the user, may do that with the group, or with everything that a pattern matches.
 ///
 /// Thread safety: as IControlWord.
-class AccessCheckWord : public IControlWord
+class AccessCheckWord : public AnsweredWord
 {
 public:
     /// @param control, users borrowed.
@@ -33,7 +33,7 @@ private:
 /// made by the rules before, which may take as long as a request does that waits for the disk.
 ///
 /// Thread safety: as IControlWord.
-class AccessReloadWord : public IControlWord
+class AccessReloadWord : public AnsweredWord
 {
 public:
     /// @param control, users borrowed.

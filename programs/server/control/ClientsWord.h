@@ -13,7 +13,7 @@ namespace korlo::daemon
 /// itself, so that nobody is held up by a question about a thousand of them.
 ///
 /// Thread safety: as IControlWord.
-class ClientsWord : public IControlWord
+class ClientsWord : public AnsweredWord
 {
 public:
     /// @param server borrowed.

@@ -54,6 +54,36 @@ void WriteError(std::ostream& out, std::string message)
     out << control::ErrorPrefix << message << '\n' << std::flush;
 }
 
+/// Where the answers to one request go.
+///
+/// Thread safety: as IControlClient.
+class Answers : public IControlClient
+{
+public:
+    /// @param socket, in, out of one connection, borrowed.
+    Answers(osa::TcpSocket& socket, std::istream& in, std::ostream& out) : _socket(socket), _in(in), _out(out) {}
+
+    bool Send(const core::IniFile& answer) override
+    {
+        _out << control::Ok << '\n';
+        answer.SaveToStream(_out);
+        _out << control::EndOfAnswer << '\n' << std::flush;
+        return _out.good();
+    }
+
+    bool Wait(unsigned int timeoutMs) override
+    {
+        return _in.rdbuf()->in_avail() <= 0 && (_socket.Wait(true, false, timeoutMs) & osa::TcpSocket::Readable) == 0;
+    }
+
+    void Wake() override { _socket.Wake(); }
+
+private:
+    osa::TcpSocket& _socket;
+    std::istream& _in;
+    std::ostream& _out;
+};
+
 }  // namespace
 
 /// One client and its thread.
@@ -100,11 +130,12 @@ private:
     {
         osa::TcpSocketStream in(_pSocket.get(), IdleMs);
         osa::TcpSocketStream out(_pSocket.get(), WriteMs);
+        Answers answers(*_pSocket, in, out.GetOstream());
         try
         {
             for (std::optional<std::string> line = ReadLine(in); line && out.GetOstream(); line = ReadLine(in))
             {
-                Answer(WithoutBlanks(*line), out.GetOstream());
+                Serve(WithoutBlanks(*line), answers, out.GetOstream());
             }
         }
         catch (const osa::Exception& exception)
@@ -114,7 +145,7 @@ private:
         }
     }
 
-    void Answer(std::string_view request, std::ostream& out) const
+    void Serve(std::string_view request, Answers& answers, std::ostream& out) const
     {
         const std::string_view name = request.substr(0, request.find_first_of(Blanks));
         const auto word =
@@ -124,19 +155,14 @@ private:
             WriteError(out, std::string(control::UnknownWord) + '\'' + std::string(name) + '\'');
             return;
         }
-        core::IniFile answer;
         try
         {
-            answer = (*word)->Answer(std::string(WithoutBlanks(request.substr(name.size()))));
+            (*word)->Serve(std::string(WithoutBlanks(request.substr(name.size()))), answers);
         }
         catch (const std::exception& exception)
         {
             WriteError(out, exception.what());
-            return;
         }
-        out << control::Ok << '\n';
-        answer.SaveToStream(out);
-        out << control::EndOfAnswer << '\n' << std::flush;
     }
 
     const Words& _words;

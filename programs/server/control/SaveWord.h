@@ -16,7 +16,7 @@ namespace korlo::daemon
 /// what is wrong.
 ///
 /// Thread safety: as IControlWord.
-class SaveWord : public IControlWord
+class SaveWord : public AnsweredWord
 {
 public:
     static constexpr unsigned int MostWaiting = 4;  ///< half of what the door serves

@@ -33,7 +33,7 @@ struct DoorReport
 /// while he waits for a disk or a client.
 ///
 /// Thread safety: as IControlWord.
-class StatusWord : public IControlWord
+class StatusWord : public AnsweredWord
 {
 public:
     /// What is told about; all of it borrowed.

@@ -72,6 +72,13 @@ TEST(ServerOptionsTest, TakeWhatIsGiven)
     EXPECT_EQ(options.logLevel, 0);
 }
 
+TEST(ServerOptionsTest, SayHowManyEntriesTheJournalKeeps)
+{
+    EXPECT_EQ(Parse({}).journal, 256u);
+    EXPECT_EQ(Parse({"--journal", "0"}).journal, 0u);
+    EXPECT_EQ(Parse({"--journal", "4096"}).journal, 4096u);
+}
+
 TEST(ServerOptionsTest, OfSeveralTheLastCounts)
 {
     EXPECT_EQ(Parse({"--control", "a", "--control", "b"}).controlPath, "b");
@@ -130,6 +137,8 @@ TEST(ServerOptionsTest, RefuseWhatMakesNoSenseInOneLineThatNamesIt)
         {{"--save-delay", "x"}, "--save-delay: 'x'"},
         {{"--save-delay", "1.5"}, "--save-delay: '1.5'"},
         {{"--save-delay", "99999999999999999999"}, "--save-delay"},
+        {{"--journal", "4097"}, "--journal: '4097'"},
+        {{"--journal", "-1"}, "--journal: '-1'"},
         {{"--max-clients", "0"}, "--max-clients: '0'"},
         {{"--max-backlog", "0"}, "--max-backlog: '0'"},
         {{"--max-message", "0x10"}, "--max-message: '0x10'"},
