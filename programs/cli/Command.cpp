@@ -56,6 +56,11 @@ constexpr Option With[] = {{"--with", "FILE", "The document with the new groups;
 constexpr Option Count[] = {
     {"--count", "N", "End after N changes.",
      [](Invocation& invocation, const std::string& value) { invocation.count = ParseCount(value); }}};
+constexpr Option OfLog[] = {
+    {"--count", "N", "Print the last N entries, not all.",
+     [](Invocation& invocation, const std::string& value) { invocation.count = ParseCount(value); }},
+    {"--follow", nullptr, "Go on with each entry as it comes, until it is interrupted.",
+     [](Invocation& invocation, const std::string&) { invocation.follow = true; }}};
 constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user layer alone.",
                            [](Invocation& invocation, const std::string&) { invocation.all = true; }}};
 constexpr Option Wait[] = {
@@ -183,6 +188,17 @@ const std::vector<Command>& AllCommands()
          "(--save-delay) saves at once. Status 1, with the reason, when the save fails; 3 when the server is not "
          "there.",
          0, 0, NoOptions, RunSave},
+        {"log", "[PATTERN...]", "Prints who changed what, newest last.",
+         "  korlo-settings log\n"
+         "  korlo-settings log 'Network/*' --count 5\n"
+         "  korlo-settings log --follow --json\n",
+         "Asks the control door of the server for its journal, whatever --server and --local say. Patterns select "
+         "entries by the groups that they are about. A line tells when, by whom and how groups and keys were changed, "
+         "what was refused, and what could not be saved; never a value. With --json, an object a line. With --follow, "
+         "an entry that repeats an earlier one is that one again with a higher count; SIGINT and SIGTERM end it with "
+         "status 0. Standard error tells of entries that were dropped before they were read. Status 3 when the door "
+         "cannot be reached, the server keeps no journal, or it ends.",
+         0, Command::AnyNumber, OfLog, RunLog},
         {"access check", "USER read|change GROUP", "Tells whether a user may read or change a group, and why.",
          "  korlo-settings access check www-data read Network/Wifi\n"
          "  korlo-settings access check 33 change 'Network/*' --json\n",

@@ -27,6 +27,7 @@ struct Invocation
     unsigned long count = 0;            ///< --count N; 0 without limit
     bool all = false;                   ///< --all
     unsigned long waitSeconds = 0;      ///< --wait SECONDS
+    bool follow = false;                ///< --follow
     bool asksForHelp = false;
     bool asksForVersion = false;
 };

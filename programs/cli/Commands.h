@@ -24,6 +24,9 @@ ExitStatus RunRestore(const Invocation& invocation);
 // WatchCommand.cpp
 ExitStatus RunWatch(const Invocation& invocation);
 
+// LogCommand.cpp
+ExitStatus RunLog(const Invocation& invocation);
+
 // ResourceCommands.cpp
 ExitStatus RunResourceShow(const Invocation& invocation);
 ExitStatus RunResourceReserve(const Invocation& invocation);

@@ -5,6 +5,7 @@
 #include "ControlProtocol.h"
 #include "IniText.h"
 #include "korlo/osa/Exception.h"
+#include "korlo/osa/Mutex.h"
 
 namespace korlo::settings::cli
 {
@@ -41,6 +42,11 @@ core::IniFile ControlConnection::Ask(const std::string& request)
     // the reason is there all the same.
     const std::string line = request + '\n';
     _socket.WriteAll(line.data(), line.size(), _limits.waitMs);
+    return ReadNext();
+}
+
+core::IniFile ControlConnection::ReadNext()
+{
     _bytes = 0;
     const std::string first = ReadLine();
     if (first.starts_with(control::ErrorPrefix))
@@ -67,6 +73,10 @@ std::string ControlConnection::ReadLine()
         const int next = _stream.get();
         if (next == std::istream::traits_type::eof())
         {
+            if (_limits.waitMs == osa::Infinite)
+            {
+                throw Failed("it ended the connection");
+            }
             throw Failed("it ended the connection, or gave no answer for " + std::to_string(_limits.waitMs / 1000) +
                              " seconds",
                          HintAtDoor);

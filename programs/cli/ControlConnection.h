@@ -34,7 +34,7 @@ public:
     /// Production defaults; tests shorten them.
     struct Limits
     {
-        unsigned int waitMs = 15'000;              ///< for the next bytes of an answer
+        unsigned int waitMs = 15'000;              ///< for the next bytes of an answer; osa::Infinite: for ever
         std::size_t mostBytes = 64 * 1024 * 1024;  ///< of one answer: whatever listens there, it may never end
     };
 
@@ -47,6 +47,13 @@ public:
     /// @return the document of the answer.
     /// @throws ControlError when the word itself failed.
     core::IniFile Ask(const std::string& request);
+
+    /// The next answer to a request that is answered again and again.
+    /// @throws as Ask.
+    core::IniFile ReadNext();
+
+    /// Ends the connection, and whatever waits for an answer, which then fails. From any thread.
+    void Close() { _socket.Close(); }
 
 private:
     std::string ReadLine();
