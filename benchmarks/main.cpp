@@ -75,6 +75,7 @@ const std::vector<Goal> Goals = {
     {"test-and-merge, eight clients, of Redis's time", "BM_ContendedIncrement", "BM_RedisContendedIncrement", 1 / 0.9},
     {"change on the disk, of a bare replacement's time", "BM_ChangeOnDisk", "BM_BareReplacement", 1 / 0.85},
     {"merge with delayed saves, of one that does not persist", "BM_MergeDelayed", "BM_MergeUnpersisted", 1 / 0.85},
+    {"merge that is entered in the journal, of one that is not", "BM_MergeWithJournal", "BM_MergeWithoutJournal", 1.05},
     {"p99 of a get while a slow disk saves, of that with a quick one", "BM_GetWhileSaving/slow_disk#p99_us",
      "BM_GetWhileSaving/quick_disk#p99_us", 1.25},
     {"idle server, KiB resident", "BM_ServerMemory/1000#idle_kib", nullptr, 4096},

@@ -164,6 +164,24 @@ void BM_MergeDelayed(benchmark::State& state)
     MergeMany(state, {"--save-delay", "100"}, 0);
 }
 
+/// A server with a control door, so that it keeps a journal unless the options say otherwise.
+std::vector<std::string> WithControlDoor(std::vector<std::string> options)
+{
+    const std::string path = "/tmp/korlo-bench-control-" + std::to_string(getpid());
+    options.insert(options.end(), {"--control", path});
+    return options;
+}
+
+void BM_MergeWithJournal(benchmark::State& state)
+{
+    MergeMany(state, WithControlDoor({}), DoNotPersist);
+}
+
+void BM_MergeWithoutJournal(benchmark::State& state)
+{
+    MergeMany(state, WithControlDoor({"--journal", "0"}), DoNotPersist);
+}
+
 void BM_RedisHset(benchmark::State& state)
 {
     constexpr int setsEach = 100;
@@ -238,6 +256,8 @@ BENCHMARK(BM_ContendedIncrement)->UseRealTime();
 BENCHMARK(BM_RedisContendedIncrement)->UseRealTime();
 BENCHMARK(BM_MergeUnpersisted)->UseRealTime();
 BENCHMARK(BM_MergeDelayed)->UseRealTime();
+BENCHMARK(BM_MergeWithJournal)->UseRealTime();
+BENCHMARK(BM_MergeWithoutJournal)->UseRealTime();
 BENCHMARK(BM_RedisHset)->UseRealTime();
 BENCHMARK(BM_ChangeOnDisk)->UseRealTime();
 BENCHMARK(BM_BareReplacement)->UseRealTime();

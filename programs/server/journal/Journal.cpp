@@ -192,7 +192,7 @@ void Journal::DropOldestRefusal()
     Drop(std::find_if(_changes.begin(), _changes.end(), [](const auto& pEntry) { return pEntry->IsRefusal(); }));
 }
 
-void Journal::Drop(Changes::iterator change)
+void Journal::Drop(const Changes::iterator& change)
 {
     const std::size_t bytes = BytesOf(**change);
     _bytes -= bytes;

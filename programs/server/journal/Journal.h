@@ -156,7 +156,7 @@ private:
     Change* FindRepeated(const Change& change) KORLO_REQUIRES(_mutex);
     bool StandsAlone(Change& change) const KORLO_REQUIRES(_mutex);
     void Append(Change change) KORLO_REQUIRES(_mutex);
-    void Drop(Changes::iterator change) KORLO_REQUIRES(_mutex);
+    void Drop(const Changes::iterator& change) KORLO_REQUIRES(_mutex);
     void DropOldestRefusal() KORLO_REQUIRES(_mutex);
 
     const std::size_t _mostEntries;
