@@ -124,7 +124,7 @@ void StatusWord::AddFiles(core::IniFile& answer) const
 {
     std::size_t number = 0;
     const auto add = [&answer, &number](const std::string& kind, const std::string& path) {
-        const std::string group = "File/" + std::to_string(++number);
+        std::string group = "File/" + std::to_string(++number);
         answer.SetValue(group, "kind", kind);
         answer.SetValue(group, "path", path);
         return group;
