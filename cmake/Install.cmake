@@ -1,5 +1,6 @@
 # What is installed: the libraries with their headers, the CMake package KorloSettings, and korlo.pc and
-# korlosettings.pc. Programs install themselves. The installed tree may be moved: nothing in it names the prefix.
+# korlosettings.pc. Programs and manual pages install themselves. The installed tree may be moved: nothing in it names
+# the prefix.
 include(CMakePackageConfigHelpers)
 
 set(korlo_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KorloSettings)

@@ -1,4 +1,4 @@
-// Runs the examples of docs/command-line.md.
+// Runs the examples of docs/command-line.md and of the manual pages.
 
 #include "ToolFixture.h"
 #include "support/ConsoleExamples.h"
@@ -16,9 +16,14 @@ protected:
     {
         std::filesystem::copy_file(KORLO_EXAMPLES "/device.ini", PathOf("device.ini"));
         std::filesystem::create_directory(PathOf("bin"));
-        Write("bin/korlo-settings",
-              "#!/bin/sh\nexec " + std::string(KORLO_EMULATOR) + ' ' + KORLO_SETTINGS_TOOL + " \"$@\"\n");
-        std::filesystem::permissions(PathOf("bin/korlo-settings"), std::filesystem::perms(0755));
+        MakeProgram("bin/korlo-settings", KORLO_SETTINGS_TOOL);
+        MakeProgram("bin/korlo-settings-server", KORLO_SETTINGS_SERVER);
+    }
+
+    void MakeProgram(const std::string& name, const std::string& path) const
+    {
+        Write(name, "#!/bin/sh\nexec " + std::string(KORLO_EMULATOR) + ' ' + path + " \"$@\"\n");
+        std::filesystem::permissions(PathOf(name), std::filesystem::perms(0755));
     }
 
     static std::string Replaced(std::string text, const std::string& old, const std::string& replacement)
@@ -47,6 +52,7 @@ protected:
     {
         const std::string address = "127.0.0.1:" + std::to_string(_server.GetPort());
         std::string script = Replaced(command, DocumentedAddress, address);
+        script = Replaced(script, "/dev/tcp/127.0.0.1/4711", "/dev/tcp/127.0.0.1/" + std::to_string(_server.GetPort()));
         script = Replaced(script, DocumentedRules, _rules);
         script = Replaced(script, "korlo-settings access", "korlo-settings --control " + _control + " access");
         ChildProcess shell(
@@ -54,6 +60,15 @@ protected:
         shell.CloseInput();
         shell.Wait();
         return Replaced(Replaced(shell.GetOutput(), address, DocumentedAddress), _rules, DocumentedRules);
+    }
+
+    void TypeAll(const std::string& document)
+    {
+        for (const ConsoleExample& example : ReadConsoleExamples(document))
+        {
+            EXPECT_EQ(Type(example.command), example.output)
+                << document << ", line " << example.line << ": " << example.command;
+        }
     }
 
     static constexpr const char* DocumentedAddress = "127.0.0.1:4711";
@@ -67,14 +82,25 @@ protected:
 
 TEST_F(CommandLineDocumentTest, EveryExampleShowsWhatTheToolDoes)
 {
-    const std::vector<ConsoleExample> examples = ReadConsoleExamples(KORLO_DOCS "/command-line.md");
-    ASSERT_GT(examples.size(), 10u);
-    for (const ConsoleExample& example : examples)
-    {
-        EXPECT_EQ(Type(example.command), example.output)
-            << "docs/command-line.md, line " << example.line << ": " << example.command;
-    }
+    const std::string document = KORLO_DOCS "/command-line.md";
+    ASSERT_GT(ReadConsoleExamples(document).size(), 10u);
+    TypeAll(document);
 }
+
+class ManualPageExamplesTest : public CommandLineDocumentTest, public testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(ManualPageExamplesTest, ShowWhatTheProgramsDo)
+{
+    const std::string page = KORLO_DOCS "/../man/" + std::string(GetParam()) + ".scd";
+    ASSERT_GT(ReadConsoleExamples(page).size(), 0u);
+    TypeAll(page);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pages, ManualPageExamplesTest,
+                         testing::Values("korlo-settings.1", "korlo-settings.5", "korlo-settings-access.5",
+                                         "korlo-settings-protocol.7", "korlo-settings-server.8"));
 
 }  // namespace
 }  // namespace korlo::settings::cli
