@@ -221,11 +221,11 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
 Status Run(const ServerOptions& options)
 {
     const StoreFiles layers = {LayerFiles(SettingsFiles(options.defaults)), UserPathOf(options),
-                               LayerFiles(SettingsFiles(options.restricted))};
+                               LayerFiles(SettingsFiles(options.restricted)), !options.access.empty()};
     LoadedFiles loaded;
     FileSettingsPersister files(SettingsFiles(options.defaults), layers.user, osa::RealFileSystem(), &loaded);
     files.Prepare();
-    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), !options.access.empty(), &loaded);
+    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), layers.clientsAreRefused, &loaded);
     if (options.saveDelayMs == 0)
     {
         settings::server::SettingsManager store(&files, &restricted, nullptr, false);

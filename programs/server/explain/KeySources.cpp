@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "RestrictedFilesLoader.h"
 #include "korlo/core/IniReader.h"
 #include "korlo/core/StringUtil.h"
 #include "korlo/osa/Exception.h"
@@ -20,13 +21,6 @@ struct Value
 {
     std::size_t line;
     std::string text;
-};
-
-/// A claim of the key's group.
-struct Claim
-{
-    int priority;
-    std::string place;
 };
 
 /// Keeps of one file what concerns the key.
@@ -79,17 +73,18 @@ private:
 class Finder
 {
 public:
-    explicit Finder(const SettingLocator& locator)
-        : _locator(locator),
+    Finder(const StoreFiles& files, const SettingLocator& locator)
+        : _files(files),
+          _locator(locator),
           _isRestricted(settings::server::GroupDiscriminator::IsRestrictedGroup(locator.group))
     {
     }
 
-    KeySources Find(const StoreFiles& files)
+    KeySources Find()
     {
-        _sources.changedDefaults = ReadLayer(Layer::Default, files.defaults.Find());
-        ReadUserFile(files.user);
-        _sources.changedRestricted = ReadLayer(Layer::Restricted, files.restricted.Find());
+        _sources.changedDefaults = ReadLayer(Layer::Default, _files.defaults.Find());
+        ReadUserFile(_files.user);
+        _sources.changedRestricted = ReadLayer(Layer::Restricted, _files.restricted.Find());
         return std::move(_sources);
     }
 
@@ -153,9 +148,15 @@ private:
     /// the files behind it are held.
     std::string WhyNot(Layer layer, const std::optional<Value>& claimed, const std::string& path)
     {
+        if (_isRestricted && layer == Layer::Default)
+        {
+            return RestrictedText;
+        }
         if (_isRestricted)
         {
-            return layer == Layer::Default ? RestrictedText : "";
+            return _files.clientsAreRefused && _locator.group == RestrictedFilesLoader::RefusedGroup
+                       ? "not taken: with access rules the group tells a client what was refused to it"
+                       : "";
         }
         if (_locator.group == ClaimingGroup)
         {
@@ -168,15 +169,15 @@ private:
             own = priority;
         }
         std::string why;
-        if (_strongest && (!own || *own < _strongest->priority))
+        if (_strongest && (!own || *own < *_strongest))
         {
-            why = "dropped: " + _strongest->place + " claims the group with priority " +
-                  std::to_string(_strongest->priority) + ", and this file with " +
-                  (own ? std::to_string(*own) : "none");
+            why = "dropped: " + _strongestPlace + " claims the group with priority " + std::to_string(*_strongest) +
+                  ", and this file with " + (own ? std::to_string(*own) : "none");
         }
-        if (own && (!_strongest || *own > _strongest->priority))
+        if (own && (!_strongest || *own > *_strongest))
         {
-            _strongest = Claim{*own, path + ':' + std::to_string(claimed->line)};
+            _strongest = own;
+            _strongestPlace = path + ':' + std::to_string(claimed->line);
         }
         if (why.empty() && _locator.group == RecordGroup)
         {
@@ -188,9 +189,11 @@ private:
     static constexpr const char* RestrictedText =
         "not taken: the group is restricted, and only the files of --restricted give it values";
 
+    const StoreFiles& _files;
     const SettingLocator& _locator;
     const bool _isRestricted;
-    std::optional<Claim> _strongest;  // of the files that were read so far
+    std::optional<int> _strongest;  // the claim of the group in the files that were read so far
+    std::string _strongestPlace;
     KeySources _sources;
 };
 
@@ -198,7 +201,7 @@ private:
 
 KeySources FindKeySources(const StoreFiles& files, const SettingLocator& locator)
 {
-    return Finder(locator).Find(files);
+    return Finder(files, locator).Find();
 }
 
 }  // namespace korlo::daemon

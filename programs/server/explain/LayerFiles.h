@@ -57,6 +57,7 @@ struct StoreFiles
     LayerFiles defaults;
     std::string user;  ///< empty where the user layer is kept in memory alone
     LayerFiles restricted;
+    bool clientsAreRefused;  ///< as RestrictedFilesLoader takes it
 };
 
 }  // namespace korlo::daemon

@@ -1,6 +1,7 @@
 #include "explain/SettingExplainer.h"
 
 #include <algorithm>
+#include <ranges>
 #include <string>
 #include <utility>
 
@@ -166,15 +167,15 @@ private:
         bool mayBeRestricted = true;
         bool mayBeUser = true;
         bool mayBeDefault = true;
-        for (auto index = _alive.rbegin(); index != _alive.rend(); ++index)
+        for (const std::size_t index : std::views::reverse(_alive))
         {
-            const Occurrence& occurrence = All()[*index];
+            const Occurrence& occurrence = All()[index];
             bool& mayBe = occurrence.layer == Layer::Restricted ? mayBeRestricted
                           : occurrence.layer == Layer::User     ? mayBeUser
                                                                 : mayBeDefault;
             if (mayBe && occurrence.value == _view.now)
             {
-                _winner = *index;
+                _winner = index;
                 return;
             }
             if (!occurrence.isChanged)

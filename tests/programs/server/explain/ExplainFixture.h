@@ -42,10 +42,12 @@ public:
     {
         _pExplainer.reset();
         _pStore.reset();
-        _pFiles = std::make_unique<StoreFiles>(StoreFiles{LayerFiles(_defaults), user, LayerFiles(_restricted)});
+        _pFiles = std::make_unique<StoreFiles>(
+            StoreFiles{LayerFiles(_defaults), user, LayerFiles(_restricted), clientsAreRefused});
         _pPersister = std::make_unique<FileSettingsPersister>(_defaults, user);
-        _pStore =
-            std::make_unique<settings::server::SettingsManager>(_pPersister.get(), &_restrictedLoader, nullptr, false);
+        _pRestrictedLoader = std::make_unique<RestrictedFilesLoader>(_restricted, clientsAreRefused);
+        _pStore = std::make_unique<settings::server::SettingsManager>(_pPersister.get(), _pRestrictedLoader.get(),
+                                                                      nullptr, false);
         _pExplainer = std::make_unique<SettingExplainer>(*_pStore, *_pFiles);
         return *_pStore;
     }
@@ -79,11 +81,12 @@ public:
     }
 
     std::string user = PathOf("user.ini");  // empty for none
+    bool clientsAreRefused = false;
 
 private:
     const SettingsFiles _defaults{{PathOf("d")}};
     const SettingsFiles _restricted{{PathOf("r")}};
-    RestrictedFilesLoader _restrictedLoader{_restricted};
+    std::unique_ptr<RestrictedFilesLoader> _pRestrictedLoader;
     std::unique_ptr<StoreFiles> _pFiles;
     std::unique_ptr<FileSettingsPersister> _pPersister;
     std::unique_ptr<settings::server::SettingsManager> _pStore;

@@ -100,6 +100,19 @@ TEST_F(SettingExplainerTest, ARestrictedGroupIsTakenFromRestrictedFilesAlone)
                                                "* restricted r/20.ini:2 4: it counts\n");
 }
 
+TEST_F(SettingExplainerTest, TheGroupThatTellsOfRefusalsIsLeftOutWithAccessRules)
+{
+    Write("r/10.ini", "[KorloSettings/Trusted/Refused]\nk=1\n");
+    Start();
+    EXPECT_EQ(Tell({"KorloSettings/Trusted/Refused", "k"}), "* restricted r/10.ini:2 1: it counts\n");
+    clientsAreRefused = true;
+    const LogCapture log;
+    Start();
+    EXPECT_EQ(Tell({"KorloSettings/Trusted/Refused", "k"}),
+              "- restricted r/10.ini:2 1: not taken: with access rules the group tells a client what was refused to "
+              "it\n");
+}
+
 TEST_F(SettingExplainerTest, AClaimDropsTheGroupFromLaterFilesThatClaimItLess)
 {
     Write("d/10.ini", "[A]\nk=1\n[KorloSettings/LoadPriority]\nA=5\n");
