@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "korlo/core/IniFile.h"
+#include "settings/SettingLocator.h"
 
 namespace korlo::control
 {
@@ -22,8 +23,15 @@ inline constexpr const char* AccessReload = "access-reload";  // no operand
 inline constexpr const char* Journal = "journal";             // [N]
 inline constexpr const char* Follow = "follow";               // [NUMBER]; answered again and again
 
+inline constexpr const char* Explain = "explain";    // [GROUP]KEY
+inline constexpr const char* Defaults = "defaults";  // no operand
+
 inline constexpr const char* Read = "read";
 inline constexpr const char* Change = "change";
+
+// What explain answers: the value and where it is from, and each candidate for it, CandidateGroup and a number from 1.
+inline constexpr const char* ExplainGroup = "Explain";
+inline constexpr const char* CandidateGroup = "Candidate/";
 
 // The answer is Ok, an INI document and EndOfAnswer, a line each; or one line: ErrorPrefix and a message.
 inline constexpr const char* Ok = "ok";
@@ -64,6 +72,35 @@ inline std::optional<std::string> UnquotedName(const std::string& operand)
     core::IniFile document;
     document.LoadFromString('[' + operand + "]\n");
     return document.size() == 1 ? std::optional(document.begin()->first) : std::nullopt;
+}
+
+/// A setting as the operand of a request: "[GROUP]KEY", each of the two quoted as a name where it has to be.
+inline std::string QuotedLocator(const settings::SettingLocator& locator)
+{
+    return '[' + QuotedName(locator.group) + ']' + QuotedName(locator.key);
+}
+
+/// The setting behind such an operand; nothing when it makes no sense.
+inline std::optional<settings::SettingLocator> UnquotedLocator(const std::string& operand)
+{
+    std::size_t end = 1;
+    const bool isQuoted = operand.starts_with("[\"");
+    if (isQuoted)
+    {
+        for (end = 2; end < operand.size() && operand[end] != '"'; ++end)
+        {
+            end += operand[end] == '\\' ? 1 : 0;
+        }
+        ++end;
+    }
+    end = operand.find(']', end);
+    if (!operand.starts_with('[') || end == std::string::npos)
+    {
+        return std::nullopt;
+    }
+    const std::optional<std::string> group = UnquotedName(operand.substr(1, end - 1));
+    const std::optional<std::string> key = UnquotedName(operand.substr(end + 1));
+    return group && key ? std::optional(settings::SettingLocator(*group, *key)) : std::nullopt;
 }
 
 }  // namespace korlo::control

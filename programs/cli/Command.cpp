@@ -199,6 +199,23 @@ const std::vector<Command>& AllCommands()
          "status 0. Standard error tells of entries that were dropped before they were read. Status 3 when the door "
          "cannot be reached, the server keeps no journal, or it ends.",
          0, Command::AnyNumber, OfLog, RunLog},
+        {"explain", "'[Group]Key'", "Tells where a value is from, and why no other place gave it.",
+         "  korlo-settings explain '[Audio]volume'\n"
+         "  korlo-settings explain '[Audio]volume' --json\n",
+         "Asks the control door of the server, whatever --server and --local say. Prints the value, and below it each "
+         "place that gives the key one: its layer (default, user, restricted, or unsaved for a change that was not "
+         "persisted), file and line, its value, and why it counts or not; first the one that counts. Long values are "
+         "cut; --json prints them whole. Status 1 when the key has no value, which is explained all the same; 3 when "
+         "the door cannot be reached.",
+         1, 1, NoOptions, RunExplain},
+        {"diff", "[PATTERN...]", "Compares the settings with the defaults.",
+         "  korlo-settings diff\n"
+         "  korlo-settings diff Audio 'Network/*' --json\n",
+         "The defaults are those that a start of the server would load now; the control door gives them. The settings "
+         "are those that 'get' prints. Prints what differs as lines of INI text, the default behind '-' and the "
+         "setting behind '+', below the names of their groups. Restricted groups are left out. Status 0 when nothing "
+         "differs, 1 when something does.",
+         0, Command::AnyNumber, NoOptions, RunDiff},
         {"access check", "USER read|change GROUP", "Tells whether a user may read or change a group, and why.",
          "  korlo-settings access check www-data read Network/Wifi\n"
          "  korlo-settings access check 33 change 'Network/*' --json\n",

@@ -40,4 +40,8 @@ ExitStatus RunSave(const Invocation& invocation);
 ExitStatus RunAccessCheck(const Invocation& invocation);
 ExitStatus RunAccessReload(const Invocation& invocation);
 
+// ExplainCommand.cpp, DiffCommand.cpp
+ExitStatus RunExplain(const Invocation& invocation);
+ExitStatus RunDiff(const Invocation& invocation);
+
 }  // namespace korlo::settings::cli

@@ -4,13 +4,6 @@
 
 namespace korlo::daemon
 {
-namespace
-{
-
-constexpr const char* RefusedGroup = "KorloSettings/Trusted/Refused";
-
-}  // namespace
-
 void RestrictedFilesLoader::LoadRestrictedSettings(settings::server::SettingsCombiner& combiner)
 {
     const core::Logger& logger = *core::Logger::GetLogger("RestrictedFilesLoader");

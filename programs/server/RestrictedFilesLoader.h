@@ -16,6 +16,8 @@ namespace korlo::daemon
 class RestrictedFilesLoader : public settings::server::IRestrictedSettingsLoader
 {
 public:
+    static constexpr const char* RefusedGroup = "KorloSettings/Trusted/Refused";
+
     /// @param clientsAreRefused there are access rules.
     /// @param pLoaded hears of each file that is loaded; borrowed, may be null.
     RestrictedFilesLoader(const SettingsFiles& files, bool clientsAreRefused, LoadedFiles* pLoaded = nullptr)

@@ -27,9 +27,11 @@
 #include "control/AccessWords.h"
 #include "control/ClientsWord.h"
 #include "control/ControlDoor.h"
+#include "control/ExplainWords.h"
 #include "control/JournalWords.h"
 #include "control/SaveWord.h"
 #include "control/StatusWord.h"
+#include "explain/LayerFiles.h"
 #include "journal/Journal.h"
 #include "korlo/core/IniFile.h"
 #include "korlo/core/Logger.h"
@@ -155,6 +157,7 @@ struct Storage
     FileSettingsPersister& files;
     DelayedPersister* pDelayed;  // null where changes are saved at once
     const LoadedFiles& loaded;
+    const StoreFiles& layers;
 
     /// Returns when everything that was changed before is on the disk.
     void Save() const
@@ -199,6 +202,8 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
         words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
         words.push_back(std::make_unique<JournalWord>(journal ? &*journal : nullptr));
         words.push_back(std::make_unique<FollowWord>(journal ? &*journal : nullptr));
+        words.push_back(std::make_unique<ExplainWord>(storage.store, storage.layers));
+        words.push_back(std::make_unique<DefaultsWord>(options.defaults));
         pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
         pControl->Start();
     }
@@ -215,21 +220,23 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
 /// client changed is saved.
 Status Run(const ServerOptions& options)
 {
+    const StoreFiles layers = {LayerFiles(SettingsFiles(options.defaults)), UserPathOf(options),
+                               LayerFiles(SettingsFiles(options.restricted)), !options.access.empty()};
     LoadedFiles loaded;
-    FileSettingsPersister files(SettingsFiles(options.defaults), UserPathOf(options), osa::RealFileSystem(), &loaded);
+    FileSettingsPersister files(SettingsFiles(options.defaults), layers.user, osa::RealFileSystem(), &loaded);
     files.Prepare();
-    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), !options.access.empty(), &loaded);
+    RestrictedFilesLoader restricted(SettingsFiles(options.restricted), layers.clientsAreRefused, &loaded);
     if (options.saveDelayMs == 0)
     {
         settings::server::SettingsManager store(&files, &restricted, nullptr, false);
         loaded.Seal();
-        return ServeUntilSignal(options, {store, files, nullptr, loaded}) ? EndedInOrder : Failed;
+        return ServeUntilSignal(options, {store, files, nullptr, loaded, layers}) ? EndedInOrder : Failed;
     }
     DelayedPersister delayed(files, options.saveDelayMs);
     settings::server::SettingsManager store(&delayed, &restricted, nullptr, false);
     loaded.Seal();
     delayed.Start([&store] { return UserLayerOf(store); });
-    const bool isHealthy = ServeUntilSignal(options, {store, files, &delayed, loaded});
+    const bool isHealthy = ServeUntilSignal(options, {store, files, &delayed, loaded, layers});
     delayed.Finish();
     return isHealthy ? EndedInOrder : Failed;
 }

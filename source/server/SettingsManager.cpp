@@ -157,6 +157,16 @@ void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) 
     GetGroups(out, MatcherOf(nameOrPattern));
 }
 
+void SettingsManager::GetLayers(const GroupNameCollection& names, IniFile& settings, IniFile& userSettings) const
+{
+    const StoreReadLock lock(_lock);
+    for (const std::string& name : names)
+    {
+        settings.MergeSettings(_settings, name);
+        userSettings.MergeSettings(_userSettings, name);
+    }
+}
+
 void SettingsManager::DumpUserSettings(std::ostream& os) const
 {
     const StoreReadLock lock(_lock);

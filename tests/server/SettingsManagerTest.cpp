@@ -72,6 +72,18 @@ TEST_F(SettingsManagerTest, GetGroupsAddsWholeGroupsToWhatTheDocumentHolds)
     EXPECT_EQ(out, Ini("[Audio]\nvolume=5\nmute=no\nown=1\n[Kept]\nx=1\n[Net/Wlan0]\nmode=off\n"));
 }
 
+TEST_F(SettingsManagerTest, GetLayersGivesTheSettingsAndTheUserLayerOfOneMoment)
+{
+    store.MergeSettings(Ini("[Audio]\nvolume=7\n"), 0);
+    store.MergeSettings(Ini("[Audio]\nmute=yes\n"), SettingsManager::DoNotPersist);
+    store.OverwriteSettings("Net/Eth0", Ini(""));
+    IniFile settings = Ini("[Kept]\nx=1\n");
+    IniFile user;
+    store.GetLayers({"Audio", "Net/*", "Missing", DeletedGroups}, settings, user);
+    EXPECT_EQ(settings, Ini("[Audio]\nvolume=7\nmute=yes\n[Kept]\nx=1\n")) << "a pattern is a name here";
+    EXPECT_EQ(user, Ini("[Audio]\nvolume=7\n" + Record + "1=Net/Eth0\n"));
+}
+
 TEST_F(SettingsManagerTest, GetGroupsTakesOneNameOrPattern)
 {
     IniFile byName;

@@ -91,6 +91,12 @@ public:
     void GetGroups(core::IniFile& out, const common::GroupNameMatcher& matcher) const KORLO_EXCLUDES(_lock);
     void GetGroups(core::IniFile& out, const std::string& nameOrPattern) const KORLO_EXCLUDES(_lock);
 
+    /// Adds the groups of these names, whole, as they are at one moment: to `settings` those of the current settings,
+    /// to `userSettings` those of the user layer, of which the record of erased groups may be one. A pattern is a name
+    /// like any other here. Neither document is cleared first.
+    void GetLayers(const GroupNameCollection& names, core::IniFile& settings, core::IniFile& userSettings) const
+        KORLO_EXCLUDES(_lock);
+
     /// Writes the user layer as INI text, the record of erased groups included.
     void DumpUserSettings(std::ostream& os) const KORLO_EXCLUDES(_lock);
 

@@ -51,10 +51,13 @@ protected:
     std::string Type(const std::string& command)
     {
         const std::string address = "127.0.0.1:" + std::to_string(_server.GetPort());
-        std::string script = Replaced(command, DocumentedAddress, address);
+        std::string script = Replaced(command, DocumentedAddress + std::string(" diff"),
+                                      DocumentedAddress + (" --control " + _control) + " diff");
+        script = Replaced(script, DocumentedAddress, address);
         script = Replaced(script, "/dev/tcp/127.0.0.1/4711", "/dev/tcp/127.0.0.1/" + std::to_string(_server.GetPort()));
         script = Replaced(script, DocumentedRules, _rules);
         script = Replaced(script, "korlo-settings access", "korlo-settings --control " + _control + " access");
+        script = Replaced(script, "korlo-settings explain", "korlo-settings --control " + _control + " explain");
         ChildProcess shell(
             {"/bin/sh", "-c", "cd \"$1\" && PATH=\"$1/bin:$PATH\" && exec 2>&1\n" + script, "sh", _folder.GetPath()});
         shell.CloseInput();
@@ -71,13 +74,27 @@ protected:
         }
     }
 
+    /// The command of a server in the folder of the test, where its files have short names.
+    ServerProcess::WholeCommand CommandOfServer() const
+    {
+        std::filesystem::create_directory(PathOf("defaults.d"));
+        std::filesystem::copy_file(KORLO_EXAMPLES "/device.ini", PathOf("defaults.d/10-device.ini"));
+        Write("defaults.d/20-site.ini", "[Update]\ncheckEveryHours=12\n");
+        std::filesystem::copy_file(KORLO_EXAMPLES "/restricted.ini", PathOf("restricted.ini"));
+        const Arguments server =
+            ServerProcess::Command({"--defaults", "defaults.d", "--restricted", "restricted.ini", "--user", "user.ini",
+                                    "--access", _rules, "--control", _control});
+        Arguments command = {"/bin/sh", "-c", "cd \"$0\" && exec \"$@\"", _folder.GetPath()};
+        command.insert(command.end(), server.begin(), server.end());
+        return {command};
+    }
+
     static constexpr const char* DocumentedAddress = "127.0.0.1:4711";
     static constexpr const char* DocumentedRules = "/etc/korlo-settings/access.d";
 
     const std::string _rules = MakeRules();
     const std::string _control = PathOf("control");
-    ServerProcess _server{{"--defaults", KORLO_EXAMPLES "/device.ini", "--restricted", KORLO_EXAMPLES "/restricted.ini",
-                           "--user", PathOf("user.ini"), "--access", _rules, "--control", _control}};
+    ServerProcess _server{CommandOfServer()};
 };
 
 TEST_F(CommandLineDocumentTest, EveryExampleShowsWhatTheToolDoes)

@@ -87,6 +87,21 @@ TEST(ServerDocumentTest, ADefaultThatIsNotThereIsLoggedAsShown)
     EXPECT_GT(count, 2);
 }
 
+TEST(ServerDocumentTest, AnExplanationIsAsShown)
+{
+    const TemporaryFolder folder;
+    const std::string section = Section("Where a value is from");
+    const auto pServer = StartAsShown(section, folder);
+    RawClient client("unix:" + folder.PathOf("demo/control"));
+    client.Send("explain [Network]mode\n");
+    EXPECT_EQ(client.ReadLine(), "ok");
+    const std::string begin = "```ini\n";
+    const std::string shown = section.substr(section.find(begin) + begin.size());
+    EXPECT_EQ(client.ReadBlock(), shown.substr(0, shown.find("```")));
+    pServer->Signal(SIGTERM);
+    EXPECT_EQ(pServer->Wait(), 0);
+}
+
 TEST(ServerDocumentTest, TheTableGivesTheDefaults)
 {
     const ServerOptions options;
