@@ -15,6 +15,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/stl/TextStream.h"
 #include "support/Heap.h"
+#include "support/Rounds.h"
 
 namespace korlo::core
 {
@@ -191,7 +192,7 @@ TEST(AllocationTest, ADocumentOfADeviceTakesThreeQuartersOfABareMap)
 
 TEST(AllocationTest, ALargeDocumentTakesThreeQuartersOfABareMap)
 {
-    ExpectToTakeLessThanTheBareMap(20000, 10);
+    ExpectToTakeLessThanTheBareMap(static_cast<int>(Rounds(20000)), 10);
 }
 
 TEST(AllocationTest, ReadingAPresentKeyAllocatesNothing)

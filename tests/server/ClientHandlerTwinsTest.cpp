@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "support/LogCapture.h"
+#include "support/Rounds.h"
 #include "support/TwinStores.h"
 
 namespace korlo::settings::server
@@ -186,7 +187,7 @@ private:
 TEST(ClientHandlerTwinsTest, GroupsThatAClientMayNotReadChangeNoByteOfWhatItIsSent)
 {
     const LogCapture log;  // a name that no list can carry is warned of each time
-    constexpr unsigned int scripts = 3000;
+    constexpr unsigned int scripts = Rounds(3000);
     unsigned int different = 0;
     unsigned int notified = 0;
     unsigned int refused = 0;

@@ -14,6 +14,7 @@
 #include "support/Callbacks.h"
 #include "support/Documents.h"
 #include "support/RecordingPersister.h"
+#include "support/Rounds.h"
 #include "support/Selection.h"
 #include "support/StoreModel.h"
 #include "support/StoreScenario.h"
@@ -309,7 +310,7 @@ std::string Report(unsigned int seed, const StoreScenario& scenario)
 
 TEST(SettingsManagerModelTest, AgreesWithANaiveModelOverRandomSequences)
 {
-    constexpr unsigned int sequences = 3000;
+    constexpr unsigned int sequences = Rounds(3000);
     for (unsigned int seed = 1; seed <= sequences; ++seed)
     {
         const StoreScenario scenario = StoreScenarioSource(seed).Make();
