@@ -1,7 +1,6 @@
 #include "explain/SettingExplainer.h"
 
 #include <algorithm>
-#include <ranges>
 #include <string>
 #include <utility>
 
@@ -167,15 +166,15 @@ private:
         bool mayBeRestricted = true;
         bool mayBeUser = true;
         bool mayBeDefault = true;
-        for (const std::size_t index : std::views::reverse(_alive))
+        for (auto place = _alive.rbegin(); place != _alive.rend(); ++place)
         {
-            const Occurrence& occurrence = All()[index];
+            const Occurrence& occurrence = All()[*place];
             bool& mayBe = occurrence.layer == Layer::Restricted ? mayBeRestricted
                           : occurrence.layer == Layer::User     ? mayBeUser
                                                                 : mayBeDefault;
             if (mayBe && occurrence.value == _view.now)
             {
-                _winner = index;
+                _winner = *place;
                 return;
             }
             if (!occurrence.isChanged)

@@ -476,7 +476,7 @@ protected:
     LoadedFiles _loaded;
     settings::server::SerializationManager _serializers;
     AccessControl _access{nullptr, std::nullopt};
-    const ServerLimits _limits;
+    const ServerLimits _limits{};
     unsigned short _port = 0;
     std::optional<DelayedPersister> _delayed;
     std::optional<settings::server::SettingsManager> _store;
