@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -174,29 +175,29 @@ TEST_F(JournalWordsTest, AFollowerMissesNothingOfABusyJournal)
     constexpr int changes = 200;
     RawClient client(_address);
     client.Send("follow 0\n");
-    std::thread writer([this] {
+    const std::jthread writer([this] {
         for (int i = 1; i <= changes; ++i)
         {
             Enter(_journal, TcpClient(1), {{"Counter", {"value"}}});
             Enter(_journal, TcpClient(1), {{"A", {std::to_string(i)}}});
         }
     });
-    int last = 0;
+    // One that is renewed while an answer is made may come with the next one, behind later numbers.
+    std::set<int> numbers;
     std::string count;
-    while (last < changes + 1 || count != std::to_string(changes))
+    while (numbers.size() < changes + 1 || count != std::to_string(changes))
     {
         core::IniFile document;
         document.LoadFromString(Answer(client));
         for (const auto& [group, values] : document)
         {
             const int number = std::stoi(group.substr(group.find('/') + 1));
-            ASSERT_LE(number, last + 1) << "a gap";
-            last = std::max(last, number);
+            numbers.insert(number);
             count = number == 1 ? values.at("count") : count;
         }
         ASSERT_TRUE(client.GetStream().good());
     }
-    writer.join();
+    EXPECT_EQ(*numbers.rbegin(), changes + 1);
 }
 
 TEST_F(JournalWordsTest, TheNextRequestEndsAFollow)
