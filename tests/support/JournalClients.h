@@ -62,7 +62,7 @@ inline void Enter(Journal& journal, const ClientOrigin& origin, const Keys& keys
 inline std::vector<JournalEntry> EntriesOf(const Journal& journal)
 {
     std::vector<JournalEntry> entries;
-    Journal::Walk walk{0, 0, journal.GetRevision()};
+    Journal::Walk walk{0, 0, journal.GetLastNumber()};
     while (journal.Read(walk, entries))
     {
     }

@@ -203,7 +203,7 @@ core::IniFile JournalWord::Answer(const std::string& operands)
 {
     CheckThereIs(_pJournal);
     const std::uint64_t most = NumberIn(operands, "journal [N]").value_or(AllEntries);
-    return DocumentOf(ReadLast(*_pJournal, {0, 0, _pJournal->GetRevision()}, most));
+    return DocumentOf(ReadLast(*_pJournal, {0, 0, _pJournal->GetLastNumber()}, most));
 }
 
 const char* FollowWord::GetName() const
@@ -219,21 +219,22 @@ void FollowWord::Serve(const std::string& operands, IControlClient& client)
     std::vector<JournalEntry> entries;
     if (after)
     {
-        entries = ReadLast(*_pJournal, {*after, 0, revision}, AllEntries);
+        entries = ReadLast(*_pJournal, {*after, 0, _pJournal->GetLastNumber()}, AllEntries);
     }
     // The first answer may be empty: it tells the client that it follows.
     while (client.Send(DocumentOf(std::exchange(entries, {}))))
     {
-        // An entry that is renewed while it is looked for comes with the next answer, so this one may be empty.
+        // An entry that is dropped before it is found leaves this answer empty. One that is renewed while the answer is
+        // made is in it, and may come with the next one once more.
         while (entries.empty())
         {
             if (!WaitForEntry(*_pJournal, revision, client))
             {
                 return;
             }
-            const std::uint64_t upTo = _pJournal->GetRevision();
-            entries = ReadLast(*_pJournal, {0, revision, upTo}, AllEntries);
-            revision = upTo;
+            const std::uint64_t now = _pJournal->GetRevision();
+            entries = ReadLast(*_pJournal, {0, revision, _pJournal->GetLastNumber()}, AllEntries);
+            revision = now;
         }
     }
 }

@@ -218,6 +218,12 @@ std::uint64_t Journal::GetRevision() const
     return _revision;
 }
 
+std::uint64_t Journal::GetLastNumber() const
+{
+    const PlainLock lock(_mutex);
+    return _lastNumber;
+}
+
 bool Journal::Read(Walk& walk, std::vector<JournalEntry>& entries) const
 {
     if (entries.capacity() - entries.size() < EntriesCopiedInAStep)
@@ -225,21 +231,22 @@ bool Journal::Read(Walk& walk, std::vector<JournalEntry>& entries) const
         entries.reserve(2 * entries.capacity() + EntriesCopiedInAStep);  // not while the lock is held
     }
     const PlainLock lock(_mutex);
-    auto next = std::upper_bound(_changes.begin(), _changes.end(), walk.afterNumber,
-                                 [](std::uint64_t number, const auto& pChange) { return number < pChange->number; });
+    const auto isBefore = [](std::uint64_t number, const auto& pChange) { return number < pChange->number; };
+    auto next = std::upper_bound(_changes.begin(), _changes.end(), walk.afterNumber, isBefore);
+    const auto end = std::upper_bound(next, _changes.end(), walk.upToNumber, isBefore);
     std::size_t copied = 0;
-    for (std::size_t seen = 0; next != _changes.end() && seen < EntriesSeenInAStep && copied < EntriesCopiedInAStep;
+    for (std::size_t seen = 0; next != end && seen < EntriesSeenInAStep && copied < EntriesCopiedInAStep;
          ++next, ++seen)
     {
         const Change& change = **next;
         walk.afterNumber = change.number;
-        if (change.revision > walk.afterRevision && change.revision <= walk.upToRevision)
+        if (change.revision > walk.afterRevision)
         {
             entries.push_back(EntryOf(change));
             ++copied;
         }
     }
-    return next != _changes.end();
+    return next != end;
 }
 
 JournalEntry Journal::EntryOf(const Change& change)

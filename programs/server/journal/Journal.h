@@ -92,12 +92,15 @@ public:
     /// Goes up with each change that is entered, be it a new entry or a renewed one.
     std::uint64_t GetRevision() const KORLO_EXCLUDES(_mutex);
 
+    /// That of the newest entry; 0 while there was none.
+    std::uint64_t GetLastNumber() const KORLO_EXCLUDES(_mutex);
+
     /// What a reader has asked for, and how far it is. From a new one on, Read until it returns false.
     struct Walk
     {
         std::uint64_t afterNumber = 0;    ///< entries up to this one are left out
         std::uint64_t afterRevision = 0;  ///< entries that were made or renewed up to this one are left out
-        std::uint64_t upToRevision = 0;   ///< and those that were made or renewed after this one
+        std::uint64_t upToNumber = 0;     ///< and those behind this one, so that a walk ends however many are made
     };
 
     /// Adds some of the next entries, in the order of their numbers.

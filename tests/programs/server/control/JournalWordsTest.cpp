@@ -4,7 +4,6 @@
 #include <list>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -182,22 +181,21 @@ TEST_F(JournalWordsTest, AFollowerMissesNothingOfABusyJournal)
             Enter(_journal, TcpClient(1), {{"A", {std::to_string(i)}}});
         }
     });
-    // One that is renewed while an answer is made may come with the next one, behind later numbers.
-    std::set<int> numbers;
+    int last = 0;
     std::string count;
-    while (numbers.size() < changes + 1 || count != std::to_string(changes))
+    while (last < changes + 1 || count != std::to_string(changes))
     {
         core::IniFile document;
         document.LoadFromString(Answer(client));
         for (const auto& [group, values] : document)
         {
             const int number = std::stoi(group.substr(group.find('/') + 1));
-            numbers.insert(number);
+            ASSERT_LE(number, last + 1) << "a gap";
+            last = std::max(last, number);
             count = number == 1 ? values.at("count") : count;
         }
         ASSERT_TRUE(client.GetStream().good());
     }
-    EXPECT_EQ(*numbers.rbegin(), changes + 1);
 }
 
 TEST_F(JournalWordsTest, TheNextRequestEndsAFollow)

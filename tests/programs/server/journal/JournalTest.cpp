@@ -299,7 +299,7 @@ TEST_F(JournalTest, AReaderGetsWhatCameSinceItsLastVisit)
     Enter(_journal, _kim, {{"A", {"z"}}});
     Enter(_journal, _kim, {{"A", {"x"}}});
     std::vector<JournalEntry> entries;
-    Journal::Walk walk{0, revision, _journal.GetRevision()};
+    Journal::Walk walk{0, revision, _journal.GetLastNumber()};
     EXPECT_FALSE(_journal.Read(walk, entries));
     ASSERT_THAT(entries, SizeIs(2));
     EXPECT_EQ(TextOf(entries[0]), "1*2 [A]x");
@@ -313,7 +313,7 @@ TEST_F(JournalTest, AReaderCopiesAFewEntriesAtATime)
         Enter(_journal, _kim, {{"A", {std::to_string(i)}}});
     }
     std::vector<JournalEntry> entries;
-    Journal::Walk walk{0, 0, _journal.GetRevision()};
+    Journal::Walk walk{0, 0, _journal.GetLastNumber()};
     while (true)
     {
         const std::size_t before = entries.size();
