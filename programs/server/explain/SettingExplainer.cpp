@@ -166,15 +166,16 @@ private:
         bool mayBeRestricted = true;
         bool mayBeUser = true;
         bool mayBeDefault = true;
-        for (auto place = _alive.rbegin(); place != _alive.rend(); ++place)
+        for (std::size_t left = _alive.size(); left > 0; --left)
         {
-            const Occurrence& occurrence = All()[*place];
+            const std::size_t place = _alive[left - 1];
+            const Occurrence& occurrence = All()[place];
             bool& mayBe = occurrence.layer == Layer::Restricted ? mayBeRestricted
                           : occurrence.layer == Layer::User     ? mayBeUser
                                                                 : mayBeDefault;
             if (mayBe && occurrence.value == _view.now)
             {
-                _winner = *place;
+                _winner = place;
                 return;
             }
             if (!occurrence.isChanged)
