@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <future>
+#include <memory>
 
 #include <gtest/gtest.h>
 
@@ -128,6 +129,18 @@ TEST(SemaphoreTest, EveryReleaseWakesOneWaiter)
     }
     other.get();
     EXPECT_EQ(turns, 4000);
+}
+
+TEST(SemaphoreTest, WhoeverIsWokenMayDestroyIt)
+{
+    for (int i = 0; i < 1000; ++i)
+    {
+        auto pSemaphore = std::make_unique<Semaphore>("once", 1, 0);
+        auto other = std::async(std::launch::async, [&semaphore = *pSemaphore] { semaphore.Release(); });
+        pSemaphore->Lock(Infinite);
+        pSemaphore.reset();
+        other.get();
+    }
 }
 
 }  // namespace

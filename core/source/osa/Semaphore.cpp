@@ -1,20 +1,82 @@
 #include "korlo/osa/Semaphore.h"
 
+#include <cerrno>
+#include <ctime>
+
 #include "korlo/osa/Exception.h"
 #include "osa/TimedWait.h"
 
 namespace korlo::osa
 {
+namespace
+{
+
+constexpr unsigned int MillisecondsPerSecond = 1000;
+constexpr long NanosecondsPerMillisecond = 1000000;
+constexpr long NanosecondsPerSecond = 1000000000;
+constexpr int SharedAmongThreads = 0;
+
+#ifdef __SANITIZE_THREAD__
+constexpr clockid_t Clock = CLOCK_REALTIME;  // it sees no wait by the other clock
+
+int WaitUntil(sem_t& units, const timespec& end)
+{
+    return ::sem_timedwait(&units, &end);
+}
+#else
+constexpr clockid_t Clock = CLOCK_MONOTONIC;
+
+int WaitUntil(sem_t& units, const timespec& end)
+{
+    return ::sem_clockwait(&units, Clock, &end);
+}
+#endif
+
+timespec After(unsigned int timeoutMs)
+{
+    timespec end{};
+    ::clock_gettime(Clock, &end);
+    end.tv_sec += static_cast<time_t>(timeoutMs / MillisecondsPerSecond);
+    end.tv_nsec += static_cast<long>(timeoutMs % MillisecondsPerSecond) * NanosecondsPerMillisecond;
+    if (end.tv_nsec >= NanosecondsPerSecond)
+    {
+        end.tv_nsec -= NanosecondsPerSecond;
+        ++end.tv_sec;
+    }
+    return end;
+}
+
+/// Repeats a wait that a signal cut short; false when it ended without a unit.
+template <typename Wait>
+bool TakeBy(const Wait& wait)
+{
+    int result = 0;
+    do
+    {
+        result = wait();
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+}  // namespace
 
 Semaphore::Semaphore(const char* name, unsigned short maximum, unsigned short initial)
     : _name(LockName(name)),
-      _maximum(maximum),
-      _count(initial)
+      _maximum(maximum)
 {
     if (initial > maximum)
     {
         throw Exception("Semaphore '%s' cannot start at %d, its maximum is %d", _name.c_str(), initial, maximum);
     }
+    ::sem_init(&_units, SharedAmongThreads, initial);  // any unsigned short is a value that it can have
+}
+
+Semaphore::~Semaphore()
+{
+    {
+        const std::lock_guard untilGiven(_releaseMutex);
+    }
+    ::sem_destroy(&_units);
 }
 
 bool Semaphore::Lock(unsigned int timeoutMs)
@@ -28,25 +90,32 @@ bool Semaphore::Lock(unsigned int timeoutMs)
 
 bool Semaphore::TryLock(unsigned int timeoutMs)
 {
-    std::unique_lock lock(_mutex);
-    if (!WaitFor(_given, lock, timeoutMs, [this] { return _count > 0; }))
+    if (::sem_trywait(&_units) == 0)
+    {
+        return true;
+    }
+    if (timeoutMs == 0)
     {
         return false;
     }
-    --_count;
-    return true;
+    if (timeoutMs == Infinite)
+    {
+        return TakeBy([this] { return ::sem_wait(&_units); });
+    }
+    const timespec end = After(timeoutMs);
+    return TakeBy([this, &end] { return WaitUntil(_units, end); });
 }
 
 void Semaphore::Release()
 {
-    // Notified with the lock held: who is woken may destroy the semaphore as soon as it has what it waited for.
-    const std::lock_guard lock(_mutex);
-    if (_count == _maximum)
+    const std::lock_guard lock(_releaseMutex);
+    int count = 0;
+    ::sem_getvalue(&_units, &count);
+    if (count >= _maximum)
     {
         throw Exception("Semaphore '%s' released beyond its maximum of %d", _name.c_str(), _maximum);
     }
-    ++_count;
-    _given.notify_one();
+    ::sem_post(&_units);
 }
 
 }  // namespace korlo::osa

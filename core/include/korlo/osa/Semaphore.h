@@ -1,9 +1,10 @@
 #pragma once
 // A counter that threads take from and give to.
 
-#include <condition_variable>
 #include <mutex>
 #include <string>
+
+#include <semaphore.h>
 
 namespace korlo::osa
 {
@@ -13,7 +14,11 @@ namespace korlo::osa
 ///
 ///     Semaphore sendMutex("sendMutex", 1, 0);  // at most one, and that one is taken
 ///
-/// Thread safety: all methods, from any thread.
+/// Whoever is woken has its unit already and needs nothing else of the semaphore, not even a lock: on a device with one
+/// core, a wait for a lock that the other side still holds would cost two more changes of thread.
+///
+/// Thread safety: all methods, from any thread. Whoever has taken a unit may destroy the semaphore at once, though
+/// the thread that gave it may not have returned: the destructor waits for that.
 class Semaphore
 {
 public:
@@ -23,6 +28,7 @@ public:
     Semaphore(const char* name, unsigned short maximum, unsigned short initial);
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;
+    ~Semaphore();
 
     /// Takes one and returns true, or throws LockException (Timeout, with a text that names the semaphore) when
     /// `timeoutMs` is up.
@@ -38,9 +44,8 @@ private:
     const std::string _name;
     const unsigned short _maximum;
 
-    std::mutex _mutex;
-    std::condition_variable _given;
-    unsigned short _count;  // guarded by _mutex
+    std::mutex _releaseMutex;  // held to compare with the maximum and give
+    sem_t _units;
 };
 
 }  // namespace korlo::osa
