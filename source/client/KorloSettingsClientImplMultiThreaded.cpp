@@ -174,7 +174,7 @@ bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCo
     _pLogger->Trace("%s", name);
     if (!pOwned->GetResponseKeyword().empty())
     {
-        return SendAndAwait(name, std::move(pOwned));
+        return SendAndAwait(name, *pOwned);
     }
     const SemAutoLock lock(_sendMutex, _timeoutMs);
     CheckInvariant(name);
@@ -182,7 +182,7 @@ bool KorloSettingsClientImplMultiThreaded::RunCommand(const char* name, RemoteCo
     return true;
 }
 
-bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const
+bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, RemoteCommand& command) const
 {
     const osa::MutexAutoLock oneAtATime(&_commandMutex);
     common::Assert(_requestQueue.Size() == 0, "_requestQueue.Size() == 0",
@@ -197,8 +197,7 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
         {
             FailToCommunicate(name);
         }
-        Send(name, *pCommand);
-        static_cast<void>(pCommand.release());  // the reader thread's from here on
+        SendQueued(name, command);
     }
     _responseQueue.GetMsg(status, osa::Infinite);
     if (!status.matched)
@@ -208,24 +207,34 @@ bool KorloSettingsClientImplMultiThreaded::SendAndAwait(const char* name, std::u
     return status.result;
 }
 
-/// Queues the command, too, if it awaits a response.
+/// Queues the command before it is written, since the response may be there before this thread is back from the write.
+void KorloSettingsClientImplMultiThreaded::SendQueued(const char* name, RemoteCommand& command) const
+{
+    _requestQueue.SendMsg(&command);
+    try
+    {
+        Send(name, command);
+    }
+    catch (...)
+    {
+        RemoteCommand* pUnsent = nullptr;
+        if (_requestQueue.TryGetMsg(pUnsent, DoNotWait))
+        {
+            throw;
+        }
+        // The reader thread has it, with a response, and will say what became of it.
+    }
+}
+
 void KorloSettingsClientImplMultiThreaded::Send(const char* name, RemoteCommand& command) const
 {
-    const bool isSent = WriteOrDrop([&](std::ostream& out) {
-        command.SendRequest(out);
-        if (!out.fail() && !command.GetResponseKeyword().empty())
-        {
-            _requestQueue.SendMsg(&command);
-        }
-    });
-    if (!isSent)
+    if (!WriteOrDrop([&](std::ostream& out) { command.SendRequest(out); }))
     {
         throw osa::Exception("%s lost connection to korlo-settings-server", name);
     }
 }
 
-/// Drops the connection unless the request was written, and the command queued, as a whole; false if it was lost. With
-/// the send semaphore held.
+/// Drops the connection unless the request was written as a whole; false if it was lost. With the send semaphore held.
 template <typename Write>
 bool KorloSettingsClientImplMultiThreaded::WriteOrDrop(const Write& write) const
 {
@@ -420,18 +429,12 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(std::string_view keywo
         common::ResponseReader(in).Skip(keyword);
         return;
     }
-    RemoteCommand* pQueued = nullptr;
-    bool found = false;
-    {
-        const SemAutoLock lock(_sendMutex, osa::Infinite);
-        found = _requestQueue.TryGetMsg(pQueued, _limits.commandMs);
-    }
-    if (!found)
+    RemoteCommand* pCommand = nullptr;
+    if (!TakeCommand(pCommand))
     {
         _pLogger->Error("Message received without corresponding request");
         return;
     }
-    std::unique_ptr<RemoteCommand> pCommand(pQueued);
     ResponseStatus status{false, false};
     if (!pCommand->GetResponseKeyword().empty() && pCommand->GetResponseKeyword() == keyword)
     {
@@ -445,12 +448,22 @@ void KorloSettingsClientImplMultiThreaded::HandleResponse(std::string_view keywo
             _pLogger->Error("Exception handling response from server: %s", exception.what());
         }
     }
-    pCommand.reset();
     if (status.matched && !in.good())
     {
         return;  // lost inside the response: its caller is told so when the connection is left
     }
     _responseQueue.SendMsg(status);
+}
+
+/// Without the send semaphore where it can be: on one core, its holder has often not returned from writing the request.
+bool KorloSettingsClientImplMultiThreaded::TakeCommand(RemoteCommand*& pCommand)
+{
+    if (_requestQueue.TryGetMsg(pCommand, DoNotWait))
+    {
+        return true;
+    }
+    const SemAutoLock lock(_sendMutex, osa::Infinite);
+    return _requestQueue.TryGetMsg(pCommand, _limits.commandMs);
 }
 
 /// With the send semaphore held, until there is a connection again.
@@ -467,9 +480,8 @@ void KorloSettingsClientImplMultiThreaded::CleanRequestQueue()
 {
     while (_requestQueue.Size() != 0)
     {
-        RemoteCommand* pQueued = nullptr;
-        _requestQueue.GetMsg(pQueued, osa::Infinite);
-        const std::unique_ptr<RemoteCommand> pCommand(pQueued);
+        RemoteCommand* pCommand = nullptr;
+        _requestQueue.GetMsg(pCommand, osa::Infinite);
         _abandonedResponses += _pConnection->KeepsTransport() ? 1 : 0;
         _pLogger->Information("cleaning request queue");
     }

@@ -39,8 +39,9 @@ struct WaitLimits
 /// cycle and released in another: the reader holds it for as long as there is no usable connection, so callers wait, up
 /// to 10000 ms, for the connection to come back. A caller that awaits a response holds `_commandMutex` from before it
 /// sends until the response has come, and takes `_sendMutex` inside it, never the other way round. It queues its
-/// command before it releases `_sendMutex`, which the reader takes before it looks for a command: so the reader finds
-/// it.
+/// command before it writes the request: so the reader finds it when the response comes. Until the caller has its
+/// status, the command lives and is the reader's to use; unless the caller, who could not write the whole request, is
+/// the one who takes it from the queue again.
 ///
 /// The reader thread alone touches the input stream. The output stream, its flags included, is touched only with
 /// `_sendMutex` held; that a write failed, the reader learns from `_outputFailed`. The stream pointers change only on
@@ -106,7 +107,8 @@ public:
     bool RunCommand(const char* name, RemoteCommand* pCommand) const;
 
 private:
-    bool SendAndAwait(const char* name, std::unique_ptr<RemoteCommand> pCommand) const;
+    bool SendAndAwait(const char* name, RemoteCommand& command) const;
+    void SendQueued(const char* name, RemoteCommand& command) const;
     void Send(const char* name, RemoteCommand& command) const;
     unsigned int SendSubscribe(const GroupNameCollection& groups) const;
     void CheckInvariant(const char* name) const;
@@ -124,6 +126,7 @@ private:
     void ReadUntilLost();
     void ReadLine(const std::string& line);
     void HandleResponse(std::string_view keyword);
+    bool TakeCommand(RemoteCommand*& pCommand);
     void LeaveConnection();
     void CleanRequestQueue();
     void PostFailure();
@@ -135,7 +138,7 @@ private:
     mutable osa::Mutex _commandMutex;
     mutable osa::Semaphore _sendMutex;
     const std::uint32_t _timeoutMs;                        // how long a caller waits for `_sendMutex`
-    mutable osa::tMsgQueue<RemoteCommand*> _requestQueue;  // what is in it belongs to the reader thread
+    mutable osa::tMsgQueue<RemoteCommand*> _requestQueue;  // belongs to the caller that awaits it
     mutable osa::tMsgQueue<ResponseStatus> _responseQueue;
 
     const WaitLimits _limits;

@@ -257,6 +257,41 @@ TEST_F(KorloSettingsClientImplMultiThreadedTest, RunCommandReturnsWhatTheRespons
     EXPECT_TRUE(pClient->RunCommand("Hello", new FunctionCommand("", SendHello)));
 }
 
+// Else the reader would wait for a caller that the answer has overtaken, as it often does on one core.
+TEST_F(KorloSettingsClientImplMultiThreadedTest, AResponseIsHandledBeforeItsCallerIsBackFromTheWrite)
+{
+    Connect();
+    for (const bool failsAfterwards : {false, true})
+    {
+        std::promise<void> handled;
+        bool isHandled = false;
+        auto ran = std::async(std::launch::async, [&] {
+            return pClient->RunCommand(
+                "Hello", new FunctionCommand(
+                             "world",
+                             [&](std::ostream& out) {
+                                 SendHello(out);
+                                 isHandled = handled.get_future().wait_for(10s) == std::future_status::ready;
+                                 out.setstate(failsAfterwards ? std::ios_base::badbit : std::ios_base::goodbit);
+                             },
+                             [&handled] {
+                                 handled.set_value();
+                                 return true;
+                             }));
+        });
+        EXPECT_EQ(pPeer->Read(1), "hello\n");
+        pPeer->Send("world\n");
+        EXPECT_TRUE(ran.get()) << "what the response said counts, whatever becomes of the connection";
+        EXPECT_TRUE(isHandled);
+        if (failsAfterwards)
+        {
+            Reconnect();
+            EXPECT_EQ(Get().get(), GetFailure);
+        }
+        ExpectThatGetWorks("1");
+    }
+}
+
 // The reader may find by itself that a request could not be sent, and then connects anew without being cut off. So each
 // connection fails once.
 TEST_F(KorloSettingsClientImplMultiThreadedTest, AConnectionThatIsLostWhileSendingFailsTheCall)
