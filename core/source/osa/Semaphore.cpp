@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include <semaphore.h>
+
 #include "korlo/osa/Exception.h"
 #include "osa/TimedWait.h"
 
@@ -60,23 +62,31 @@ bool TakeBy(const Wait& wait)
 
 }  // namespace
 
+struct Semaphore::Units
+{
+    // Any unsigned short is a value that it can have.
+    explicit Units(unsigned short initial) { ::sem_init(&handle, SharedAmongThreads, initial); }
+    Units(const Units&) = delete;
+    Units& operator=(const Units&) = delete;
+    ~Units() { ::sem_destroy(&handle); }
+
+    sem_t handle{};
+};
+
 Semaphore::Semaphore(const char* name, unsigned short maximum, unsigned short initial)
     : _name(LockName(name)),
-      _maximum(maximum)
+      _maximum(maximum),
+      _pUnits(std::make_unique<Units>(initial))
 {
     if (initial > maximum)
     {
         throw Exception("Semaphore '%s' cannot start at %d, its maximum is %d", _name.c_str(), initial, maximum);
     }
-    ::sem_init(&_units, SharedAmongThreads, initial);  // any unsigned short is a value that it can have
 }
 
 Semaphore::~Semaphore()
 {
-    {
-        const std::lock_guard untilGiven(_releaseMutex);
-    }
-    ::sem_destroy(&_units);
+    const std::lock_guard untilGiven(_releaseMutex);
 }
 
 bool Semaphore::Lock(unsigned int timeoutMs)
@@ -90,7 +100,8 @@ bool Semaphore::Lock(unsigned int timeoutMs)
 
 bool Semaphore::TryLock(unsigned int timeoutMs)
 {
-    if (::sem_trywait(&_units) == 0)
+    sem_t& units = _pUnits->handle;
+    if (::sem_trywait(&units) == 0)
     {
         return true;
     }
@@ -100,22 +111,23 @@ bool Semaphore::TryLock(unsigned int timeoutMs)
     }
     if (timeoutMs == Infinite)
     {
-        return TakeBy([this] { return ::sem_wait(&_units); });
+        return TakeBy([&units] { return ::sem_wait(&units); });
     }
     const timespec end = After(timeoutMs);
-    return TakeBy([this, &end] { return WaitUntil(_units, end); });
+    return TakeBy([&units, &end] { return WaitUntil(units, end); });
 }
 
 void Semaphore::Release()
 {
     const std::lock_guard lock(_releaseMutex);
+    sem_t& units = _pUnits->handle;
     int count = 0;
-    ::sem_getvalue(&_units, &count);
+    ::sem_getvalue(&units, &count);
     if (count >= _maximum)
     {
         throw Exception("Semaphore '%s' released beyond its maximum of %d", _name.c_str(), _maximum);
     }
-    ::sem_post(&_units);
+    ::sem_post(&units);
 }
 
 }  // namespace korlo::osa

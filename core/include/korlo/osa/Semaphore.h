@@ -1,10 +1,9 @@
 #pragma once
 // A counter that threads take from and give to.
 
+#include <memory>
 #include <mutex>
 #include <string>
-
-#include <semaphore.h>
 
 namespace korlo::osa
 {
@@ -41,11 +40,13 @@ public:
     void Release();
 
 private:
+    struct Units;  // the system's semaphore
+
     const std::string _name;
     const unsigned short _maximum;
 
     std::mutex _releaseMutex;  // held to compare with the maximum and give
-    sem_t _units;
+    const std::unique_ptr<Units> _pUnits;
 };
 
 }  // namespace korlo::osa
