@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include "ControlProtocol.h"
 #include "DelayedPersister.h"
 #include "FileSettingsPersister.h"
 #include "LoadedFiles.h"
@@ -192,18 +193,18 @@ bool ServeUntilSignal(const ServerOptions& options, const Storage& storage)
     {
         reports.push_back({doors.pControl->GetAddress(), "control"});
         ControlDoor::Words words;
-        words.push_back(std::make_unique<StatusWord>(StatusWord::Sources{storage.store, storage.files, storage.pDelayed,
-                                                                         options.saveDelayMs, storage.loaded, server,
-                                                                         access, options.limits},
-                                                     reports));
-        words.push_back(std::make_unique<ClientsWord>(server));
-        words.push_back(std::make_unique<SaveWord>([&storage] { storage.Save(); }));
-        words.push_back(std::make_unique<AccessCheckWord>(access, users));
-        words.push_back(std::make_unique<AccessReloadWord>(access, users, options.access));
-        words.push_back(std::make_unique<JournalWord>(journal ? &*journal : nullptr));
-        words.push_back(std::make_unique<FollowWord>(journal ? &*journal : nullptr));
-        words.push_back(std::make_unique<ExplainWord>(storage.store, storage.layers));
-        words.push_back(std::make_unique<DefaultsWord>(options.defaults));
+        words[control::Status] = std::make_unique<StatusWord>(
+            StatusWord::Sources{storage.store, storage.files, storage.pDelayed, options.saveDelayMs, storage.loaded,
+                                server, access, options.limits},
+            reports);
+        words[control::Clients] = std::make_unique<ClientsWord>(server);
+        words[control::Save] = std::make_unique<SaveWord>([&storage] { storage.Save(); });
+        words[control::AccessCheck] = std::make_unique<AccessCheckWord>(access, users);
+        words[control::AccessReload] = std::make_unique<AccessReloadWord>(access, users, options.access);
+        words[control::Journal] = std::make_unique<JournalWord>(journal ? &*journal : nullptr);
+        words[control::Follow] = std::make_unique<FollowWord>(journal ? &*journal : nullptr);
+        words[control::Explain] = std::make_unique<ExplainWord>(storage.store, storage.layers);
+        words[control::Defaults] = std::make_unique<DefaultsWord>(options.defaults);
         pControl = std::make_unique<ControlDoor>(std::move(doors.pControl), std::move(words));
         pControl->Start();
     }

@@ -50,11 +50,6 @@ const char* ReasonText(AccessDecision::Reason reason)
 
 }  // namespace
 
-const char* AccessCheckWord::GetName() const
-{
-    return control::AccessCheck;
-}
-
 core::IniFile AccessCheckWord::Answer(const std::string& operands)
 {
     std::string_view rest = operands;
@@ -85,17 +80,9 @@ core::IniFile AccessCheckWord::Answer(const std::string& operands)
     return answer;
 }
 
-const char* AccessReloadWord::GetName() const
-{
-    return control::AccessReload;
-}
-
 core::IniFile AccessReloadWord::Answer(const std::string& operands)
 {
-    if (!operands.empty())
-    {
-        throw osa::Exception("usage: access-reload");
-    }
+    CheckStandsAlone(control::AccessReload, operands);
     if (_filesAndFolders.empty())
     {
         throw osa::Exception("the server was started without --access: there are no rules to read");

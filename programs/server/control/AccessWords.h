@@ -21,7 +21,6 @@ public:
     /// @param control, users borrowed.
     AccessCheckWord(AccessControl& control, const IUserDatabase& users) : _control(control), _users(users) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:
@@ -46,7 +45,6 @@ public:
     {
     }
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:

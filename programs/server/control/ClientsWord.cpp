@@ -5,7 +5,6 @@
 
 #include "ControlProtocol.h"
 #include "control/UtcTime.h"
-#include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
 {
@@ -58,17 +57,9 @@ void Add(const ClientReport& report, core::IniFile& answer)
 
 }  // namespace
 
-const char* ClientsWord::GetName() const
-{
-    return control::Clients;
-}
-
 core::IniFile ClientsWord::Answer(const std::string& operands)
 {
-    if (!operands.empty())
-    {
-        throw osa::Exception("usage: %s", control::Clients);
-    }
+    CheckStandsAlone(control::Clients, operands);
     core::IniFile answer;
     std::uint64_t number = 0;
     while (const std::optional<ClientReport> report = _server.GetNextClient(number))

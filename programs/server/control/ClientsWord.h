@@ -19,7 +19,6 @@ public:
     /// @param server borrowed.
     explicit ClientsWord(const SettingsServer& server) : _server(server) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:

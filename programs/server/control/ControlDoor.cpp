@@ -148,8 +148,7 @@ private:
     void Serve(std::string_view request, Answers& answers, std::ostream& out) const
     {
         const std::string_view name = request.substr(0, request.find_first_of(Blanks));
-        const auto word =
-            std::find_if(_words.begin(), _words.end(), [name](const auto& pWord) { return pWord->GetName() == name; });
+        const auto word = _words.find(name);
         if (word == _words.end())
         {
             WriteError(out, std::string(control::UnknownWord) + '\'' + std::string(name) + '\'');
@@ -157,7 +156,7 @@ private:
         }
         try
         {
-            (*word)->Serve(std::string(WithoutBlanks(request.substr(name.size()))), answers);
+            word->second->Serve(std::string(WithoutBlanks(request.substr(name.size()))), answers);
         }
         catch (const std::exception& exception)
         {

@@ -1,10 +1,11 @@
 #pragma once
 // The door for the device's operator.
 
+#include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "control/IControlWord.h"
 #include "korlo/core/Logger.h"
@@ -28,7 +29,7 @@ public:
     static constexpr unsigned int IdleMs = 60'000;   ///< that a client may take to send its next request
     static constexpr unsigned int WriteMs = 10'000;  ///< that a client may take to read an answer
 
-    using Words = std::vector<std::unique_ptr<IControlWord>>;
+    using Words = std::map<std::string, std::unique_ptr<IControlWord>, std::less<>>;  // by what a request begins with
 
     /// @param pListener of a Unix-domain socket.
     ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words);

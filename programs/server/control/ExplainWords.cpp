@@ -51,11 +51,6 @@ void Describe(const Occurrence& occurrence, core::IniFile::KeyValueMap& values)
 
 }  // namespace
 
-const char* ExplainWord::GetName() const
-{
-    return control::Explain;
-}
-
 core::IniFile ExplainWord::Answer(const std::string& operands)
 {
     const std::optional<settings::SettingLocator> locator = control::UnquotedLocator(operands);
@@ -83,17 +78,9 @@ core::IniFile ExplainWord::Answer(const std::string& operands)
     return answer;
 }
 
-const char* DefaultsWord::GetName() const
-{
-    return control::Defaults;
-}
-
 core::IniFile DefaultsWord::Answer(const std::string& operands)
 {
-    if (!operands.empty())
-    {
-        throw osa::Exception("usage: defaults");
-    }
+    CheckStandsAlone(control::Defaults, operands);
     core::IniFile defaults;
     settings::server::SettingsCombiner combiner(defaults);
     settings::server::LoadPriorityIncludeFilter priorities;  // no claims yet, as at a start

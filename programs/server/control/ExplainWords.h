@@ -21,7 +21,6 @@ public:
     /// @param store, files borrowed.
     ExplainWord(const settings::server::SettingsManager& store, const StoreFiles& files) : _explainer(store, files) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:
@@ -37,7 +36,6 @@ public:
     /// @param filesAndFolders of --defaults.
     explicit DefaultsWord(const std::vector<std::string>& filesAndFolders) : _filesAndFolders(filesAndFolders) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:

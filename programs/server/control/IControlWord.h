@@ -4,6 +4,7 @@
 #include <string>
 
 #include "korlo/core/IniFile.h"
+#include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
 {
@@ -29,16 +30,13 @@ public:
 };
 
 /// Serves the requests that begin with one word. To add one, write the class and a line of the list in
-/// ServerProgram.cpp.
+/// ServerProgram.cpp, which names it.
 ///
 /// Thread safety: Serve from any thread, several at once.
 class IControlWord
 {
 public:
     virtual ~IControlWord() = default;
-
-    /// The word itself.
-    virtual const char* GetName() const = 0;
 
     /// Sends one answer or several, one after the other.
     /// @param operands what follows the word in its line, without the blanks before it.
@@ -57,6 +55,16 @@ public:
     virtual core::IniFile Answer(const std::string& operands) = 0;
 
     void Serve(const std::string& operands, IControlClient& client) final { client.Send(Answer(operands)); }
+
+protected:
+    /// @throws osa::Exception for a word that stands alone and is given operands.
+    static void CheckStandsAlone(const char* word, const std::string& operands)
+    {
+        if (!operands.empty())
+        {
+            throw osa::Exception("usage: %s", word);
+        }
+    }
 };
 
 }  // namespace korlo::daemon

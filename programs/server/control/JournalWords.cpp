@@ -194,21 +194,11 @@ bool WaitForEntry(Journal& journal, std::uint64_t revision, IControlClient& clie
 
 }  // namespace
 
-const char* JournalWord::GetName() const
-{
-    return control::Journal;
-}
-
 core::IniFile JournalWord::Answer(const std::string& operands)
 {
     CheckThereIs(_pJournal);
     const std::uint64_t most = NumberIn(operands, "journal [N]").value_or(AllEntries);
     return DocumentOf(ReadLast(*_pJournal, {0, 0, _pJournal->GetLastNumber()}, most));
-}
-
-const char* FollowWord::GetName() const
-{
-    return control::Follow;
 }
 
 void FollowWord::Serve(const std::string& operands, IControlClient& client)

@@ -18,7 +18,6 @@ public:
     /// @param pJournal borrowed; null where the server keeps none.
     explicit JournalWord(const Journal* pJournal) : _pJournal(pJournal) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:
@@ -38,7 +37,6 @@ public:
     /// @param pJournal borrowed; null where the server keeps none.
     explicit FollowWord(Journal* pJournal) : _pJournal(pJournal) {}
 
-    const char* GetName() const override;
     void Serve(const std::string& operands, IControlClient& client) override;
 
 private:

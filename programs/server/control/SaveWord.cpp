@@ -34,17 +34,9 @@ private:
     SaveWord& _word;
 };
 
-const char* SaveWord::GetName() const
-{
-    return control::Save;
-}
-
 core::IniFile SaveWord::Answer(const std::string& operands)
 {
-    if (!operands.empty())
-    {
-        throw osa::Exception("usage: %s", control::Save);
-    }
+    CheckStandsAlone(control::Save, operands);
     const Turn turn(*this);
     _save();
     return core::IniFile();

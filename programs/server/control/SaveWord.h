@@ -26,7 +26,6 @@ public:
 
     explicit SaveWord(Save save) : _save(std::move(save)) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:

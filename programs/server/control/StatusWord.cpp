@@ -9,7 +9,6 @@
 
 #include "ControlProtocol.h"
 #include "control/UtcTime.h"
-#include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
 {
@@ -34,17 +33,9 @@ std::string SecondsText(std::chrono::milliseconds duration)
 
 }  // namespace
 
-const char* StatusWord::GetName() const
-{
-    return control::Status;
-}
-
 core::IniFile StatusWord::Answer(const std::string& operands)
 {
-    if (!operands.empty())
-    {
-        throw osa::Exception("usage: %s", control::Status);
-    }
+    CheckStandsAlone(control::Status, operands);
     core::IniFile answer;
     AddServer(answer);
     AddStore(answer);

@@ -51,7 +51,6 @@ public:
 
     StatusWord(const Sources& sources, std::vector<DoorReport> doors) : _sources(sources), _doors(std::move(doors)) {}
 
-    const char* GetName() const override;
     core::IniFile Answer(const std::string& operands) override;
 
 private:

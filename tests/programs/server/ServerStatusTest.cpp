@@ -442,14 +442,14 @@ protected:
         _server.emplace(std::move(doors), settings::server::ServerEnv{&*_store, &_serializers}, _access, _limits);
         _server->Start();
         ControlDoor::Words words;
-        words.push_back(
+        words["status"] =
             std::make_unique<StatusWord>(StatusWord::Sources{*_store, _files, _delayed ? &*_delayed : nullptr,
                                                              saveDelayMs, _loaded, *_server, _access, _limits},
-                                         std::vector<DoorReport>()));
-        words.push_back(std::make_unique<ClientsWord>(*_server));
-        words.push_back(std::make_unique<SaveWord>([this] {
+                                         std::vector<DoorReport>());
+        words["clients"] = std::make_unique<ClientsWord>(*_server);
+        words["save"] = std::make_unique<SaveWord>([this] {
             _delayed ? _delayed->SaveNow() : _files.SaveWhatIsUnsaved([this] { return UserLayerOf(*_store); });
-        }));
+        });
         _control.emplace(std::make_unique<osa::TcpListener>("unix:" + _path, 0), std::move(words));
         _control->Start();
     }

@@ -44,8 +44,8 @@ protected:
     {
         _pDoor.reset();
         ControlDoor::Words words;
-        words.push_back(std::make_unique<JournalWord>(pJournal));
-        words.push_back(std::make_unique<FollowWord>(pJournal));
+        words["journal"] = std::make_unique<JournalWord>(pJournal);
+        words["follow"] = std::make_unique<FollowWord>(pJournal);
         _pDoor = std::make_unique<ControlDoor>(std::make_unique<osa::TcpListener>(_address, 0), std::move(words));
         _pDoor->Start();
     }
