@@ -119,27 +119,18 @@ ExitStatus RunResourceReserve(const Invocation& invocation)
         {
             throw Failure(StatusNo, Refusal(manager, consumer, resource, amount));
         }
-        return manager.GetUsed(consumer, resource);
     };
     Session session(invocation.target, Session::Changing);
     const GroupNameCollection groups = GroupsOfResource(resource);
-    const std::string ownGroup = GroupOf(resource) + "/Consumers/" + consumer;
-    bool isDone = session.CanSend(groups);
-    if (isDone)
+    // No list of the protocol carries the name, so no manager could read what the others hold.
+    if (!session.CanSend(groups))
     {
-        session.Change(groups, reserve);
+        throw Failure(StatusWrongCommandLine,
+                      "cannot reserve " + Quoted(resource) + " on a server: its name holds a line break",
+                      "--local FILE takes every name");
     }
-    // The manager cannot read a name that no list carries, but this tool can: the manager works on a copy, and what it
-    // was computed from is tested here.
-    while (!isDone)
-    {
-        const IniFile settings = session.Read(groups);
-        KorloSettingsClient copy(KorloSettingsClient::Local, settings);
-        IniFile changes;
-        changes.SetInt(ownGroup, "CurrentlyUsed", reserve(copy));
-        session.Change(groups, [&](KorloSettingsClient& client) { isDone = client.TestAndMerge(settings, changes); });
-    }
-    return ReportRestricted({ownGroup});
+    session.Change(groups, reserve);
+    return ReportRestricted({GroupOf(resource) + "/Consumers/" + consumer});
 }
 
 }  // namespace korlo::settings::cli

@@ -143,8 +143,26 @@ TEST_P(SettingsToolResourceTest, NamesMayHoldAnyBytes)
     for (const std::string name : {".", "a\nb", "*", "-x", " x "})
     {
         SCOPED_TRACE(name);
-        ExpectResult(Resource({"reserve", name, name, "5"}), 0, "");
-        ExpectResult(Resource({"show", name}), 0, "total: 100\n" + name + ": 5 used\n");
+        const std::string resource = name == "a\nb" ? "Nothing" : name;  // see the next test
+        ExpectResult(Resource({"reserve", resource, name, "5"}), 0, "");
+        ExpectResult(Resource({"show", resource}), 0, "total: 100\n" + name + ": 5 used\n");
+    }
+}
+
+TEST_P(SettingsToolResourceTest, AResourceWithALineBreakIsReservedInAFileAlone)
+{
+    const ToolResult reserved = Resource({"reserve", "a\nb", "audio", "5"});
+    if (_pServer)
+    {
+        ExpectResult(reserved, 2, "",
+                     AllOf(HasSubstr("cannot reserve 'a\\x0Ab' on a server: its name holds a line break"),
+                           HasSubstr("hint: --local FILE takes every name")));
+        ExpectResult(Resource({"show", "a\nb"}), 0, "total: 100\n", HasSubstr("note: "));
+    }
+    else
+    {
+        ExpectResult(reserved, 0, "");
+        ExpectResult(Resource({"show", "a\nb"}), 0, "total: 100\naudio: 5 used\n");
     }
 }
 
