@@ -67,6 +67,14 @@ void WriteNotification(std::ostream& out, const GroupNameCollection& groups, con
     out << word::EndOfBlock << '\n';
 }
 
+/// For the log: whoever sends what is no command chooses how long it is.
+std::string Shortened(const std::string& word)
+{
+    constexpr std::size_t mostBytes = 64;
+    return word.size() <= mostBytes ? word
+                                    : word.substr(0, mostBytes) + "... (" + std::to_string(word.size()) + " bytes)";
+}
+
 }  // namespace
 
 /// The command table, one for the process.
@@ -94,7 +102,7 @@ public:
         const auto entry = _commands.find(command);
         if (entry == _commands.end())
         {
-            _pLogger->Warning("Invalid command: %s", command.c_str());
+            _pLogger->Warning("Invalid command: %s", Shortened(command).c_str());
             return;
         }
         const core::Stopwatch stopwatch(true);

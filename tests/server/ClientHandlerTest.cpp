@@ -195,6 +195,17 @@ TEST(ClientHandlerTest, AnUnknownWordCostsOneWarningAndNothingElse)
                             "4 MsgDispatcher: Invalid command: merges"));
 }
 
+TEST(ClientHandlerTest, OfALongUnknownWordTheLogHasTheBeginning)
+{
+    const LogCapture log;
+    ExchangeStore store;
+    const std::string whole(64, 'x');
+    EXPECT_EQ(store.Serve(whole + '\n' + whole + "y\n" + whole + std::string(1170, 'y') + '\n'), "");
+    EXPECT_THAT(log.GetMessages(), ElementsAre("4 MsgDispatcher: Invalid command: " + whole,
+                                               "4 MsgDispatcher: Invalid command: " + whole + "... (65 bytes)",
+                                               "4 MsgDispatcher: Invalid command: " + whole + "... (1234 bytes)"));
+}
+
 TEST(ClientHandlerTest, StrayTerminatorsAndBlankLinesAreSkippedWithoutAWord)
 {
     const LogCapture log;
