@@ -1,8 +1,7 @@
 #include "Command.h"
 
-#include <charconv>
-
 #include "Commands.h"
+#include "NumberText.h"
 
 namespace korlo::settings::cli
 {
@@ -11,10 +10,8 @@ namespace
 
 unsigned long ParseCount(const std::string& text)
 {
-    unsigned long count = 0;
-    const char* pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, count);
-    if (error != std::errc() || pRest != pEnd || count == 0)
+    const unsigned long count = NumberIn<unsigned long>(text).value_or(0);
+    if (count == 0)
     {
         throw Failure(StatusWrongCommandLine, "--count takes a whole number above 0, not " + Quoted(text),
                       "for example --count 1");
@@ -25,10 +22,8 @@ unsigned long ParseCount(const std::string& text)
 unsigned long ParseWait(const std::string& text)
 {
     constexpr unsigned long mostSeconds = 365ul * 24 * 60 * 60;
-    unsigned long seconds = 0;
-    const char* pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, seconds);
-    if (error != std::errc() || pRest != pEnd || seconds > mostSeconds)
+    const unsigned long seconds = NumberIn<unsigned long>(text).value_or(mostSeconds + 1);
+    if (seconds > mostSeconds)
     {
         throw Failure(StatusWrongCommandLine, "--wait takes a whole number of seconds, not " + Quoted(text),
                       "for example --wait 30");

@@ -1,11 +1,11 @@
 #include "LoggedChange.h"
 
-#include <charconv>
 #include <optional>
 
 #include "ControlProtocol.h"
 #include "Failure.h"
 #include "IniText.h"
+#include "NumberText.h"
 
 namespace korlo::settings::cli
 {
@@ -21,16 +21,14 @@ using Values = core::IniFile::KeyValueMap;
                   "is the server of the same version as this program?");
 }
 
-std::uint64_t NumberIn(const std::string& text)
+std::uint64_t NumberOf(const std::string& text)
 {
-    std::uint64_t number = 0;
-    const char* const pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, number);
-    if (error != std::errc() || pRest != pEnd)
+    const std::optional<std::uint64_t> number = NumberIn<std::uint64_t>(text);
+    if (!number)
     {
         FailOn(text);
     }
-    return number;
+    return *number;
 }
 
 std::string Said(const Values& values, const std::string& key)
@@ -42,7 +40,7 @@ std::string Said(const Values& values, const std::string& key)
 std::uint64_t SaidNumber(const Values& values, const std::string& key)
 {
     const std::string* const pValue = values.Lookup(key);
-    return pValue != nullptr ? NumberIn(*pValue) : 0;
+    return pValue != nullptr ? NumberOf(*pValue) : 0;
 }
 
 /// Where the group of "[Group]Key" ends; its name may be in double quotes, with anything in them.
@@ -84,7 +82,7 @@ LoggedChange::LoggedChange(const std::string& group, const Values& values)
     {
         FailOn(group);
     }
-    number = NumberIn(group.substr(control::ChangePrefix.size()));
+    number = NumberOf(group.substr(control::ChangePrefix.size()));
     for (std::string key = "group.1"; values.contains(key); key = "group." + std::to_string(groups.size() + 1))
     {
         groups.push_back(Said(values, key));

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -12,6 +11,7 @@
 #include "ControlProtocol.h"
 #include "IniText.h"
 #include "Json.h"
+#include "NumberText.h"
 #include "StandardStreams.h"
 #include "korlo/osa/Thread.h"
 
@@ -23,6 +23,7 @@ namespace
 using core::IniFile;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
+using Number = unsigned long long;
 using Rows = std::vector<std::vector<std::string>>;
 
 constexpr std::string_view ClientPrefix = "Client/";
@@ -31,23 +32,15 @@ constexpr std::string_view SubscriptionPrefix = "subscription.";
 /// A client of the server.
 struct ConnectedClient
 {
-    unsigned long long number;
+    Number number;
     IniFile::KeyValueMap values;          // without `subscription.1` ...
     std::vector<std::string> subscribed;  // those
 };
 
-/// Nothing for a text that is no number.
-std::optional<unsigned long long> NumberIn(std::string_view text)
-{
-    unsigned long long number = 0;
-    const auto [pRest, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && pRest == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
-
 /// The answer's number; 0 where it does not say.
-unsigned long long NumberOf(const IniFile& answer, const std::string& group, const std::string& key)
+Number NumberOf(const IniFile& answer, const std::string& group, const std::string& key)
 {
-    return NumberIn(answer.GetValueOrDefault(group, key)).value_or(0);
+    return NumberIn<Number>(answer.GetValueOrDefault(group, key)).value_or(0);
 }
 
 std::string Said(const IniFile& answer, const std::string& group, const std::string& key)
@@ -82,13 +75,12 @@ IniFile Ask(const Invocation& invocation, const char* word)
 }
 
 /// "3 h 12 min"
-std::string DurationText(unsigned long long seconds)
+std::string DurationText(Number seconds)
 {
-    constexpr unsigned long long minute = 60;
-    constexpr unsigned long long hour = 60 * minute;
-    constexpr unsigned long long day = 24 * hour;
-    const auto both = [seconds](unsigned long long large, const char* largeName, unsigned long long small,
-                                const char* smallName) {
+    constexpr Number minute = 60;
+    constexpr Number hour = 60 * minute;
+    constexpr Number day = 24 * hour;
+    const auto both = [seconds](Number large, const char* largeName, Number small, const char* smallName) {
         return std::to_string(seconds / large) + largeName + std::to_string(seconds % large / small) + smallName;
     };
     return seconds < minute ? std::to_string(seconds) + " s"
@@ -98,9 +90,9 @@ std::string DurationText(unsigned long long seconds)
 }
 
 /// "214.3 KiB"
-std::string SizeText(unsigned long long bytes)
+std::string SizeText(Number bytes)
 {
-    constexpr unsigned long long unit = 1024;
+    constexpr Number unit = 1024;
     if (bytes < unit)
     {
         return std::to_string(bytes) + " B";
@@ -229,7 +221,8 @@ std::vector<ConnectedClient> ClientsIn(const IniFile& answer)
     for (const auto& [group, values] : answer)
     {
         const std::string_view name = group;
-        const auto number = name.starts_with(ClientPrefix) ? NumberIn(name.substr(ClientPrefix.size())) : std::nullopt;
+        const auto number =
+            name.starts_with(ClientPrefix) ? NumberIn<Number>(name.substr(ClientPrefix.size())) : std::nullopt;
         if (number)
         {
             clients.push_back({*number, values, {}});
@@ -271,7 +264,9 @@ std::string ClientsText(const std::vector<ConnectedClient>& clients)
     Rows rows = {{"NUMBER", "WHO", "DOOR", "SINCE", "REQUESTS", "IN", "OUT", "WAITING", "REFUSED", "SUBSCRIBED"}};
     for (const ConnectedClient& client : clients)
     {
-        const auto size = [&client](const char* key) { return SizeText(NumberIn(ValueOf(client, key)).value_or(0)); };
+        const auto size = [&client](const char* key) {
+            return SizeText(NumberIn<Number>(ValueOf(client, key)).value_or(0));
+        };
         rows.push_back({std::to_string(client.number), WhoText(client), NameToken(ValueOf(client, "door")),
                         ValueOf(client, "since"), ValueOf(client, "requests"), size("bytesIn"), size("bytesOut"),
                         size("waiting"), ValueOf(client, "refused"), SubscribedText(client)});

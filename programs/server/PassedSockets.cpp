@@ -1,7 +1,6 @@
 #include "PassedSockets.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -11,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "NumberText.h"
 #include "korlo/osa/Exception.h"
 
 namespace korlo::daemon
@@ -39,10 +39,8 @@ std::optional<std::string> TakeVariable(const char* name)
 
 int ParseNumber(const char* variable, const std::string& text)
 {
-    int number = 0;
-    const char* const pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, number);
-    if (error != std::errc() || pRest != pEnd || number < 0)
+    const int number = NumberIn<int>(text).value_or(-1);
+    if (number < 0)
     {
         throw osa::Exception("%s is '%s', which is no number", variable, text.c_str());
     }

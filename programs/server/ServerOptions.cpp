@@ -1,7 +1,6 @@
 #include "ServerOptions.h"
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
 #include <limits>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "HelpText.h"
+#include "NumberText.h"
 
 namespace korlo::daemon
 {
@@ -26,14 +26,13 @@ constexpr int WrongCommandLine = 2;
 unsigned long long ParseNumber(const std::string& option, std::string_view text, unsigned long long least,
                                unsigned long long most)
 {
-    unsigned long long number = 0;
-    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || pEnd != text.data() + text.size() || number < least || number > most)
+    const std::optional<unsigned long long> number = NumberIn<unsigned long long>(text);
+    if (!number || *number < least || *number > most)
     {
         Refuse(option + ": '" + std::string(text) + "' is not a number from " + std::to_string(least) + " to " +
                std::to_string(most));
     }
-    return number;
+    return *number;
 }
 
 ServerOptions::Door ParseDoor(const std::string& text)
@@ -60,10 +59,8 @@ unsigned int ParseMode(const std::string& text)
 {
     constexpr int octal = 8;
     constexpr unsigned int mostMode = 0777;
-    unsigned int mode = 0;
-    const char* const pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, mode, octal);
-    if (error != std::errc() || pRest != pEnd || mode > mostMode)
+    const unsigned int mode = NumberIn<unsigned int>(text, octal).value_or(mostMode + 1);
+    if (mode > mostMode)
     {
         Refuse("--socket-mode: '" + text + "' is no octal mode from 0 to 777, such as 0660");
     }

@@ -1,6 +1,6 @@
 #include "access/ClientIdentity.h"
 
-#include <charconv>
+#include "NumberText.h"
 
 namespace korlo::daemon
 {
@@ -15,9 +15,8 @@ bool IsNumber(const std::string& text)
 template <typename Id>
 std::optional<Id> IdOf(const std::string& digits)
 {
-    Id id = 0;
-    const bool fits = std::from_chars(digits.data(), digits.data() + digits.size(), id).ec == std::errc();
-    return fits && id != static_cast<Id>(-1) ? std::optional(id) : std::nullopt;  // -1 means "none" to the system
+    const std::optional<Id> id = NumberIn<Id>(digits);
+    return id != static_cast<Id>(-1) ? id : std::nullopt;  // -1 means "none" to the system
 }
 
 }  // namespace

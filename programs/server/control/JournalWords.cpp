@@ -1,7 +1,6 @@
 #include "control/JournalWords.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "ControlProtocol.h"
+#include "NumberText.h"
 #include "Peer.h"
 #include "control/UtcTime.h"
 #include "korlo/osa/Exception.h"
@@ -28,16 +28,14 @@ using settings::server::ChangeOutcome;
 constexpr std::uint64_t AllEntries = std::numeric_limits<std::uint64_t>::max();
 
 /// The operand as a number; nothing without one.
-std::optional<std::uint64_t> NumberIn(const std::string& operands, const char* usage)
+std::optional<std::uint64_t> OperandIn(const std::string& operands, const char* usage)
 {
     if (operands.empty())
     {
         return std::nullopt;
     }
-    std::uint64_t number = 0;
-    const char* const pEnd = operands.data() + operands.size();
-    const auto [pRest, error] = std::from_chars(operands.data(), pEnd, number);
-    if (error != std::errc() || pRest != pEnd)
+    const std::optional<std::uint64_t> number = NumberIn<std::uint64_t>(operands);
+    if (!number)
     {
         throw osa::Exception("usage: %s", usage);
     }
@@ -197,14 +195,14 @@ bool WaitForEntry(Journal& journal, std::uint64_t revision, IControlClient& clie
 core::IniFile JournalWord::Answer(const std::string& operands)
 {
     CheckThereIs(_pJournal);
-    const std::uint64_t most = NumberIn(operands, "journal [N]").value_or(AllEntries);
+    const std::uint64_t most = OperandIn(operands, "journal [N]").value_or(AllEntries);
     return DocumentOf(ReadLast(*_pJournal, {0, 0, _pJournal->GetLastNumber()}, most));
 }
 
 void FollowWord::Serve(const std::string& operands, IControlClient& client)
 {
     CheckThereIs(_pJournal);
-    const std::optional<std::uint64_t> after = NumberIn(operands, "follow [NUMBER]");
+    const std::optional<std::uint64_t> after = OperandIn(operands, "follow [NUMBER]");
     std::uint64_t revision = _pJournal->GetRevision();
     std::vector<JournalEntry> entries;
     if (after)
