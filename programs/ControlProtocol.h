@@ -80,21 +80,26 @@ inline std::string QuotedLocator(const settings::SettingLocator& locator)
     return '[' + QuotedName(locator.group) + ']' + QuotedName(locator.key);
 }
 
-/// The setting behind such an operand; nothing when it makes no sense.
-inline std::optional<settings::SettingLocator> UnquotedLocator(const std::string& operand)
+/// Where the group of "[GROUP]KEY" ends, behind whatever its quotes hold; npos when it makes no sense.
+inline std::size_t EndOfGroup(const std::string& locator)
 {
     std::size_t end = 1;
-    const bool isQuoted = operand.starts_with("[\"");
-    if (isQuoted)
+    if (locator.starts_with("[\""))
     {
-        for (end = 2; end < operand.size() && operand[end] != '"'; ++end)
+        for (end = 2; end < locator.size() && locator[end] != '"'; ++end)
         {
-            end += operand[end] == '\\' ? 1 : 0;
+            end += locator[end] == '\\' ? 1 : 0;
         }
         ++end;
     }
-    end = operand.find(']', end);
-    if (!operand.starts_with('[') || end == std::string::npos)
+    return locator.starts_with('[') ? locator.find(']', end) : std::string::npos;
+}
+
+/// The setting behind such an operand; nothing when it makes no sense.
+inline std::optional<settings::SettingLocator> UnquotedLocator(const std::string& operand)
+{
+    const std::size_t end = EndOfGroup(operand);
+    if (end == std::string::npos)
     {
         return std::nullopt;
     }

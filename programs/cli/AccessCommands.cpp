@@ -1,12 +1,12 @@
 #include <algorithm>
 
 #include "Commands.h"
+#include "ControlAnswer.h"
 #include "ControlConnection.h"
 #include "ControlProtocol.h"
 #include "IniText.h"
 #include "Json.h"
 #include "StandardStreams.h"
-#include "korlo/core/StringUtil.h"
 
 namespace korlo::settings::cli
 {
@@ -19,23 +19,14 @@ using nlohmann::json;
 constexpr const char* AnswerGroup = "Access";
 constexpr const char* HintAtNumber = "a user is a name that the server's system knows, or a number";
 
-/// Empty where the answer does not say.
-std::string Said(const IniFile& answer, const std::string& key)
+std::string Said(const IniFile& answer, const char* key)
 {
-    return answer.HasValue(AnswerGroup, key) ? answer.GetValue(AnswerGroup, key) : std::string();
+    return answer.GetValueOrDefault(AnswerGroup, key);
 }
 
-int SaidNumber(const IniFile& answer, const std::string& key)
+int SaidNumber(const IniFile& answer, const char* key)
 {
-    int number = 0;
-    if (!core::StringUtil::TryParse(Said(answer, key), number))
-    {
-        throw Failure(StatusUnusable,
-                      "the server's control door gave an answer that makes no sense: " + Quoted(key) +
-                          " is no number, but " + Quoted(Said(answer, key)),
-                      "is the server of the same version as this program?");
-    }
-    return number;
+    return NumberOf(key, Said(answer, key));
 }
 
 void CheckUser(const std::string& user)
@@ -88,17 +79,6 @@ std::string TextOf(const json& verdict)
            verdict["line"].dump() + (isAllowed ? " allows it\n" : " denies it\n");
 }
 
-std::vector<std::string> WarningsIn(const IniFile& answer)
-{
-    std::vector<std::string> warnings;
-    for (std::string key = "warning.1"; answer.HasValue(AnswerGroup, key);
-         key = "warning." + std::to_string(warnings.size() + 1))
-    {
-        warnings.push_back(answer.GetValue(AnswerGroup, key));
-    }
-    return warnings;
-}
-
 }  // namespace
 
 ExitStatus RunAccessCheck(const Invocation& invocation)
@@ -130,7 +110,7 @@ ExitStatus RunAccessReload(const Invocation& invocation)
     {
         const IniFile answer = ControlConnection(invocation.control).Ask(control::AccessReload);
         const int rules = SaidNumber(answer, "rules");
-        const std::vector<std::string> warnings = WarningsIn(answer);
+        const std::vector<std::string> warnings = NumberedValues(answer[AnswerGroup], "warning.");
         if (invocation.asJson)
         {
             WriteOutput(JsonOf({{"rules", rules}, {"warnings", warnings}}));

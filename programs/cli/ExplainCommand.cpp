@@ -3,13 +3,14 @@
 #include <string_view>
 
 #include "Commands.h"
+#include "ControlAnswer.h"
 #include "ControlConnection.h"
 #include "ControlProtocol.h"
 #include "IniText.h"
 #include "Json.h"
 #include "Operands.h"
 #include "StandardStreams.h"
-#include "korlo/core/StringUtil.h"
+#include "Table.h"
 
 namespace korlo::settings::cli
 {
@@ -40,12 +41,6 @@ struct Explanation
     std::size_t winner = 0;          // the number of the candidate that counts, from 1; 0 for none
 };
 
-Failure MakesNoSense(const std::string& what)
-{
-    return Failure(StatusUnusable, "the server's control door gave an answer that makes no sense: " + what,
-                   "is the server of the same version as this program?");
-}
-
 std::optional<std::string> Said(const IniFile& answer, const std::string& group, const std::string& key)
 {
     return answer.HasValue(group, key) ? std::optional(answer.GetValue(group, key)) : std::nullopt;
@@ -54,12 +49,7 @@ std::optional<std::string> Said(const IniFile& answer, const std::string& group,
 std::optional<int> SaidNumber(const IniFile& answer, const std::string& group, const std::string& key)
 {
     const std::optional<std::string> text = Said(answer, group, key);
-    int number = 0;
-    if (text && !core::StringUtil::TryParse(*text, number))
-    {
-        throw MakesNoSense(Quoted(key) + " is no number, but " + Quoted(*text));
-    }
-    return text ? std::optional(number) : std::nullopt;
+    return text ? std::optional(NumberOf(key, *text)) : std::nullopt;
 }
 
 Source SourceIn(const IniFile& answer, const std::string& group)
@@ -78,8 +68,7 @@ Explanation ExplanationIn(const IniFile& answer)
         throw MakesNoSense("it does not say what it explains");
     }
     Explanation explanation = {*group, *key, SourceIn(answer, about), {}, 0};
-    for (std::string candidate = control::CandidateGroup + std::string("1"); answer.HasGroup(candidate);
-         candidate = control::CandidateGroup + std::to_string(explanation.candidates.size() + 1))
+    for (const std::string& candidate : NumberedGroups(answer, control::CandidateGroup))
     {
         explanation.candidates.push_back(SourceIn(answer, candidate));
     }
@@ -90,24 +79,6 @@ Explanation ExplanationIn(const IniFile& answer)
     }
     explanation.winner = static_cast<std::size_t>(winner);
     return explanation;
-}
-
-/// The text without what would drive a terminal, or break the line.
-std::string Shown(const std::string& text)
-{
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string shown;
-    for (const char c : text)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte != 0x7F)
-        {
-            shown += c;
-            continue;
-        }
-        shown += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xFU]};
-    }
-    return shown;
 }
 
 /// A value as INI text has it, its beginning if it is long.
@@ -122,49 +93,17 @@ std::string ShownValue(const std::string& value)
     return end < value.size() ? token + "... (" + std::to_string(value.size()) + " bytes)" : token;
 }
 
-/// The width on a terminal, of UTF-8.
-std::size_t WidthOf(const std::string& text)
+TableRow RowOf(const Source& source)
 {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(text, [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
-}
-
-using Row = std::vector<std::string>;
-
-Row RowOf(const Source& source)
-{
-    std::string place = source.file ? Shown(*source.file) : "-";
+    std::string place = source.file ? Escaped(*source.file) : "-";
     place += source.line ? ':' + std::to_string(*source.line) : "";
-    return {source.layer.value_or("-"), place, source.value ? ShownValue(*source.value) : "-", Shown(source.why)};
-}
-
-/// Indented lines, all columns but the last one as wide as their widest cell.
-std::string TextOf(const std::vector<Row>& rows)
-{
-    std::vector<std::size_t> widths(rows.empty() ? 0 : rows.front().size());
-    for (const Row& row : rows)
-    {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column)
-        {
-            widths[column] = std::max(widths[column], WidthOf(row[column]));
-        }
-    }
-    std::string text;
-    for (const Row& row : rows)
-    {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column)
-        {
-            text += "  " + row[column] + std::string(widths[column] - WidthOf(row[column]), ' ');
-        }
-        text += "  " + row.back() + '\n';
-    }
-    return text;
+    return {source.layer.value_or("-"), place, source.value ? ShownValue(*source.value) : "-", Escaped(source.why)};
 }
 
 /// What counts first, then the others, the one that was loaded last before those that it overrides.
 std::string TextOf(const Explanation& explanation)
 {
-    std::vector<Row> rows;
+    std::vector<TableRow> rows;
     for (std::size_t number = explanation.candidates.size(); number > 0; --number)
     {
         const bool isWinner = number == explanation.winner;
@@ -173,9 +112,9 @@ std::string TextOf(const Explanation& explanation)
     const std::string name = '[' + NameToken(explanation.group) + ']' + NameToken(explanation.key);
     if (explanation.source.value)
     {
-        return name + '=' + ShownValue(*explanation.source.value) + '\n' + TextOf(rows);
+        return name + '=' + ShownValue(*explanation.source.value) + '\n' + TableOf(rows, "  ");
     }
-    return name + " has no value\n" + (rows.empty() ? "  no file and no client gives it one\n" : TextOf(rows));
+    return name + " has no value\n" + (rows.empty() ? "  no file and no client gives it one\n" : TableOf(rows, "  "));
 }
 
 template <typename Content>

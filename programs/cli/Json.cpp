@@ -27,9 +27,4 @@ std::string JsonOf(const nlohmann::json& value)
     return value.dump(compact, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
-std::string JsonOf(const GroupNameCollection& changedGroups, const core::IniFile& settings)
-{
-    return JsonOf(nlohmann::json{{"groups", changedGroups}, {"settings", settings}});
-}
-
 }  // namespace korlo::settings::cli

@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include "korlo/core/IniFile.h"
-#include "settings/GroupNameCollection.h"
 
 namespace korlo::core
 {
@@ -21,8 +20,5 @@ namespace korlo::settings::cli
 
 /// The line for anything that the library makes a value of, a document too.
 std::string JsonOf(const nlohmann::json& value);
-
-/// `{"groups":["A"],"settings":{"A":{"Key":"Value"}}}`
-std::string JsonOf(const GroupNameCollection& changedGroups, const core::IniFile& settings);
 
 }  // namespace korlo::settings::cli

@@ -2,8 +2,8 @@
 
 #include <optional>
 
+#include "ControlAnswer.h"
 #include "ControlProtocol.h"
-#include "Failure.h"
 #include "IniText.h"
 #include "NumberText.h"
 
@@ -16,9 +16,7 @@ using Values = core::IniFile::KeyValueMap;
 
 [[noreturn]] void FailOn(const std::string& text)
 {
-    throw Failure(StatusUnusable,
-                  "the server's control door gave an answer that makes no sense: it holds " + Quoted(text),
-                  "is the server of the same version as this program?");
+    throw MakesNoSense("it holds " + Quoted(text));
 }
 
 std::uint64_t NumberOf(const std::string& text)
@@ -43,27 +41,6 @@ std::uint64_t SaidNumber(const Values& values, const std::string& key)
     return pValue != nullptr ? NumberOf(*pValue) : 0;
 }
 
-/// Where the group of "[Group]Key" ends; its name may be in double quotes, with anything in them.
-std::size_t EndOfGroup(std::string_view locator)
-{
-    if (!locator.starts_with("[\""))
-    {
-        return locator.find(']');
-    }
-    for (std::size_t place = 2; place < locator.size(); ++place)
-    {
-        if (locator[place] == '\\')
-        {
-            ++place;
-        }
-        else if (locator[place] == '"')
-        {
-            return locator.find(']', place);
-        }
-    }
-    return std::string_view::npos;
-}
-
 }  // namespace
 
 LoggedChange::LoggedChange(const std::string& group, const Values& values)
@@ -83,30 +60,22 @@ LoggedChange::LoggedChange(const std::string& group, const Values& values)
         FailOn(group);
     }
     number = NumberOf(group.substr(control::ChangePrefix.size()));
-    for (std::string key = "group.1"; values.contains(key); key = "group." + std::to_string(groups.size() + 1))
+    groups = NumberedValues(values, "group.");
+    for (const std::string& locator : NumberedValues(values, "key."))
     {
-        groups.push_back(Said(values, key));
-    }
-    std::size_t next = 1;
-    for (std::string key = "key.1"; values.contains(key); key = "key." + std::to_string(++next))
-    {
-        AddKey(Said(values, key));
+        AddKey(locator);
     }
 }
 
-void LoggedChange::AddKey(std::string_view locator)
+void LoggedChange::AddKey(const std::string& locator)
 {
-    const std::size_t end = EndOfGroup(locator);
-    if (!locator.starts_with('[') || end == std::string_view::npos)
-    {
-        FailOn(std::string(locator));
-    }
-    const std::optional<std::string> group = control::UnquotedName(std::string(locator.substr(1, end - 1)));
+    const std::size_t end = control::EndOfGroup(locator);
+    const auto group = end != std::string::npos ? control::UnquotedName(locator.substr(1, end - 1)) : std::nullopt;
     if (!group)
     {
-        FailOn(std::string(locator));
+        FailOn(locator);
     }
-    keys[*group].emplace_back(locator.substr(end + 1));
+    keys[*group].push_back(locator.substr(end + 1));
 }
 
 /// As the server's own log names its clients.

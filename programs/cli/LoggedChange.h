@@ -39,7 +39,7 @@ struct LoggedChange
     std::uint64_t moreGroups = 0;                          // groups that are left out, with all their keys
 
 private:
-    void AddKey(std::string_view locator);
+    void AddKey(const std::string& locator);
     std::string GetAuthor() const;
 };
 

@@ -58,18 +58,22 @@ void WriteOutput(std::string_view text)
     }
 }
 
-void WriteMessage(std::string_view message)
+std::string Escaped(std::string_view text)
 {
     constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string line = "korlo-settings: ";
-    for (const char c : message)
+    std::string escaped;
+    for (const char c : text)
     {
         const auto byte = static_cast<unsigned char>(c);
         const bool isControl = byte < 0x20 || byte == 0x7F;
-        line += isControl ? std::string("\\x") + digits[byte / 16] + digits[byte % 16] : std::string(1, c);
+        escaped += isControl ? std::string("\\x") + digits[byte / 16] + digits[byte % 16] : std::string(1, c);
     }
-    line += '\n';
-    WriteAll(STDERR_FILENO, line);
+    return escaped;
+}
+
+void WriteMessage(std::string_view message)
+{
+    WriteAll(STDERR_FILENO, "korlo-settings: " + Escaped(message) + '\n');
 }
 
 std::string ReadInput()

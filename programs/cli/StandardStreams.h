@@ -15,8 +15,10 @@ void HoldStandardDescriptors();
 /// @throws OutputClosed when nobody reads any more (SIGPIPE must be ignored); Failure for another reason.
 void WriteOutput(std::string_view text);
 
-/// Writes "korlo-settings: MESSAGE" as one line to standard error, control characters as `\xHH`: no name in a message
-/// can drive a terminal or pass for another message. There is nobody to tell of an error there.
+/// The text with its control characters as `\xHH`: no name in it can drive a terminal or pass for another line.
+std::string Escaped(std::string_view text);
+
+/// Writes "korlo-settings: MESSAGE" as one line to standard error, escaped. There is nobody to tell of an error there.
 void WriteMessage(std::string_view message);
 
 /// Reads standard input to its end.

@@ -7,12 +7,14 @@
 #include <utility>
 
 #include "Commands.h"
+#include "ControlAnswer.h"
 #include "ControlConnection.h"
 #include "ControlProtocol.h"
 #include "IniText.h"
 #include "Json.h"
 #include "NumberText.h"
 #include "StandardStreams.h"
+#include "Table.h"
 #include "korlo/osa/Thread.h"
 
 namespace korlo::settings::cli
@@ -24,10 +26,10 @@ using core::IniFile;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 using Number = unsigned long long;
-using Rows = std::vector<std::vector<std::string>>;
+using Rows = std::vector<TableRow>;
 
 constexpr std::string_view ClientPrefix = "Client/";
-constexpr std::string_view SubscriptionPrefix = "subscription.";
+constexpr const char* SubscriptionPrefix = "subscription.";
 
 /// A client of the server.
 struct ConnectedClient
@@ -129,42 +131,6 @@ std::string SavesText(const IniFile& answer)
     return text;
 }
 
-/// The groups PREFIX1, PREFIX2, ... in their order.
-template <typename Add>
-void ForEachNumbered(const IniFile& answer, const std::string& prefix, const Add& add)
-{
-    for (std::size_t number = 1; answer.HasGroup(prefix + std::to_string(number)); ++number)
-    {
-        add(prefix + std::to_string(number));
-    }
-}
-
-/// The rows with their columns below one another, two blanks apart.
-std::string TableOf(const Rows& rows)
-{
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows)
-    {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t column = 0; column < row.size(); ++column)
-        {
-            widths[column] = std::max(widths[column], row[column].size());
-        }
-    }
-    std::string text;
-    for (const auto& row : rows)
-    {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column)
-        {
-            text += row[column] + std::string(widths[column] - row[column].size() + 2, ' ');
-        }
-        text += row.back();
-        text.erase(text.find_last_not_of(' ') + 1);
-        text += '\n';
-    }
-    return text;
-}
-
 /// A page for people.
 std::string StatusText(const IniFile& answer)
 {
@@ -188,30 +154,19 @@ std::string StatusText(const IniFile& answer)
     rows.push_back({"limits", Said(answer, "Limits", "maxClients") + " clients; of each " +
                                   SizeText(NumberOf(answer, "Limits", "maxBacklog")) + " of waiting notifications, " +
                                   SizeText(NumberOf(answer, "Limits", "maxMessage")) + " of one request"});
-    ForEachNumbered(answer, "Door/", [&](const std::string& door) {
+    for (const std::string& door : NumberedGroups(answer, "Door/"))
+    {
         rows.push_back({"door", NameToken(Said(answer, door, "address")) + " (" + Said(answer, door, "kind") + ")"});
-    });
-    ForEachNumbered(answer, "File/", [&](const std::string& file) {
+    }
+    for (const std::string& file : NumberedGroups(answer, "File/"))
+    {
         const std::string holds = answer.HasValue(file, "rules") ? Said(answer, file, "rules") + " rules"
                                                                  : Said(answer, file, "groups") + " groups, " +
                                                                        Said(answer, file, "keys") + " keys";
         rows.push_back(
             {"file", NameToken(Said(answer, file, "path")) + " (" + Said(answer, file, "kind") + "): " + holds});
-    });
-    return TableOf(rows);
-}
-
-/// Takes `subscription.1` ... out of the values.
-std::vector<std::string> TakeSubscribed(IniFile::KeyValueMap& values)
-{
-    std::vector<std::string> subscribed;
-    for (std::string key = std::string(SubscriptionPrefix) + '1'; values.contains(key);
-         key = std::string(SubscriptionPrefix) + std::to_string(subscribed.size() + 1))
-    {
-        subscribed.push_back(values.at(key));
-        values.erase(key);
     }
-    return subscribed;
+    return TableOf(rows);
 }
 
 /// In the order in which they came.
@@ -225,8 +180,11 @@ std::vector<ConnectedClient> ClientsIn(const IniFile& answer)
             name.starts_with(ClientPrefix) ? NumberIn<Number>(name.substr(ClientPrefix.size())) : std::nullopt;
         if (number)
         {
-            clients.push_back({*number, values, {}});
-            clients.back().subscribed = TakeSubscribed(clients.back().values);
+            clients.push_back({*number, values, NumberedValues(values, SubscriptionPrefix)});
+            for (std::size_t index = clients.back().subscribed.size(); index > 0; --index)
+            {
+                clients.back().values.erase(SubscriptionPrefix + std::to_string(index));
+            }
         }
     }
     std::ranges::sort(clients, {}, &ConnectedClient::number);

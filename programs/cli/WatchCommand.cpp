@@ -90,7 +90,8 @@ void ChangePrinter::Print(const GroupNameCollection& changedGroups, const IniFil
         changed.MergeSettings(settings, group);
         comment += (group == *changedGroups.begin() ? " " : ", ") + NameToken(group);
     }
-    WriteOutput(_asJson ? JsonOf(changedGroups, changed) : comment + '\n' + TextOf(changed) + '\n');
+    WriteOutput(_asJson ? JsonOf({{"groups", changedGroups}, {"settings", changed}})
+                        : comment + '\n' + TextOf(changed) + '\n');
 }
 
 /// Says what becomes of the connection of a client that is connected.
