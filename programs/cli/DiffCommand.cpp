@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <map>
 #include <sstream>
 
 #include "Commands.h"
@@ -38,39 +38,23 @@ IniFile Unrestricted(IniFile document)
     return document;
 }
 
-/// The keys of `document` that `other` does not have with the same value. A group without any is left out.
-IniFile Without(const IniFile& other, const IniFile& document)
+/// The lines of one group of a document, without its header, by their keys.
+std::map<std::string, std::string> LinesByKey(const IniFile& document, const std::string& group)
 {
-    IniFile rest;
-    for (const auto& [group, values] : document)
+    std::map<std::string, std::string> lines;
+    const auto values = document.Find(group);
+    if (values == document.end())
     {
-        const auto counterpart = other.Find(group);
-        for (const auto& [key, value] : values)
-        {
-            if (counterpart != other.end())
-            {
-                const auto same = counterpart->second.find(key);
-                if (same != counterpart->second.end() && same->second == value)
-                {
-                    continue;
-                }
-            }
-            rest.SetValue(group, key, value);
-        }
+        return lines;
     }
-    return rest;
-}
-
-/// The lines of one group of a document that has no other: its header is left out.
-std::vector<std::string> KeyLines(const IniFile& document, const std::string& group)
-{
     std::stringstream text;
     document.SaveGroupToStream(text, group);
-    std::vector<std::string> lines;
     std::string line;
-    for (std::getline(text, line); std::getline(text, line);)
+    std::getline(text, line);
+    for (const auto& [key, value] : values->second)
     {
-        lines.push_back(line);
+        std::getline(text, line);
+        lines[key] = line + '\n';
     }
     return lines;
 }
@@ -81,35 +65,22 @@ std::string TextOf(const IniFile& gone, const IniFile& come)
 {
     GroupNameCollection groups = common::GroupNamesOf(gone);
     groups.merge(common::GroupNamesOf(come));
-    static const IniFile::KeyValueMap nothing;
     std::string text;
     for (const std::string& group : groups)
     {
-        const auto goneGroup = gone.Find(group);
-        const auto comeGroup = come.Find(group);
-        const IniFile::KeyValueMap& before = goneGroup == gone.end() ? nothing : goneGroup->second;
-        const IniFile::KeyValueMap& after = comeGroup == come.end() ? nothing : comeGroup->second;
-        const std::vector<std::string> goneLines = KeyLines(gone, group);
-        const std::vector<std::string> comeLines = KeyLines(come, group);
-        text += '[' + NameToken(group) + "]\n";
-        auto goneLine = goneLines.begin();
-        auto comeLine = comeLines.begin();
-        auto old = before.begin();
-        auto fresh = after.begin();
-        while (old != before.end() || fresh != after.end())
+        std::map<std::string, std::string> lines;
+        for (const auto& [key, line] : LinesByKey(gone, group))
         {
-            const bool hasOld = fresh == after.end() || (old != before.end() && old->first <= fresh->first);
-            const bool hasFresh = old == before.end() || (fresh != after.end() && fresh->first <= old->first);
-            if (hasOld)
-            {
-                text += '-' + *goneLine++ + '\n';
-                ++old;
-            }
-            if (hasFresh)
-            {
-                text += '+' + *comeLine++ + '\n';
-                ++fresh;
-            }
+            lines[key] = '-' + line;
+        }
+        for (const auto& [key, line] : LinesByKey(come, group))
+        {
+            lines[key] += '+' + line;
+        }
+        text += '[' + NameToken(group) + "]\n";
+        for (const auto& [key, linesOfKey] : lines)
+        {
+            text += linesOfKey;
         }
     }
     return text;
@@ -150,8 +121,8 @@ ExitStatus RunDiff(const Invocation& invocation)
     {
         WriteMessage("note: no group matches");
     }
-    const IniFile gone = Without(now, defaults);
-    const IniFile come = Without(defaults, now);
+    const IniFile gone = ChangedValues(now, defaults);
+    const IniFile come = ChangedValues(defaults, now);
     WriteOutput(invocation.asJson ? JsonOf(ValueOf(gone, come)) : TextOf(gone, come));
     return gone.empty() && come.empty() ? StatusDone : StatusNo;
 }

@@ -27,6 +27,22 @@ std::string TextOf(const core::IniFile& document)
     return std::move(out).str();
 }
 
+core::IniFile ChangedValues(const core::IniFile& before, const core::IniFile& after)
+{
+    core::IniFile changed;
+    for (const auto& [group, values] : after)
+    {
+        for (const auto& [key, value] : values)
+        {
+            if (!before.HasValue(group, key) || before.GetValue(group, key) != value)
+            {
+                changed.SetValue(group, key, value);
+            }
+        }
+    }
+    return changed;
+}
+
 std::string NameToken(const std::string& group)
 {
     return control::QuotedName(group);

@@ -16,6 +16,9 @@ core::IniFile ReadQuietly(const std::string& text);
 /// The whole document as INI text.
 std::string TextOf(const core::IniFile& document);
 
+/// The keys of `after` that `before` does not have with the same value. A group without any is left out.
+core::IniFile ChangedValues(const core::IniFile& before, const core::IniFile& after);
+
 /// The name as it stands between the brackets of its header line: without a line break, whatever it holds.
 std::string NameToken(const std::string& group);
 

@@ -1,5 +1,6 @@
 #include "LocalFile.h"
 
+#include "IniText.h"
 #include "IniTextEditor.h"
 
 namespace korlo::settings::cli
@@ -29,15 +30,9 @@ void CarryOver(IniFile& target, const IniFile& before, const IniFile& after)
     }
     for (const auto& [group, values] : after)
     {
-        target[group];
-        for (const auto& [key, value] : values)
-        {
-            if (!before.HasValue(group, key) || before.GetValue(group, key) != value)
-            {
-                target.SetValue(group, key, value);
-            }
-        }
+        target[group];  // one without keys, too
     }
+    target.MergeSettings(ChangedValues(before, after));
 }
 
 }  // namespace

@@ -75,8 +75,6 @@ Session::Session(const Target& target, Purpose purpose) : _target(target), _purp
     }
 }
 
-Session::~Session() = default;
-
 KorloSettingsClient& Session::Client()
 {
     if (_pClient == nullptr)

@@ -42,7 +42,6 @@ public:
     Session(const Target& target, Purpose purpose);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
-    ~Session();
 
     /// The selected groups, whatever bytes their names hold.
     core::IniFile Read(const GroupNameCollection& groups);

@@ -11,7 +11,6 @@
 #include "ClientInput.h"
 #include "Peer.h"
 #include "korlo/osa/Exception.h"
-#include "korlo/osa/PeerIdentity.h"
 #include "settings/server/ClientHandler.h"
 #include "settings/server/SettingsManager.h"
 
@@ -325,16 +324,10 @@ ClientReport ClientConnection::GetReport() const
     ClientReport report;
     report.arrival = _arrival;
     report.since = _since;
-    if (const osa::PeerIdentity* const pIdentity = _pSocket->GetPeerIdentity())
-    {
-        report.userId = pIdentity->user;
-        report.process = pIdentity->process;
-        report.program = pIdentity->program;
-    }
-    else
-    {
-        report.address = _pSocket->GetPeerAddress();
-    }
+    report.address = _pSocket->GetPeerIdentity() == nullptr ? _origin.peer : std::string();
+    report.userId = _origin.user;
+    report.process = _origin.process;
+    report.program = _origin.program;
     report.requests = _requests.load(std::memory_order_relaxed);
     report.receivedBytes = _receivedBytes.load(std::memory_order_relaxed);
     report.sentBytes = _pQueue->GetSentBytes();

@@ -53,7 +53,7 @@ FileSettingsPersister::FileSettingsPersister(const SettingsFiles& defaults, cons
 
 void FileSettingsPersister::Prepare()
 {
-    if (!SavesNothing())
+    if (Saves())
     {
         _file.CheckReplaceable();
         RemoveLeftovers();
@@ -95,7 +95,7 @@ void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombin
 
 void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner& combiner)
 {
-    if (SavesNothing())
+    if (!Saves())
     {
         return;
     }
@@ -188,7 +188,7 @@ std::string FileSettingsPersister::LoadPrevious(const std::string& damage, bool 
 
 void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
 {
-    if (SavesNothing())
+    if (!Saves())
     {
         return;
     }
@@ -206,7 +206,7 @@ void FileSettingsPersister::SaveUserSettings(const core::IniFile& userSettings)
 
 void FileSettingsPersister::Save(const TakeText& takeText)
 {
-    if (!SavesNothing())
+    if (Saves())
     {
         const osa::MutexAutoLock lock(&_saveMutex);
         Attempt(takeText);
@@ -217,7 +217,7 @@ void FileSettingsPersister::Save(const TakeText& takeText)
 /// after the first line is one of a later change, and saves everything from before it, too.
 void FileSettingsPersister::SaveWhatIsUnsaved(const TakeText& takeText)
 {
-    if (SavesNothing())
+    if (!Saves())
     {
         throw osa::Exception("there is no file to save to: the server keeps what clients change in memory");
     }
@@ -240,7 +240,7 @@ void FileSettingsPersister::Attempt(const TakeText& takeText)
     _record.Begin();
     try
     {
-        WriteUnlessStored(takeText()) ? _record.NoteSaved() : _record.NoteSkipped();
+        _record.NoteDone(WriteUnlessStored(takeText()));
     }
     catch (const std::exception& exception)
     {

@@ -62,12 +62,11 @@ public:
     void SaveWhatIsUnsaved(const TakeText& takeText) KORLO_EXCLUDES(_saveMutex);
 
     /// False where there is no file to save to.
-    bool Saves() const { return !SavesNothing(); }
+    bool Saves() const { return !_file.GetPath().empty(); }
 
     const SaveRecord& GetRecord() const { return _record; }
 
 private:
-    bool SavesNothing() const { return _file.GetPath().empty(); }
     void Attempt(const TakeText& takeText) KORLO_REQUIRES(_saveMutex);
     bool WriteUnlessStored(std::string text) KORLO_REQUIRES(_saveMutex);
     void NoteLoaded(const char* kind, const std::string& path, const core::IniFile& taken) const;

@@ -1,11 +1,8 @@
 #include "Peer.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <vector>
 
-#include <pwd.h>
-
+#include "access/SystemUserDatabase.h"
 #include "korlo/osa/PeerIdentity.h"
 #include "korlo/osa/TimeMonotonic.h"
 
@@ -70,20 +67,6 @@ ClientOrigin OriginOf(const osa::TcpSocket& socket)
         origin.program = pIdentity->program;
     }
     return origin;
-}
-
-std::string NameOfUser(uid_t user)
-{
-    constexpr std::size_t usualBytes = 1024;
-    constexpr std::size_t mostBytes = 1024 * 1024;
-    std::vector<char> buffer(usualBytes);
-    passwd entry{};
-    passwd* pFound = nullptr;
-    while (::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &pFound) == ERANGE && buffer.size() < mostBytes)
-    {
-        buffer.resize(buffer.size() * 2);
-    }
-    return pFound != nullptr ? pFound->pw_name : std::to_string(user);
 }
 
 }  // namespace korlo::daemon

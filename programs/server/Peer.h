@@ -3,8 +3,6 @@
 
 #include <string>
 
-#include <sys/types.h>
-
 #include "access/ClientIdentity.h"
 #include "journal/ClientOrigin.h"
 #include "korlo/osa/TcpSocket.h"
@@ -29,8 +27,5 @@ ClientIdentity IdentityOf(const osa::TcpSocket& socket);
 
 /// For the journal. Two calls tell of two connections.
 ClientOrigin OriginOf(const osa::TcpSocket& socket);
-
-/// The user's name in the system's database, or the digits of one that has none there.
-std::string NameOfUser(uid_t user);
 
 }  // namespace korlo::daemon

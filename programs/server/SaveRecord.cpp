@@ -12,19 +12,11 @@ void SaveRecord::Begin()
     ++_begun;
 }
 
-void SaveRecord::NoteSaved()
+void SaveRecord::NoteDone(bool hasWritten)
 {
     const PlainLock lock(_mutex);
     _begin.reset();
-    ++_figures.saves;
-    _figures.isUnsaved = false;
-}
-
-void SaveRecord::NoteSkipped()
-{
-    const PlainLock lock(_mutex);
-    _begin.reset();
-    ++_figures.skipped;
+    ++(hasWritten ? _figures.saves : _figures.skipped);
     _figures.isUnsaved = false;
 }
 

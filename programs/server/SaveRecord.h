@@ -33,8 +33,7 @@ public:
     void Begin() KORLO_EXCLUDES(_mutex);
 
     // It ends.
-    void NoteSaved() KORLO_EXCLUDES(_mutex);
-    void NoteSkipped() KORLO_EXCLUDES(_mutex);
+    void NoteDone(bool hasWritten) KORLO_EXCLUDES(_mutex);
     void NoteFailed(const char* reason) KORLO_EXCLUDES(_mutex);
 
     /// How many attempts have begun.

@@ -30,18 +30,6 @@ bool HoldsInOrder(std::string_view text, std::string_view middle)
     return true;
 }
 
-bool OneBeginsWithTheOther(std::string_view left, std::string_view right)
-{
-    const std::size_t length = std::min(left.size(), right.size());
-    return left.substr(0, length) == right.substr(0, length);
-}
-
-bool OneEndsWithTheOther(std::string_view left, std::string_view right)
-{
-    const std::size_t length = std::min(left.size(), right.size());
-    return left.substr(left.size() - length) == right.substr(right.size() - length);
-}
-
 }  // namespace
 
 bool Covers(std::string_view pattern, std::string_view entry)
@@ -69,8 +57,12 @@ bool Meet(std::string_view left, std::string_view right)
     {
         return leftStar == None ? Covers(right, left) : Covers(left, right);
     }
-    return OneBeginsWithTheOther(left.substr(0, leftStar), right.substr(0, rightStar)) &&
-           OneEndsWithTheOther(left.substr(left.rfind('*') + 1), right.substr(right.rfind('*') + 1));
+    const std::string_view leftBegin = left.substr(0, leftStar);
+    const std::string_view rightBegin = right.substr(0, rightStar);
+    const std::string_view leftEnd = left.substr(left.rfind('*') + 1);
+    const std::string_view rightEnd = right.substr(right.rfind('*') + 1);
+    return (leftBegin.starts_with(rightBegin) || rightBegin.starts_with(leftBegin)) &&
+           (leftEnd.ends_with(rightEnd) || rightEnd.ends_with(leftEnd));
 }
 
 std::string WithoutRepeatedStars(const std::string& pattern)

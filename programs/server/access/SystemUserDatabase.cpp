@@ -30,6 +30,11 @@ const Entry* Find(Entry& entry, std::vector<char>& room, const Lookup& lookUp)
     return nullptr;
 }
 
+const struct passwd* FindById(uid_t user, struct passwd& entry, std::vector<char>& room)
+{
+    return Find(entry, room, [user](auto... rest) { return ::getpwuid_r(user, rest...); });
+}
+
 /// The number in a file of the kernel; where it says nothing, what all kernels have had.
 unsigned int OverflowId(const char* path)
 {
@@ -70,7 +75,7 @@ std::vector<gid_t> SystemUserDatabase::GetGroupsOf(uid_t user) const
 {
     struct passwd entry = {};
     std::vector<char> room;
-    const struct passwd* const pFound = Find(entry, room, [user](auto... rest) { return ::getpwuid_r(user, rest...); });
+    const struct passwd* const pFound = FindById(user, entry, room);
     std::vector<gid_t> groups;
     if (pFound == nullptr)
     {
@@ -85,6 +90,14 @@ std::vector<gid_t> SystemUserDatabase::GetGroupsOf(uid_t user) const
     } while (::getgrouplist(pFound->pw_name, pFound->pw_gid, groups.data(), &count) < 0 && count > had);
     groups.resize(static_cast<std::size_t>(count < had ? count : had));
     return groups;
+}
+
+std::string NameOfUser(uid_t user)
+{
+    struct passwd entry = {};
+    std::vector<char> room;
+    const struct passwd* const pFound = FindById(user, entry, room);
+    return pFound != nullptr ? pFound->pw_name : std::to_string(user);
 }
 
 }  // namespace korlo::daemon

@@ -25,4 +25,7 @@ private:
     const gid_t _overflowGroup;
 };
 
+/// The user's name in the system's database, or the digits of one that has none there.
+std::string NameOfUser(uid_t user);
+
 }  // namespace korlo::daemon

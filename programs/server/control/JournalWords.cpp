@@ -12,7 +12,7 @@
 
 #include "ControlProtocol.h"
 #include "NumberText.h"
-#include "Peer.h"
+#include "access/SystemUserDatabase.h"
 #include "control/UtcTime.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/Mutex.h"
