@@ -30,11 +30,7 @@ constexpr const char* LocalFileVariable = "KORLO_SETTINGS_LOCALFILE";
 
 std::unique_ptr<KorloSettingsClientImpl> CreateOverFile(const char* path, const IniFile* pDefaults)
 {
-    IniFile settings;
-    if (pDefaults != nullptr)
-    {
-        settings.MergeSettings(*pDefaults);
-    }
+    IniFile settings = pDefaults != nullptr ? *pDefaults : IniFile();
     if (*path != '\0')
     {
         settings.Load(path);

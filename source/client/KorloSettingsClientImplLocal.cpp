@@ -14,14 +14,6 @@ common::GroupNameMatcher MatcherOf(const GroupNameCollection& groups)
 
 }  // namespace
 
-KorloSettingsClientImplLocal::LocalPersister::LocalPersister(const core::IniFile* pDefaults)
-{
-    if (pDefaults != nullptr)
-    {
-        _defaults.MergeSettings(*pDefaults);
-    }
-}
-
 void KorloSettingsClientImplLocal::LocalPersister::LoadDefaultSettings(server::SettingsCombiner& combiner)
 {
     combiner.LoadFromIni(_defaults);

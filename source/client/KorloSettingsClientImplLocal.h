@@ -28,7 +28,10 @@ public:
     class LocalPersister : public server::ISettingsPersister
     {
     public:
-        explicit LocalPersister(const core::IniFile* pDefaults);
+        explicit LocalPersister(const core::IniFile* pDefaults)
+            : _defaults(pDefaults != nullptr ? *pDefaults : core::IniFile())
+        {
+        }
 
         void LoadDefaultSettings(server::SettingsCombiner& combiner) override;
         void LoadUserSettings(server::SettingsCombiner&) override {}

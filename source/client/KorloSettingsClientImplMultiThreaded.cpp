@@ -341,8 +341,12 @@ bool KorloSettingsClientImplMultiThreaded::EstablishConnection()
 {
     while (!_stopRequested)
     {
-        client::Survive([this] { Connect(); },
-                        [this](const char* reason) { _pLogger->Warning("Connect() failed: %s", reason); });
+        client::Survive(
+            [this] {
+                _pLogger->Information("(re)Connecting to korlo-setting server");
+                _pConnection->EnsureConnection(ConnectionAttempts);
+            },
+            [this](const char* reason) { _pLogger->Warning("Connect() failed: %s", reason); });
         if (_pConnection->GetIstream() != nullptr && _pConnection->GetOstream() != nullptr)
         {
             return !_stopRequested;
@@ -351,12 +355,6 @@ bool KorloSettingsClientImplMultiThreaded::EstablishConnection()
         _stopRequested.Pause(_limits.pauseMs);
     }
     return false;
-}
-
-void KorloSettingsClientImplMultiThreaded::Connect() const
-{
-    _pLogger->Information("(re)Connecting to korlo-setting server");
-    _pConnection->EnsureConnection(ConnectionAttempts);
 }
 
 /// Returns false when the connection was lost while missed changes were read. The first connection reads none: nobody

@@ -120,7 +120,6 @@ private:
     template <typename Step>
     bool Survive(const Step& step) const;
     bool EstablishConnection();
-    void Connect() const;
     bool Resubscribe(CatchUp& catchUp);
     void Report(bool isConnected);
     void ReadUntilLost();
