@@ -79,17 +79,12 @@ void FileSettingsPersister::RemoveLeftovers() const
     }
 }
 
-/// Restricted groups stay out here already: a restore, which a client may ask for, takes the defaults as they are.
 void FileSettingsPersister::LoadDefaultSettings(settings::server::SettingsCombiner& combiner)
 {
     for (const std::string& file : _defaults.Find())
     {
         _pLogger->Trace("Loading default settings from '%s'", file.c_str());
-        core::IniFile document(file.c_str());
-        settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
-        combiner.RunFilters(document);
-        combiner.Merge(document);
-        NoteLoaded("default", file, document);
+        Load("default", file, core::IniFile(file.c_str()), combiner);
     }
 }
 
@@ -103,21 +98,23 @@ void FileSettingsPersister::LoadUserSettings(settings::server::SettingsCombiner&
     if (_file.Exists())
     {
         _pLogger->Trace("Loading user settings from '%s'", _file.GetPath().c_str());
-        const std::string text = Load();
+        const std::string text = ReadUserLayer();
         document.LoadFromString(text);
-        settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
-        combiner.RunFilters(document);
-        combiner.Merge(document);
         NoteStored(text);
     }
-    NoteLoaded("user", _file.GetPath(), document);
+    Load("user", _file.GetPath(), std::move(document), combiner);
 }
 
-void FileSettingsPersister::NoteLoaded(const char* kind, const std::string& path, const core::IniFile& taken) const
+/// Restricted groups stay out here already: a restore, which a client may ask for, takes the defaults as they are.
+void FileSettingsPersister::Load(const char* kind, const std::string& path, core::IniFile document,
+                                 settings::server::SettingsCombiner& combiner) const
 {
+    settings::server::GroupDiscriminator::FilterOutRestrictedGroups(document);
+    combiner.RunFilters(document);
+    combiner.Merge(document);
     if (_pLoaded != nullptr)
     {
-        _pLoaded->Add(kind, path, taken);
+        _pLoaded->Add(kind, path, document);
     }
 }
 
@@ -137,7 +134,7 @@ void FileSettingsPersister::NoteStored(const std::string& text)
     }
 }
 
-std::string FileSettingsPersister::Load()
+std::string FileSettingsPersister::ReadUserLayer()
 {
     std::string text;
     try

@@ -69,9 +69,10 @@ public:
 private:
     void Attempt(const TakeText& takeText) KORLO_REQUIRES(_saveMutex);
     bool WriteUnlessStored(std::string text) KORLO_REQUIRES(_saveMutex);
-    void NoteLoaded(const char* kind, const std::string& path, const core::IniFile& taken) const;
+    void Load(const char* kind, const std::string& path, core::IniFile document,
+              settings::server::SettingsCombiner& combiner) const;
     void RemoveLeftovers() const;
-    std::string Load();
+    std::string ReadUserLayer();
     void NoteStored(const std::string& text);
     std::string LoadPrevious(const std::string& damage, bool isUnreadable);
 
