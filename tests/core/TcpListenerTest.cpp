@@ -5,7 +5,6 @@
 #include <memory>
 #include <semaphore>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -18,6 +17,7 @@
 #include "korlo/osa/Mutex.h"
 #include "support/Files.h"
 #include "support/LogWatch.h"
+#include "support/SocketBehaviour.h"
 
 namespace korlo::osa
 {
@@ -65,18 +65,7 @@ TEST(TcpListenerTest, NamesAddressPortAndReasonWhenItCannotListen)
 TEST(TcpListenerTest, ACloseWakesEveryThreadInAccept)
 {
     TcpListener listener("127.0.0.1", 0);
-    std::vector<std::future<bool>> accepting;
-    for (int i = 0; i < 3; ++i)
-    {
-        accepting.push_back(std::async(std::launch::async, [&] { return listener.Accept() == nullptr; }));
-    }
-    EXPECT_EQ(accepting.front().wait_for(5ms), std::future_status::timeout);
-    listener.Close();
-    for (std::future<bool>& accept : accepting)
-    {
-        ASSERT_EQ(accept.wait_for(10s), std::future_status::ready);
-        EXPECT_TRUE(accept.get());
-    }
+    ExpectThatACloseWakesEveryAccept(listener);
 }
 
 TEST(TcpListenerTest, AcceptsNobodyAfterTheClose)

@@ -1,9 +1,7 @@
 #include "korlo/osa/TcpSocket.h"
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <string>
@@ -15,7 +13,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,6 +20,7 @@
 #include "korlo/osa/Mutex.h"
 #include "korlo/osa/ServiceDirectory.h"
 #include "support/Files.h"
+#include "support/SocketBehaviour.h"
 #include "support/TcpPair.h"
 
 namespace korlo::osa
@@ -212,34 +210,12 @@ TEST(TcpSocketTest, AWriteTimesOutWhenThePeerDoesNotRead)
 
 TEST(TcpSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
 {
-    TcpPair pair;
-    std::string head(3000000, '\0');
-    for (std::size_t i = 0; i < head.size(); ++i)
-    {
-        head[i] = static_cast<char>(i * 7 % 251);
-    }
-    const std::string tail(5000000, 't');
-    for (const unsigned int timeoutMs : {Infinite, 20000u})
-    {
-        auto writing = std::async(std::launch::async, [&] {
-            return pair.client.WriteAll(head.data(), head.size(), tail.data(), tail.size(), timeoutMs);
-        });
-        EXPECT_EQ(ReadBytes(*pair.pServer, head.size() + tail.size()), head + tail);
-        const TcpSocket::IoResult result = writing.get();
-        EXPECT_EQ(result.status, TcpSocket::Done);
-        EXPECT_EQ(result.bytes, head.size() + tail.size());
-    }
+    ExpectThatALargeWriteIsCompleted<TcpPair>();
 }
 
 TEST(TcpSocketTest, ReportsTheEndOfTheStreamWhenThePeerCloses)
 {
-    TcpPair pair;
-    EXPECT_EQ(pair.pServer->WriteAll("last", 4, Infinite).status, TcpSocket::Done);
-    pair.pServer.reset();
-    EXPECT_EQ(ReadBytes(pair.client, 4), "last");
-    char byte = 0;
-    EXPECT_EQ(pair.client.ReadSome(&byte, 1, Infinite).status, TcpSocket::EndOfStream);
-    EXPECT_EQ(pair.client.ReadSome(&byte, 1, 0).status, TcpSocket::EndOfStream);
+    ExpectThatTheEndComesBehindTheLastBytes<TcpPair>();
 }
 
 TEST(TcpSocketTest, AWriteToAPeerThatHasGoneFailsWithoutASignal)
@@ -265,60 +241,17 @@ TEST(TcpSocketTest, AnUnconnectedSocketFailsToReadAndWrite)
 
 TEST(TcpSocketTest, ACloseFromAnotherThreadWakesTheReader)
 {
-    for (const unsigned int timeoutMs : {Infinite, 60000u})
-    {
-        TcpPair pair;
-        auto reading = std::async(std::launch::async, [&] {
-            char byte = 0;
-            return pair.client.ReadSome(&byte, 1, timeoutMs).status;
-        });
-        EXPECT_EQ(reading.wait_for(5ms), std::future_status::timeout);
-        pair.client.Close();
-        ASSERT_EQ(reading.wait_for(10s), std::future_status::ready);
-        EXPECT_EQ(reading.get(), TcpSocket::EndOfStream);
-    }
+    ExpectThatACloseWakesTheReader<TcpPair>();
 }
 
 TEST(TcpSocketTest, ACloseFromAnotherThreadWakesTheWriter)
 {
-    TcpPair pair;
-    const std::string bytes(32 << 20, 'x');
-    auto writing = std::async(std::launch::async,
-                              [&] { return pair.client.WriteAll(bytes.data(), bytes.size(), Infinite).status; });
-    EXPECT_EQ(writing.wait_for(20ms), std::future_status::timeout);
-    pair.client.Close();
-    ASSERT_EQ(writing.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(writing.get(), TcpSocket::Failed);
+    ExpectThatACloseWakesTheWriter<TcpPair>(32 << 20);
 }
 
 TEST(TcpSocketTest, AnInterruptedReadGoesOn)
 {
-    struct sigaction ignore = {};
-    struct sigaction before = {};
-    static std::atomic<int> interruptions;
-    interruptions = 0;
-    ignore.sa_handler = [](int) { ++interruptions; };  // without SA_RESTART
-    sigaction(SIGUSR1, &ignore, &before);
-    for (const unsigned int timeoutMs : {Infinite, 60000u})
-    {
-        TcpPair pair;
-        std::string text;
-        std::thread reader([&] {
-            char byte = 0;
-            text.assign(&byte, pair.client.ReadSome(&byte, 1, timeoutMs).bytes);
-            text = std::string(1, byte);
-        });
-        const int former = interruptions;
-        while (interruptions < former + 20)
-        {
-            pthread_kill(reader.native_handle(), SIGUSR1);
-            std::this_thread::yield();
-        }
-        pair.pServer->WriteAll("!", 1, Infinite);
-        reader.join();
-        EXPECT_EQ(text, "!");
-    }
-    sigaction(SIGUSR1, &before, nullptr);
+    ExpectThatAnInterruptedReadGoesOn<TcpPair>();
 }
 
 /// Writes until nothing is taken any more: a busy system takes more once it has had time to move what there was.

@@ -21,6 +21,7 @@
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/TcpListener.h"
 #include "support/Files.h"
+#include "support/SocketBehaviour.h"
 #include "support/TemporaryFolder.h"
 #include "support/UnixSockets.h"
 
@@ -380,18 +381,7 @@ TEST(UnixListenerTest, ACloseWakesEveryThreadInAccept)
 {
     TemporaryFolder folder;
     TcpListener listener("unix:" + folder.PathOf("socket"), 0);
-    std::vector<std::future<bool>> accepting;
-    for (int i = 0; i < 3; ++i)
-    {
-        accepting.push_back(std::async(std::launch::async, [&] { return listener.Accept() == nullptr; }));
-    }
-    EXPECT_EQ(accepting.front().wait_for(5ms), std::future_status::timeout);
-    listener.Close();
-    for (std::future<bool>& accept : accepting)
-    {
-        ASSERT_EQ(accept.wait_for(10s), std::future_status::ready);
-        EXPECT_TRUE(accept.get());
-    }
+    ExpectThatACloseWakesEveryAccept(listener);
 }
 
 TEST(UnixListenerTest, ACloseEndsTheConnectionsThatNobodyAccepted)

@@ -1,6 +1,5 @@
 // Connections over Unix-domain sockets: finding them, and reading and writing as over TCP.
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -11,13 +10,11 @@
 #include <future>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +25,7 @@
 #include "korlo/osa/TcpSocket.h"
 #include "korlo/osa/TcpSocketStream.h"
 #include "support/Files.h"
+#include "support/SocketBehaviour.h"
 #include "support/TcpPair.h"
 #include "support/TemporaryFolder.h"
 #include "support/UnixSockets.h"
@@ -259,34 +257,12 @@ TEST(UnixSocketTest, AWriteTimesOutWhenThePeerDoesNotRead)
 
 TEST(UnixSocketTest, CompletesAWriteThatTheConnectionTakesInParts)
 {
-    UnixPair pair;
-    std::string head(3000000, '\0');
-    for (std::size_t i = 0; i < head.size(); ++i)
-    {
-        head[i] = static_cast<char>(i * 7 % 251);
-    }
-    const std::string tail(5000000, 't');
-    for (const unsigned int timeoutMs : {Infinite, LimitMs})
-    {
-        auto writing = std::async(std::launch::async, [&] {
-            return pair.client.WriteAll(head.data(), head.size(), tail.data(), tail.size(), timeoutMs);
-        });
-        EXPECT_EQ(ReadBytes(*pair.pServer, head.size() + tail.size()), head + tail);
-        const TcpSocket::IoResult result = writing.get();
-        EXPECT_EQ(result.status, TcpSocket::Done);
-        EXPECT_EQ(result.bytes, head.size() + tail.size());
-    }
+    ExpectThatALargeWriteIsCompleted<UnixPair>();
 }
 
 TEST(UnixSocketTest, ReportsTheEndOfTheStreamWhenThePeerCloses)
 {
-    UnixPair pair;
-    EXPECT_EQ(pair.pServer->WriteAll("last", 4, Infinite).status, TcpSocket::Done);
-    pair.pServer.reset();
-    EXPECT_EQ(ReadBytes(pair.client, 4), "last");
-    char byte = 0;
-    EXPECT_EQ(pair.client.ReadSome(&byte, 1, Infinite).status, TcpSocket::EndOfStream);
-    EXPECT_EQ(pair.client.ReadSome(&byte, 1, 0).status, TcpSocket::EndOfStream);
+    ExpectThatTheEndComesBehindTheLastBytes<UnixPair>();
 }
 
 TEST(UnixSocketTest, AWriteToAPeerThatHasGoneFailsWithoutASignal)
@@ -300,56 +276,17 @@ TEST(UnixSocketTest, AWriteToAPeerThatHasGoneFailsWithoutASignal)
 
 TEST(UnixSocketTest, ACloseFromAnotherThreadWakesTheReader)
 {
-    for (const unsigned int timeoutMs : {Infinite, 60000u})
-    {
-        UnixPair pair;
-        auto reading = std::async(std::launch::async, [&] {
-            char byte = 0;
-            return pair.client.ReadSome(&byte, 1, timeoutMs).status;
-        });
-        EXPECT_EQ(reading.wait_for(5ms), std::future_status::timeout);
-        pair.client.Close();
-        ASSERT_EQ(reading.wait_for(10s), std::future_status::ready);
-        EXPECT_EQ(reading.get(), TcpSocket::EndOfStream);
-    }
+    ExpectThatACloseWakesTheReader<UnixPair>();
 }
 
 TEST(UnixSocketTest, ACloseFromAnotherThreadWakesTheWriter)
 {
-    UnixPair pair;
-    const std::string bytes(8 << 20, 'x');
-    auto writing = std::async(std::launch::async,
-                              [&] { return pair.client.WriteAll(bytes.data(), bytes.size(), Infinite).status; });
-    EXPECT_EQ(writing.wait_for(20ms), std::future_status::timeout);
-    pair.client.Close();
-    ASSERT_EQ(writing.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(writing.get(), TcpSocket::Failed);
+    ExpectThatACloseWakesTheWriter<UnixPair>(8 << 20);
 }
 
 TEST(UnixSocketTest, AnInterruptedReadGoesOn)
 {
-    struct sigaction count = {};
-    struct sigaction before = {};
-    static std::atomic<int> interruptions;
-    interruptions = 0;
-    count.sa_handler = [](int) { ++interruptions; };  // without SA_RESTART
-    sigaction(SIGUSR1, &count, &before);
-    for (const unsigned int timeoutMs : {Infinite, 60000u})
-    {
-        UnixPair pair;
-        char byte = 0;
-        std::thread reader([&] { pair.client.ReadSome(&byte, 1, timeoutMs); });
-        const int former = interruptions;
-        while (interruptions < former + 20)
-        {
-            pthread_kill(reader.native_handle(), SIGUSR1);
-            std::this_thread::yield();
-        }
-        pair.pServer->WriteAll("!", 1, Infinite);
-        reader.join();
-        EXPECT_EQ(byte, '!');
-    }
-    sigaction(SIGUSR1, &before, nullptr);
+    ExpectThatAnInterruptedReadGoesOn<UnixPair>();
 }
 
 TEST(UnixSocketTest, WaitTellsAndWakeEndsItAsOverTcp)
@@ -410,28 +347,6 @@ std::size_t OpenDescriptors()
     return count;
 }
 
-/// Sends one byte with as many descriptors of /dev/null as the system lets pass at once.
-void SendDescriptors(int descriptor)
-{
-    constexpr std::size_t most = 253;
-    const OwnedDescriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const std::vector<int> sent(most, null.Get());
-    std::vector<char> control(CMSG_SPACE(most * sizeof(int)));
-    char byte = 'd';
-    iovec piece{&byte, 1};
-    msghdr message{};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const pHead = CMSG_FIRSTHDR(&message);
-    pHead->cmsg_level = SOL_SOCKET;
-    pHead->cmsg_type = SCM_RIGHTS;
-    pHead->cmsg_len = CMSG_LEN(most * sizeof(int));
-    std::memcpy(CMSG_DATA(pHead), sent.data(), most * sizeof(int));
-    EXPECT_EQ(sendmsg(descriptor, &message, MSG_NOSIGNAL), 1) << std::strerror(errno);
-}
-
 TEST(UnixSocketTest, DescriptorsThatAPeerSendsAreClosed)
 {
     TemporaryFolder folder;
@@ -439,10 +354,12 @@ TEST(UnixSocketTest, DescriptorsThatAPeerSendsAreClosed)
     RawUnixSocket client;
     ASSERT_EQ(client.Connect(folder.PathOf("socket")), 0);
     const std::unique_ptr<TcpSocket> pServer = listener.Accept();
+    constexpr std::size_t most = 253;  // that the system lets pass at once
+    const OwnedDescriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
     const std::size_t before = OpenDescriptors();
     for (int i = 0; i < 20; ++i)
     {
-        SendDescriptors(client.Get());
+        EXPECT_TRUE(SendWithDescriptors(client.Get(), "d", std::vector<int>(most, null.Get())));
         EXPECT_EQ(ReadBytes(*pServer, 1), "d");
         EXPECT_EQ(OpenDescriptors(), before);
     }

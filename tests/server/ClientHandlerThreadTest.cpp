@@ -1,6 +1,5 @@
 // Where the threads of a connection meet those that change the store.
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <sstream>
@@ -14,6 +13,7 @@
 #include "settings/server/ClientHandler.h"
 #include "support/Callbacks.h"
 #include "support/ExchangeStore.h"
+#include "support/StoppingBuffer.h"
 
 namespace korlo::settings::server
 {
@@ -83,29 +83,6 @@ TEST(ClientHandlerThreadTest, OneConnectionHearsOfTheChangesOfAnother)
     changer.Send("merge\n[Audio]\nvolume=8\n.\n");
     EXPECT_EQ(subscriber.Read(7), "async change\nAudio\n.\n[Audio]\nmuted=no\nvolume=8\n.\n");
 }
-
-/// A stream whose first write stops for as long as the test wants: it shows who waits for a client, and with which
-/// locks.
-class StoppingBuffer : public std::stringbuf
-{
-public:
-    std::promise<void> stopped;
-    std::promise<void> go;
-
-protected:
-    std::streamsize xsputn(const char* bytes, std::streamsize size) override
-    {
-        if (!_once.exchange(true))
-        {
-            stopped.set_value();
-            go.get_future().wait_for(30s);
-        }
-        return std::stringbuf::xsputn(bytes, size);
-    }
-
-private:
-    std::atomic<bool> _once = false;
-};
 
 TEST(ClientHandlerThreadTest, InfoWhileANotificationWaitsForTheSameClientDoesNotDeadlock)
 {

@@ -108,6 +108,25 @@ private:
     }
 };
 
+/// Sends bytes, and descriptors with them. False when not all of the bytes could be sent.
+inline bool SendWithDescriptors(int socket, std::string text, const std::vector<int>& descriptors)
+{
+    const std::size_t size = descriptors.size() * sizeof(int);
+    std::vector<char> control(CMSG_SPACE(size));
+    iovec bytes{text.data(), text.size()};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
+    pHeader->cmsg_level = SOL_SOCKET;
+    pHeader->cmsg_type = SCM_RIGHTS;
+    pHeader->cmsg_len = CMSG_LEN(size);
+    std::memcpy(CMSG_DATA(pHeader), descriptors.data(), size);
+    return ::sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+}
+
 /// Why connecting to the socket at the path fails; empty when it does not.
 inline std::string TryToConnect(const std::string& path, unsigned int timeoutMs = 1000)
 {

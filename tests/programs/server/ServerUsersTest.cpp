@@ -192,26 +192,6 @@ TEST_F(OtherUsersTest, AServerOfAnotherUserObeysItsOwnAndRoot)
     EXPECT_TRUE(RawClient(_address).TestAndMerge("[Private]\nk=2\n", "[Private]\nk=3\n")) << "root";
 }
 
-/// Sends bytes, and the writing end of a pipe with them several times over. False when the connection is lost.
-bool SendWithDescriptors(int socket, const std::string& text, int descriptor)
-{
-    std::array<int, 8> passed;
-    passed.fill(descriptor);
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(passed))> control{};
-    iovec bytes{const_cast<char*>(text.data()), text.size()};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-    pHeader->cmsg_level = SOL_SOCKET;
-    pHeader->cmsg_type = SCM_RIGHTS;
-    pHeader->cmsg_len = CMSG_LEN(sizeof(passed));
-    std::copy(passed.begin(), passed.end(), reinterpret_cast<int*>(CMSG_DATA(pHeader)));
-    return ::sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
-}
-
 /// Reads from a socket as far as `last`.
 std::string ReadTo(int socket, const std::string& last)
 {
@@ -245,13 +225,14 @@ TEST_F(ServerUsersTest, DescriptorsThatAClientPassesAreClosedAndItIsServed)
     ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
     const OwnedDescriptor reading(pipe[0]);
     OwnedDescriptor writing(pipe[1]);
+    const std::vector<int> passed(8, writing.Get());
     for (int round = 0; round < 100; ++round)
     {
         // With a line, and with a piece of one.
-        ASSERT_TRUE(SendWithDescriptors(client.Get(), "get delimited\nAu", writing.Get()));
-        ASSERT_TRUE(SendWithDescriptors(client.Get(), "dio\n.\n", writing.Get()));
+        ASSERT_TRUE(SendWithDescriptors(client.Get(), "get delimited\nAu", passed));
+        ASSERT_TRUE(SendWithDescriptors(client.Get(), "dio\n.\n", passed));
         ASSERT_EQ(ReadTo(client.Get(), "\n.\n"), "data\n[Audio]\nk=1\n.\n");
-        ASSERT_TRUE(SendWithDescriptors(operating.Get(), "nonsense\n", writing.Get()));
+        ASSERT_TRUE(SendWithDescriptors(operating.Get(), "nonsense\n", passed));
         ASSERT_THAT(ReadTo(operating.Get(), "\n"), HasSubstr("error unknown word"));
     }
     EXPECT_EQ(server.CountDescriptors(), before);

@@ -1,6 +1,5 @@
 // What a client is being sent while its rules change.
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <sstream>
@@ -19,6 +18,7 @@
 #include "support/FakeUsers.h"
 #include "support/Files.h"
 #include "support/RecordingPersister.h"
+#include "support/StoppingBuffer.h"
 #include "support/TemporaryFolder.h"
 
 namespace korlo::daemon
@@ -29,28 +29,6 @@ namespace
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::Not;
-
-/// A stream whose first write waits for the test.
-class StoppingBuffer : public std::stringbuf
-{
-public:
-    std::promise<void> stopped;
-    std::promise<void> go;
-
-protected:
-    std::streamsize xsputn(const char* bytes, std::streamsize size) override
-    {
-        if (!_once.exchange(true))
-        {
-            stopped.set_value();
-            go.get_future().wait_for(30s);
-        }
-        return std::stringbuf::xsputn(bytes, size);
-    }
-
-private:
-    std::atomic<bool> _once = false;
-};
 
 /// A store, and a client to whom the first thing that it is sent is still being handed when the rules change.
 class AccessReloadTest : public testing::Test
