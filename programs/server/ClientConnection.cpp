@@ -89,18 +89,16 @@ private:
 
 /// The streams and the handler of a connection, for as long as it is served. From one request to the next:
 ///
-///     state      what happens                                                          next
-///     ---------  --------------------------------------------------------------------  -------------------------------
-///     Between    what was gathered for long is sent; while much of its own output      Reading; Ending when the client
-///                waits, the client is held back                                        or the server ends
-///     Reading    the request is read; what was gathered is sent before each wait       Working; Ending as above,
-///     inside
-///                                                                                      the request
-///     Working    a quick change lets its notifications be gathered; before anything    Between; Ending when the
-///     request
-///                else, what was gathered is sent                                       throws
-///     Ending     what was gathered is sent, and what the client's socket has refused   -
-///                as long as it takes some of it
+///     state    what happens                                                        next
+///     -------  ------------------------------------------------------------------  ------------------------------
+///     Between  what was gathered for long is sent; while much of its own output    Reading; Ending when the
+///              waits, the client is held back                                      client or the server ends
+///     Reading  the request is read; what was gathered is sent before each wait     Working; Ending as above,
+///                                                                                  inside the request
+///     Working  a quick change lets its notifications be gathered; before anything  Between; Ending when the
+///              else, what was gathered is sent                                     request throws
+///     Ending   what was gathered is sent, and what the client's socket has         -
+///              refused as long as it takes some of it
 ///
 /// Thread safety: made and used on the connection's own thread; the handler lets other threads write.
 class ClientConnection::Session : private IRequestGate

@@ -34,14 +34,15 @@ public:
 /// connection's own thread sends it as room appears. Notifications, which are what other threads send, are gathered
 /// where a collector takes care of the queue, so that many leave in one system call.
 ///
-///     state      entered when                                 who sends what is kept                          next
-///     ---------  -------------------------------------------  ----------------------------------------------
-///     ----------- Empty      all was sent                                 - any Gathering  a notification came, and
-///     the collector has   SendGathered, the next message of the own       Empty, or
-///                taken the queue                              thread, or the notification that makes it       Refused
-///                                                             more than 64 KiB
-///     Refused    the socket did not take all it was offered   the own thread, by Drain                        Empty
-///     Broken     the connection was lost or ended, memory     nobody, ever                                    -
+///     state      entered when                                who sends what is kept                      next
+///     ---------  ------------------------------------------  ------------------------------------------  ----------
+///     Empty      all was sent                                -                                           any
+///     Gathering  a notification came, and the collector has  SendGathered, the next message of the own   Empty, or
+///                taken the queue                             thread, or the notification that makes it   Refused
+///                                                            more than 64 KiB
+///     Refused    the socket did not take all it was offered  the own thread, by Drain; what comes while  Empty, or
+///                                                            too much is kept offers it once more        Broken
+///     Broken     the connection was lost or ended, memory    nobody, ever                                -
 ///                ran out, or the client does not read
 ///
 /// A client does not read when more notifications than the limit are kept in Refused, and the socket refuses them once
