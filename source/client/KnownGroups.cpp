@@ -85,9 +85,10 @@ void KnownGroups::RememberRead(const GroupNameCollection& asked, const IniFile& 
         }
         else if (!_dispatcher.IsAskedFor(entry))
         {
-            read[entry] = Absent;
+            read[entry] = Absent;  // unless the answer has it
         }
     }
+    // Of a group that is subscribed to, what was delivered counts: a read may have overtaken the notification.
     for (const auto& [group, values] : answer)
     {
         if (!_dispatcher.IsAskedFor(group))
@@ -154,6 +155,7 @@ void KnownGroups::NoteUnsubscription() noexcept
 
 void KnownGroups::BeginDelivery(const GroupNameCollection& groups)
 {
+    // Until the callbacks have returned: one that throws must hear of the change again after the next reconnect.
     for (const std::string& group : groups)
     {
         if (_dispatcher.IsAskedFor(group))

@@ -204,6 +204,8 @@ std::shared_ptr<const std::string> SettingsManager::WriteNotification(const Grou
     constexpr std::size_t mostKeptBytes = 64 * 1024;
     const std::type_index form = typeid(serializer);
 
+    // Held to the end: what is compared with the version must not change before it is written. Others read meanwhile,
+    // so two that notify at once may both write the text, and the later one is kept.
     const StoreReadLock lock(_lock);
     std::shared_ptr<const Notification> pNotification;
     {
@@ -240,7 +242,7 @@ void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags, 
         PerformMergeUnlocked(accepted, flags);
         report.NoteDone();
     }
-    _dispatcher.OnChange(accepted);
+    _dispatcher.OnChange(accepted);  // behind the lock: a callback may read and change the store
 }
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int flags)
@@ -249,6 +251,7 @@ void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int 
     MergeIntoSettings(changes);
     if ((flags & DoNotPersist) == 0)
     {
+        // With the lock held: so saves come in the order of the changes, and none puts an older layer over a newer.
         _userSettings.MergeSettings(changes);
         SaveUserSettings();
     }
@@ -299,6 +302,7 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         RemoveGroups(changedGroups);
         MergeIntoSettings(accepted);
         _userSettings.MergeSettings(accepted);
+        // As they were asked for, not what they match now: defaults that come with a later version stay away, too.
         _userSettings.ValueListAppendUnique(ErasedGroups, namesAndPatterns);
         SaveUserSettings();
         report.NoteDone();
@@ -341,6 +345,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, const C
         report.ExpectReplacement(_settings, changedGroups, restored);
         RemoveGroups(changedGroups);
 
+        // Into the user layer, too: where the record has the group as erased, the next start drops its default.
         _userSettings.MergeSettings(restored);
         MergeIntoSettings(restored);
         SaveUserSettings();

@@ -63,7 +63,7 @@ void AccessControl::Replace(std::shared_ptr<const AccessRules> pRules)
 {
     const osa::MutexAutoLock lock(&_mutex);
     _pRules = std::move(pRules);
-    _rights.clear();
+    _rights.clear();  // else a client would find those that were worked out from the rules before
     ++_generation;
 }
 
@@ -78,6 +78,7 @@ void AccessControl::AwaitNewRules()
             pClient->ForgetOldRights();
         }
     }
+    // Rights of this generation or a later one may stay for as long as they like.
     const PlainLock lock(_rightsMutex);
     while (!_rightsInUse.empty() && _rightsInUse.begin()->first < generation)
     {
@@ -154,6 +155,7 @@ std::shared_ptr<const ClientRights> AccessControl::RightsOf(const ClientIdentity
             return pRights;
         }
     }
+    // Clients come and go with ever other groups: what nobody uses any more must not add up.
     std::erase_if(_rights, [](const auto& entry) { return entry.second.expired(); });
     auto pRights = std::make_shared<const ClientRights>(_pRules, _applicable);
     _rights[_applicable] = pRights;
@@ -178,6 +180,7 @@ ClientAccess::~ClientAccess()
 std::shared_ptr<const IAccessRights> ClientAccess::GetRights() const
 {
     const osa::MutexAutoLock lock(&_mutex);
+    // The usual request finds its rights here, and never touches the control's lock, which all clients share.
     if (_generation != _control.GetGeneration())
     {
         std::uint64_t generation = 0;
