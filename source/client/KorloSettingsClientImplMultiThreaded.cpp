@@ -22,29 +22,22 @@ constexpr int ConnectionAttempts = 3;
 constexpr unsigned int DoNotWait = 0;
 
 /// Runs one step of the reader thread's cycle, which goes on whatever the step throws; false if it threw.
-/// @param log is called with the reason.
+/// @param log is called with the reason; where there is no memory for the message either, the logger leaves it unsaid.
 template <typename Step, typename Log>
 bool Survive(const Step& step, const Log& log)
 {
     try
     {
-        try
-        {
-            step();
-            return true;
-        }
-        catch (const std::exception& exception)
-        {
-            log(exception.what());
-        }
-        catch (...)
-        {
-            log("unknown");
-        }
+        step();
+        return true;
+    }
+    catch (const std::exception& exception)
+    {
+        log(exception.what());
     }
     catch (...)
     {
-        // There is no memory for the message either, and it stays unsaid.
+        log("unknown");
     }
     return false;
 }

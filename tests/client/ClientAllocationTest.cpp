@@ -34,19 +34,24 @@ using namespace std::chrono_literals;
 using core::IniFile;
 using Mode = KorloSettingsClient::OperationMode;
 
-/// Fails one allocation of a thread while it lives.
+/// Fails one allocation of a thread while it lives, or several in a row.
 class MemoryFault
 {
 public:
-    MemoryFault(const char* thread, int after)
+    MemoryFault(const char* thread, int after, int failures = 1)
     {
         heap.failingThread = thread;
+        heap.failures = failures;
         heap.failAfter = after;
     }
 
     MemoryFault(const MemoryFault&) = delete;
     MemoryFault& operator=(const MemoryFault&) = delete;
-    ~MemoryFault() { heap.failAfter = -1; }
+    ~MemoryFault()
+    {
+        heap.failAfter = -1;
+        heap.failures = 1;
+    }
 
     bool HasStruck() const { return heap.failAfter < 0; }
 };
@@ -169,7 +174,8 @@ void ExpectThatItWorks(KorloSettingsClientImplMultiThreaded& client, AwaitingCal
     EXPECT_EQ(TextOf(after), text);
 }
 
-TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
+/// Fails so many allocations of the reader thread in a row, from each of them on in turn.
+void ExpectThatTheReaderThreadSurvives(int failures)
 {
     core::Logger::ClearAppenders();
     SettingsServer server;
@@ -183,7 +189,7 @@ TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
         IniFile settings;
         ASSERT_TRUE(GetsA(client, settings));
         {
-            const MemoryFault fault(ReaderThread, after);
+            const MemoryFault fault(ReaderThread, after, failures);
             server.GetStore().MergeSettings(Ini("[A]\nx=1000000\n"), 0);
             IniFile ignored;
             if (GetsA(client, ignored))
@@ -197,6 +203,16 @@ TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
         }
         ExpectThatItWorks(client, callback, after);
     }
+}
+
+TEST(ClientAllocationTest, TheReaderThreadSurvivesEveryFailedAllocation)
+{
+    ExpectThatTheReaderThreadSurvives(1);
+}
+
+TEST(ClientAllocationTest, TheReaderThreadSurvivesWithoutMemoryToLogWhatFailed)
+{
+    ExpectThatTheReaderThreadSurvives(2);
 }
 
 TEST(ClientAllocationTest, NoFailedAllocationLosesAMissedChange)

@@ -31,6 +31,10 @@ void* operator new(std::size_t size)
     using korlo::heap;
     if (heap.failAfter >= 0 && korlo::MayFailHere() && heap.failAfter-- == 0)
     {
+        if (--heap.failures > 0)
+        {
+            heap.failAfter = 0;
+        }
         throw std::bad_alloc();
     }
     void* const pBlock = size > heap.largest ? nullptr : std::malloc(size);

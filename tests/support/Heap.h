@@ -18,6 +18,7 @@ struct Heap
     std::atomic<long long> requestedBytes = 0;  // of all allocations, whether given back or not
     std::atomic<long long> usableBytes = 0;     // of the blocks that are allocated now
     std::atomic<long long> failAfter = -1;      // so many more allocations go well, then one fails; below 0 none does
+    std::atomic<int> failures = 1;              // how many in a row fail then
     std::atomic<const char*> failingThread = nullptr;  // the name of the only one that fails; null for any
     std::atomic<std::size_t> largest = SIZE_MAX;       // bytes that one allocation may take
 };
