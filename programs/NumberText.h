@@ -14,9 +14,10 @@ template <typename Number>
 std::optional<Number> NumberIn(std::string_view text, int base = 10)
 {
     Number number = 0;
-    const char* const pEnd = text.data() + text.size();
-    const auto [pRest, error] = std::from_chars(text.data(), pEnd, number, base);
-    return error == std::errc() && pRest == pEnd ? std::optional(number) : std::nullopt;
+    // cppcheck-suppress danglingTemporaryLifetime ; a number keeps nothing of the text
+    const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
+    return isWhole ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace korlo
