@@ -45,7 +45,8 @@ packages_of()
             case $name in debug | release | clang | coverage) echo mandoc mypy python3-pytest scdoc ;; esac
             case $name in
                 checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
-                debug) echo phpunit php-codesniffer ;;
+                debug) echo phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd ;;
+                page) echo php-cli ;;
                 clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr phpunit php-codesniffer ;;
@@ -77,4 +78,17 @@ install_missing()
     as_root apt-get -q -o DPkg::Lock::Timeout=120 update
     as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get -q -o DPkg::Lock::Timeout=120 install -y --no-install-recommends "${missing[@]}"
+}
+
+# install_from_npm: what the page takes from there, as its lock file says, and its stylesheet where the page looks for it.
+install_from_npm()
+{
+    local style=web/public/vendor/simple.min.css
+    command -v npm > /dev/null || install_missing npm
+    if [ ! -e "$style" ] || [ web/package-lock.json -nt web/node_modules/.package-lock.json ]; then
+        say "Installing what the page takes from npm"
+        npm ci --prefix web --ignore-scripts --no-audit --no-fund
+        mkdir -p "${style%/*}"
+        cp web/node_modules/simpledotcss/simple.min.css "$style"
+    fi
 }
