@@ -8,6 +8,9 @@ const MOST_NAMES = 40;     // in one address
 const SILENCE = 4000;      // milliseconds until the web server counts as away
 const AGAIN = 2000;        // until a stream that was refused is tried again
 
+const NO_WEB_SERVER = 'The web server of this page does not answer.';
+const KEPT = 'What you have typed is kept.';
+
 // --- The stream, in the worker, or in the tab where the browser has no shared workers.
 
 function follow(tell) {
@@ -32,7 +35,7 @@ function follow(tell) {
         });
         stream.addEventListener('away', (event) => report(JSON.parse(event.data)));
         stream.onerror = () => {
-            silence ??= setTimeout(() => report('The web server of this page does not answer.'), SILENCE);
+            silence ??= setTimeout(() => report(NO_WEB_SERVER), SILENCE);
             if (stream.readyState === EventSource.CLOSED) {
                 setTimeout(open, AGAIN);
             }
@@ -221,6 +224,7 @@ function eraseForm(form, isAnswer) {
 
 // --- The page
 
+let wasAway = false;  // and the page says so
 const list = globalThis.document?.getElementById('groups');
 const idOf = (form) => form.id.slice('g-'.length);
 const groupOf = (form) => idOf(form).split('.')[0];
@@ -259,10 +263,13 @@ function take(page, groups, form, sent) {
 }
 
 async function fetchPage(address, options) {
-    const answer = await fetch(address, options);
+    const answer = await fetch(address, options).catch(() => {
+        wasAway = true;
+        throw new Error(`${NO_WEB_SERVER} ${KEPT}`);
+    });
     const page = new DOMParser().parseFromString(await answer.text(), 'text/html');
     if (!page.querySelector('main')) {
-        throw new Error('The web server has answered with another page. Reload this one.');
+        throw new Error(`The web server has answered with another page. Reload this one. ${KEPT}`);
     }
     const [said, failure] = ['status', 'alert'].map((role) => page.querySelector(`[role="${role}"]`)?.textContent ?? '');
     return {answer, page, said, failure};
@@ -276,10 +283,8 @@ let queue = Promise.resolve();
 const inTurn = (job) => (queue = queue.then(job).catch((error) => say('alert', String(error.message))));
 
 let latest;
-let wasAway = false;
 
 async function catchUp() {
-    document.documentElement.dataset.current = '';
     const state = latest;
     latest = undefined;
     if (!state) {
@@ -287,7 +292,7 @@ async function catchUp() {
     }
     if (state.trouble !== '') {
         wasAway = true;
-        say('alert', `${state.trouble} What you have typed is kept.`);
+        say('alert', `${state.trouble} ${KEPT}`);
         return;
     }
     if (list.hasAttribute('data-away')) {
@@ -326,8 +331,6 @@ async function submit(form, button) {
     say('alert', '');
     const request = {method: 'POST', body: new URLSearchParams(fields)};
     const {answer, page, said, failure} = await fetchPage(addressOf([group]), request);
-    say('status', said);
-    say('alert', failure);
     wasAway ||= answer.status === 503;
     if (isNew && failure === '') {
         form.reset();
@@ -335,6 +338,8 @@ async function submit(form, button) {
     if (formsOf(page).length > 0 || failure === '') {
         take(page, [group], form, sent);
     }
+    say('status', said);
+    say('alert', failure);
 }
 
 // --- The filter

@@ -19,13 +19,13 @@ final class GroupForm
     private readonly string $id;
 
     /**
-     * @param array<string> $values
+     * @param ?array<string> $values null: there is no such group any more
      */
     public function __construct(
         private readonly ?Marks $marks,
         private readonly string $token,
         private readonly string $group,
-        private readonly array $values,
+        private readonly ?array $values,
         private readonly ?Draft $draft
     ) {
         $this->id = bin2hex($group);
@@ -42,7 +42,7 @@ final class GroupForm
         foreach (array_unique([...$keys, ...array_keys($this->draft?->now ?? [])]) as $key) {
             $rows[] = $this->row((string)$key);
         }
-        if (count($keys) < count($this->values)) {
+        if (count($keys) < count($this->values ?? [])) {
             $rows[] = Html::of("<p>This group has more keys than one page can show.</p>\n");
         }
         $parts = array_chunk($rows, self::MOST_KEYS) ?: [[]];
@@ -219,7 +219,7 @@ final class GroupForm
     private function missing(): Html
     {
         $entries = [Html::of('')];
-        foreach ($this->marks?->missing($this->group, $this->values) ?? [] as $key => $default) {
+        foreach ($this->marks?->missing($this->group, $this->values ?? []) ?? [] as $key => $default) {
             $entries[] = Html::of('<li>%s, default: <q>%s</q></li>', self::name((string)$key), Text::shown($default));
         }
         return count($entries) === 1

@@ -65,7 +65,8 @@ final class Site
      */
     public static function told(SettingsException $failure): string
     {
-        return 'The settings server cannot be used. ' . Text::shown($failure->getMessage()) . '.';
+        $reason = preg_replace('/\A\w+\(\) failed with /', '', $failure->getMessage());
+        return 'The settings cannot be read or changed now: ' . Text::shown($reason) . '.';
     }
 
     private function answerPage(): void

@@ -32,6 +32,7 @@ final class Stream
     private const DEFAULT_MOST = 2;
 
     private readonly float $end;
+    private bool $isConnected = false;
 
     /**
      * @param \Closure(): Store $connect
@@ -62,10 +63,7 @@ final class Stream
             try {
                 $this->follow(($this->connect)(), $place !== null);
             } catch (SettingsException $failure) {
-                self::tell('away', Site::told($failure));
-                if ($place !== null) {
-                    usleep((int)(self::WAIT_FOR_SERVER * 1e6));
-                }
+                $this->endure($failure, $place !== null);
             }
         } while ($place !== null && self::now() < $this->end);
     }
@@ -81,6 +79,7 @@ final class Stream
             $store->client->subscribe('*');  // first: what changes from here on comes as a change
         }
         self::tellGroups($store->all(), true);
+        $this->isConnected = true;
         while ($isLasting && ($left = $this->end - self::now()) > 0.0) {
             $change = $store->client->next(min($left, self::SIGN_OF_LIFE));
             if ($change === null) {
@@ -88,6 +87,21 @@ final class Stream
             } else {
                 self::tellChange(self::gather($store, $change));
             }
+        }
+    }
+
+    /**
+     * After the loss of a connection the server may be back already, and if not, the next failure says more.
+     */
+    private function endure(SettingsException $failure, bool $isLasting): void
+    {
+        if ($this->isConnected) {
+            $this->isConnected = false;
+            return;
+        }
+        self::tell('away', Site::told($failure));
+        if ($isLasting) {
+            usleep((int)(self::WAIT_FOR_SERVER * 1e6));
         }
     }
 

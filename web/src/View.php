@@ -41,12 +41,13 @@ final class View
         yield $this->search();
         $isLong = count($settings) > self::MANY_GROUPS;
         yield Html::of("<main id=\"groups\"%s>\n", $isLong ? Html::of(' data-long') : '');
-        if ($this->draft !== null && $this->draft->now !== []) {
-            $settings += [$this->draft->group => []];  // erased meanwhile; what was typed stays
-        }
         $this->isPartial = array_sum(array_map(self::cost(...), $settings)) > self::MOST_BYTES;
         foreach ($settings as $group => $values) {
             yield $this->group((string)$group, $values);
+        }
+        if ($this->draft !== null && $this->draft->now !== [] && !isset($settings[$this->draft->group])) {
+            yield $this->group($this->draft->group, null);  // it was erased meanwhile; what was typed stays
+            $erased = array_diff($erased, [$this->draft->group]);
         }
         foreach ($erased as $group) {
             yield GroupForm::erased($group, $this->token, $this->isFound($group, []));
@@ -123,17 +124,18 @@ final class View
     }
 
     /**
-     * @param array<string> $values
+     * @param ?array<string> $values null: there is no such group
      */
-    private function group(string $group, array $values): Html
+    private function group(string $group, ?array $values): Html
     {
         $draft = $this->draft?->group === $group ? $this->draft : null;
-        $isFound = $draft !== null || $this->isFound($group, $values);
+        $isFound = $draft !== null || $this->isFound($group, $values ?? []);
         if ($this->isPartial && (!$isFound || $this->bytesLeft < 0)) {
             return Html::of('');
         }
-        $shown = $this->bytesLeft >= self::cost($values) ? $values : $this->beginning($values);
-        $this->bytesLeft -= self::cost($values);
+        $cost = self::cost($values ?? []);
+        $shown = $this->bytesLeft >= $cost ? $values ?? [] : $this->beginning($values);
+        $this->bytesLeft -= $cost;
         $form = new GroupForm($this->marks, $this->token, $group, $values, $draft);
         return $form->draw(array_keys($shown), $isFound);
     }

@@ -49,6 +49,7 @@ def shared_site(folder: Path) -> Iterator[Site]:
 @pytest.fixture
 def site(shared_site: Site) -> Site:
     """The page, with the settings of the start."""
+    shared_site.repair()
     shared_site.reset()
     return shared_site
 

@@ -5,17 +5,18 @@ import http.client
 import os
 import re
 import signal
+import socket
 import subprocess
 import tempfile
 import time
 import urllib.parse
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from dataclasses import dataclass, field
 from html.parser import HTMLParser
 from pathlib import Path
 from typing import Self, TypeVar
 
-from korlo_settings import Client
+from korlo_settings import Client, SettingsError
 from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException
 from selenium.webdriver.chrome.webdriver import WebDriver
 from selenium.webdriver.common.by import By
@@ -212,6 +213,14 @@ class Site:
         self.php.stop()
         self.server.stop(signal.SIGKILL)
 
+    def repair(self) -> None:
+        """Starts again what a test that failed has left stopped."""
+        with contextlib.suppress(SettingsError), self.client() as client:
+            client.get("Audio")
+            return
+        self.server.stop(signal.SIGKILL)
+        self.server.start()
+
     @property
     def url(self) -> str:
         return f"http://127.0.0.1:{self.php.port}/"
@@ -227,6 +236,20 @@ class Site:
 
     def plain(self, host: str | None = None) -> PlainBrowser:
         return PlainBrowser(self.php.port, host)
+
+    def streams(self) -> int:
+        """How many streams of changes the page has open: its other connections subscribe to nothing."""
+        with contextlib.closing(socket.socket(socket.AF_UNIX)) as door:
+            door.settimeout(LIMIT)
+            door.connect(str(self.control))
+            door.sendall(b"clients\n")
+            answer = b""
+            while not answer.endswith(b"\n.\n"):
+                answer += door.recv(65536)
+        return answer.count(b"\nsubscriptions=1\n")
+
+    def await_streams(self, count: int) -> None:
+        eventually(lambda: self.streams() == count)
 
     def value(self, group: str, key: str) -> str | None:
         with self.client() as client:
@@ -299,22 +322,11 @@ class Page:
     def await_value(self, group: str, key: str, value: str, limit: float = LIMIT) -> None:
         eventually(lambda: self.value(group, key) == value, limit)
 
-    def await_connected(self) -> None:
-        """Waits until changes of others arrive: what comes before is found by comparing."""
-        eventually(lambda: self.driver.execute_script("return document.documentElement.dataset.current !== undefined"))
-
     def focused(self) -> WebElement:
         return self.driver.switch_to.active_element
 
 
 def console(driver: WebDriver) -> list[str]:
-    """What the console tells; answers that refuse something are no fault of the page."""
-    refusals = re.compile(r"the server responded with a status of (400|403|409|503)")
+    """What the console tells; a refusal, and a server that a test has ended, are no fault of the page."""
+    refusals = re.compile(r"the server responded with a status of (400|403|409|503)|net::ERR_(CONNECTION|EMPTY)")
     return [entry["message"] for entry in driver.get_log("browser") if not refusals.search(entry["message"])]
-
-
-@contextlib.contextmanager
-def network_down(php: PhpServer) -> Iterator[None]:
-    php.stop()
-    yield
-    php.start()

@@ -113,13 +113,3 @@ def test_the_filter_shows_groups_by_name_and_by_key(page: Page) -> None:
     search.send_keys(Keys.ENTER)
     eventually(lambda: "q=VOLUME" in page.driver.current_url)
     eventually(lambda: shown() == ["Audio"])
-
-
-def test_a_foreign_change_appears_within_a_second(page: Page, site: Site) -> None:
-    page.await_connected()
-    site.merge({"Audio": {"volume": "12"}, "Door": {"lock": "1"}})
-    page.await_value("Audio", "volume", "12", 1.0)
-    eventually(lambda: page.has("Door", "lock"), 1.0)
-    with site.client() as client:
-        client.erase("Door")
-    eventually(lambda: not page.has("Door"), 1.0)
