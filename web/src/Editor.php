@@ -4,8 +4,8 @@ declare(strict_types=1);
 
 namespace Korlo\SettingsPage;
 
+use Korlo\Settings\Client;
 use Korlo\Settings\RefusedException;
-use Korlo\Settings\RestrictedGroupException;
 
 /**
  * Carries out what a form asks for.
@@ -31,6 +31,10 @@ final class Editor
     {
         $form = new Form($fields);
         $draft = $form->draft();
+        if (Client::isRestricted($draft->group)) {
+            throw new BadRequest('Nothing was changed: a group whose name holds “Secure” or “Trusted” is restricted, ' .
+                'and no client can change it. Choose another name.', 403);
+        }
         try {
             return match ($form->action()) {
                 'save' => $this->save($draft),
@@ -41,9 +45,6 @@ final class Editor
         } catch (RefusedException) {
             return new Outcome('Nothing was changed: the access rules of the settings server do not let this page ' .
                 'change ' . Text::quoted($draft->group) . '. Have the rules changed, or leave it.', 403, $draft);
-        } catch (RestrictedGroupException) {
-            throw new BadRequest('Nothing was changed: a group whose name holds “Secure” or “Trusted” is restricted, ' .
-                'and no client can change it. Choose another name.', 403);
         }
     }
 

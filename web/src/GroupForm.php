@@ -121,39 +121,33 @@ final class GroupForm
         );
     }
 
+    /**
+     * One template, filled once: a page may have ten thousand rows.
+     */
     private function row(string $key): Html
     {
-        $hex = bin2hex($key);
         $value = $this->values[$key] ?? null;  // null: it was erased while somebody edited it
         $typed = $this->draft?->now[$key] ?? null;
         $was = $typed === null ? $value : $this->draft->was[$key];
         $canEdit = $typed !== null || self::canEdit((string)$value);
+        $text = $typed ?? self::shown((string)$value);
         $note = $this->note($key, $value);
+        $hidden = '<input type="hidden" name="was:%1$s" value="%4$s">';
+        $attributes = ' id="k-%2$s-%1$s" data-key="%3$s"' . ($canEdit ? ' name="now:%1$s"' : ' readonly') .
+            ($note === null ? '' : ' aria-describedby="n-%2$s-%1$s"');
+        $field = str_contains($text, "\n")
+            ? "<textarea$attributes rows=\"3\">\n%5\$s</textarea>"
+            : "<input$attributes value=\"%5\$s\">";
         return Html::of(
-            "<p data-row=\"%s\"><label for=\"k-%s-%s\">%s</label> %s%s%s</p>\n",
-            $hex,
+            '<p data-row="%1$s"><label for="k-%2$s-%1$s">' . ($key === '' ? '<i>no name</i>' : '%3$s') . '</label> ' .
+            ($canEdit && $was !== null ? $hidden : '') . $field .
+            ($note === null ? '' : ' <small id="n-%2$s-%1$s">%6$s</small>') . "</p>\n",
+            bin2hex($key),
             $this->id,
-            $hex,
-            self::name($key),
-            $canEdit && $was !== null ? self::hidden("was:$hex", $was) : '',
-            $this->field($key, $typed ?? self::shown((string)$value), $canEdit, $note !== null),
-            $note === null ? '' : Html::of(' <small id="n-%s-%s">%s</small>', $this->id, $hex, $note)
-        );
-    }
-
-    private function field(string $key, string $text, bool $canEdit, bool $hasNote): Html
-    {
-        $hex = bin2hex($key);
-        return Html::of(
-            str_contains($text, "\n")
-                ? "<textarea id=\"k-%s-%s\" data-key=\"%s\" rows=\"3\"%s%s>\n%s</textarea>"
-                : '<input id="k-%s-%s" data-key="%s"%s%s value="%s">',
-            $this->id,
-            $hex,
             Text::shown($key),
-            $canEdit ? Html::of(' name="now:%s"', $hex) : Html::of(' readonly'),
-            $hasNote ? Html::of(' aria-describedby="n-%s-%s"', $this->id, $hex) : '',
-            $text
+            (string)$was,
+            $text,
+            $note ?? ''
         );
     }
 

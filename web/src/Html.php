@@ -12,6 +12,8 @@ namespace Korlo\SettingsPage;
  */
 final class Html
 {
+    private const QUOTES = ENT_QUOTES | ENT_SUBSTITUTE;
+
     private function __construct(private readonly string $code)
     {
     }
@@ -21,21 +23,19 @@ final class Html
      */
     public static function of(string $template, self|string|int ...$parts): self
     {
-        return new self(vsprintf($template, array_map(self::escape(...), $parts)));
+        foreach ($parts as &$part) {
+            $part = $part instanceof self ? $part->code : htmlspecialchars((string)$part, self::QUOTES);
+        }
+        return new self(vsprintf($template, $parts));
     }
 
     public static function join(self ...$pieces): self
     {
-        return new self(implode('', array_map(self::escape(...), $pieces)));
+        return new self(implode('', $pieces));
     }
 
     public function __toString(): string
     {
         return $this->code;
-    }
-
-    private static function escape(self|string|int $part): string
-    {
-        return $part instanceof self ? $part->code : htmlspecialchars((string)$part, ENT_QUOTES | ENT_SUBSTITUTE);
     }
 }

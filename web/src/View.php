@@ -9,7 +9,7 @@ namespace Korlo\SettingsPage;
  */
 final class View
 {
-    private const MOST_BYTES = 8 * 1024 * 1024;  // of names and values on one page, and
+    private const MOST_BYTES = 4 * 1024 * 1024;  // of names and values on one page, and
     private const BYTES_OF_KEY = 200;  // what each key costs besides
     private const MANY_GROUPS = 100;
     private const STYLE = 'vendor/simple.min.css';  // the page is usable without it

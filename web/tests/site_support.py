@@ -45,19 +45,29 @@ def eventually(what: Callable[[], T], limit: float = LIMIT) -> T:
 class PhpServer:
     """The page on a free port of the loopback address, served by PHP itself."""
 
-    def __init__(self, environment: dict[str, str], workers: int = 4, root: Path = WEB / "public") -> None:
+    def __init__(
+        self,
+        environment: dict[str, str],
+        workers: int = 4,
+        root: Path = WEB / "public",
+        options: tuple[str, ...] = (),
+        user: str | None = None,
+    ) -> None:
         self._environment = {**os.environ, **environment}
         if workers > 1:
             self._environment["PHP_CLI_SERVER_WORKERS"] = str(workers)
         self._root = root
+        self._options = options
+        self._user = user
         self._process: subprocess.Popen[bytes] | None = None
         self.port = 0
 
     def start(self) -> Self:
-        command = ["php", "-d", "display_errors=1", "-d", "html_errors=0", "-S", f"127.0.0.1:{self.port}", "-t", str(self._root)]
+        options = ["-d", "display_errors=1", "-d", "html_errors=0", *self._options]
+        command = ["php", *options, "-S", f"127.0.0.1:{self.port}", "-t", str(self._root)]
         with tempfile.TemporaryFile() as log:
             self._process = subprocess.Popen(
-                command, env=self._environment, stdout=log, stderr=log, start_new_session=True
+                command, env=self._environment, stdout=log, stderr=log, start_new_session=True, user=self._user
             )
 
             def port() -> int:
@@ -67,6 +77,12 @@ class PhpServer:
 
             self.port = eventually(port)
         return self
+
+    @property
+    def pid(self) -> int:
+        """That of the process, and of the group of its workers."""
+        assert self._process is not None
+        return self._process.pid
 
     def stop(self) -> None:
         if self._process is not None:
@@ -250,6 +266,16 @@ class Site:
 
     def await_streams(self, count: int) -> None:
         eventually(lambda: self.streams() == count)
+
+    def processor_seconds(self) -> float:
+        """What PHP and the settings server have used of the processor so far."""
+        ticks = 0
+        for process in Path("/proc").glob("[0-9]*/stat"):
+            with contextlib.suppress(OSError):
+                state = process.read_text().rpartition(") ")[2].split()
+                if int(state[2]) == self.php.pid or int(process.parent.name) == self.server.pid:
+                    ticks += int(state[11]) + int(state[12])
+        return ticks / os.sysconf("SC_CLK_TCK")
 
     def value(self, group: str, key: str) -> str | None:
         with self.client() as client:

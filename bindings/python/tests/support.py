@@ -45,6 +45,11 @@ class Server:
         assert self._line() == f"listening on {self.address}"
         self.tcp_address = self._line().removeprefix("listening on ")
 
+    @property
+    def pid(self) -> int:
+        assert self._process is not None
+        return self._process.pid
+
     def stop(self, how: signal.Signals = signal.SIGTERM) -> None:
         if self._process is None:
             return
