@@ -88,7 +88,7 @@ const wasOf = (row) => row.querySelector('[name^="was:"]')?.value;
 const isEdited = (row) => !fieldOf(row).readOnly && fieldOf(row).value !== wasOf(row);
 
 function note(row, text) {
-    const id = `e-${fieldOf(row).id}`;
+    const id = `e-${row.closest('form').id}-${row.dataset.row}`;
     let place = document.getElementById(id);
     if (!place) {
         place = document.createElement('small');
@@ -209,12 +209,7 @@ function insertForm(form) {
 function eraseForm(form, isAnswer) {
     const isInUse = form.contains(document.activeElement) || rowsOf(form).some(isEdited);
     if (isAnswer || !isInUse || form.hasAttribute('data-erased')) {
-        const next = form.nextElementSibling;
-        const hadFocus = form.contains(document.activeElement);
         form.remove();
-        if (hadFocus) {
-            next?.querySelector('input:not([type="hidden"]), button')?.focus();
-        }
     } else {
         rowsOf(form).forEach((row) => eraseRow(row, false));
         form.dataset.digest = '';
@@ -338,12 +333,16 @@ async function submit(form, button) {
     if (formsOf(page).length > 0 || failure === '') {
         take(page, [group], form, sent);
     }
+    if (document.activeElement === document.body) {  // what had the focus is gone
+        (document.getElementById(form.id)?.querySelector('button') ?? searchField()).focus();
+    }
     say('status', said);
     say('alert', failure);
 }
 
 // --- The filter
 
+const searchField = () => document.querySelector('input[type="search"]');
 const names = new WeakMap();
 
 function namesOf(form) {
@@ -359,7 +358,7 @@ function namesOf(form) {
 }
 
 function filter() {
-    const search = document.querySelector('input[type="search"]');
+    const search = searchField();
     if (!search || document.querySelector('[data-partial]')) {
         return;
     }
@@ -387,7 +386,7 @@ function enhance() {
             inTurn(() => submit(event.target, event.submitter));
         }
     });
-    document.querySelector('input[type="search"]')?.addEventListener('input', filter);
+    searchField()?.addEventListener('input', filter);
     listen((state) => {
         latest = state;
         inTurn(catchUp);

@@ -20,13 +20,16 @@ final class GroupForm
 
     /**
      * @param ?array<string> $values null: there is no such group any more
+     * @param bool $hasLabels false: fields carry their names themselves, since Chromium looks at every label of a page
+     *        for each of its forms, for half a minute where there are a thousand
      */
     public function __construct(
         private readonly ?Marks $marks,
         private readonly string $token,
         private readonly string $group,
         private readonly ?array $values,
-        private readonly ?Draft $draft
+        private readonly ?Draft $draft,
+        private readonly bool $hasLabels
     ) {
         $this->id = bin2hex($group);
     }
@@ -133,13 +136,15 @@ final class GroupForm
         $text = $typed ?? self::shown((string)$value);
         $note = $this->note($key, $value);
         $hidden = '<input type="hidden" name="was:%1$s" value="%4$s">';
-        $attributes = ' id="k-%2$s-%1$s" data-key="%3$s"' . ($canEdit ? ' name="now:%1$s"' : ' readonly') .
+        $attributes = ($this->hasLabels ? ' id="k-%2$s-%1$s"' : ' aria-label="%3$s"') . ' data-key="%3$s"' .
+            ($canEdit ? ' name="now:%1$s"' : ' readonly') .
             ($note === null ? '' : ' aria-describedby="n-%2$s-%1$s"');
         $field = str_contains($text, "\n")
             ? "<textarea$attributes rows=\"3\">\n%5\$s</textarea>"
             : "<input$attributes value=\"%5\$s\">";
+        $label = $this->hasLabels ? '<label for="k-%2$s-%1$s">%7$s</label> ' : '<span>%7$s</span> ';
         return Html::of(
-            '<p data-row="%1$s"><label for="k-%2$s-%1$s">' . ($key === '' ? '<i>no name</i>' : '%3$s') . '</label> ' .
+            "<p data-row=\"%1\$s\">$label" .
             ($canEdit && $was !== null ? $hidden : '') . $field .
             ($note === null ? '' : ' <small id="n-%2$s-%1$s">%6$s</small>') . "</p>\n",
             bin2hex($key),
@@ -147,7 +152,8 @@ final class GroupForm
             Text::shown($key),
             (string)$was,
             $text,
-            $note ?? ''
+            $note ?? '',
+            self::name($key)
         );
     }
 
@@ -189,21 +195,30 @@ final class GroupForm
         return Html::of(
             <<<'HTML'
             %s%s%s
-            <div class="add"><p><label for="nk-%s">New key</label> <input id="nk-%s" name="new-key" value="%s"></p>
-            <p><label for="nv-%s">Its value</label> <input id="nv-%s" name="new-value" value="%s"></p>
+            <div class="add">%s
+            %s
             %s</div>%s
             HTML,
             $this->missing(),
             self::button('save', 'Save'),
             $this->conflicts(),
-            $this->id,
-            $this->id,
-            $this->draft?->newKey ?? '',
-            $this->id,
-            $this->id,
-            $this->draft?->newValue ?? '',
+            $this->newField('new-key', 'New key', $this->draft?->newKey ?? ''),
+            $this->newField('new-value', 'Its value', $this->draft?->newValue ?? ''),
             self::button('add', 'Add'),
             $whole
+        );
+    }
+
+    private function newField(string $name, string $label, string $text): Html
+    {
+        return Html::of(
+            $this->hasLabels
+                ? '<p><label for="%1$s-%2$s">%3$s</label> <input id="%1$s-%2$s" name="%1$s" value="%4$s"></p>'
+                : '<p><span>%3$s</span> <input aria-label="%3$s" name="%1$s" value="%4$s"></p>',
+            $name,
+            $this->id,
+            $label,
+            $text
         );
     }
 

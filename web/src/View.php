@@ -15,6 +15,7 @@ final class View
     private const STYLE = 'vendor/simple.min.css';  // the page is usable without it
 
     private int $bytesLeft = self::MOST_BYTES;
+    private bool $isLong = false;     // there are so many groups that browsers need help
     private bool $isPartial = false;  // the page does not hold all groups
 
     /**
@@ -39,8 +40,8 @@ final class View
         yield self::head($isError ? 'Error: Settings' : 'Settings', false);
         yield self::messages($said, $isError);
         yield $this->search();
-        $isLong = count($settings) > self::MANY_GROUPS;
-        yield Html::of("<main id=\"groups\"%s>\n", $isLong ? Html::of(' data-long') : '');
+        $this->isLong = count($settings) > self::MANY_GROUPS;
+        yield Html::of("<main id=\"groups\"%s>\n", $this->isLong ? Html::of(' data-long') : '');
         $this->isPartial = array_sum(array_map(self::cost(...), $settings)) > self::MOST_BYTES;
         foreach ($settings as $group => $values) {
             yield $this->group((string)$group, $values);
@@ -136,7 +137,7 @@ final class View
         $cost = self::cost($values ?? []);
         $shown = $this->bytesLeft >= $cost ? $values ?? [] : $this->beginning($values);
         $this->bytesLeft -= $cost;
-        $form = new GroupForm($this->marks, $this->token, $group, $values, $draft);
+        $form = new GroupForm($this->marks, $this->token, $group, $values, $draft, !$this->isLong);
         return $form->draw(array_keys($shown), $isFound);
     }
 

@@ -164,17 +164,32 @@ class Answer:
         return self._said("alert")
 
 
+class _LocalConnection(http.client.HTTPConnection):
+    """HTTP on a Unix-domain socket."""
+
+    def connect(self) -> None:
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(self.timeout)
+        self.sock.connect(self.host)
+
+
 class PlainBrowser:
     """Speaks HTTP, keeps cookies and sends forms: a browser without JavaScript."""
 
-    def __init__(self, port: int, host: str | None = None) -> None:
-        self._port = port
+    def __init__(self, door: int | Path, host: str | None = None, **headers: str) -> None:
+        self._door = door
         self._host = host
+        self._headers = headers
         self.cookies: dict[str, str] = {}
 
+    def connect(self) -> http.client.HTTPConnection:
+        if isinstance(self._door, Path):
+            return _LocalConnection(str(self._door), timeout=LIMIT)
+        return http.client.HTTPConnection("127.0.0.1", self._door, timeout=LIMIT)
+
     def request(self, method: str, path: str, body: bytes | None = None, **headers: str) -> Answer:
-        connection = http.client.HTTPConnection("127.0.0.1", self._port, timeout=LIMIT)
-        sent = {name.replace("_", "-"): value for name, value in headers.items()}
+        connection = self.connect()
+        sent = {name.replace("_", "-"): value for name, value in (self._headers | headers).items()}
         if self._host is not None:
             sent["Host"] = self._host
         if self.cookies:
@@ -200,14 +215,16 @@ class PlainBrowser:
         body = urllib.parse.urlencode(lines).encode()
         return self.request("POST", path, body, Content_Type="application/x-www-form-urlencoded", **headers)
 
-    def press(self, form: FoundForm, action: str, typed: dict[str, str] | None = None, **fields: str) -> Answer:
+    def press(
+        self, form: FoundForm, action: str, typed: dict[str, str] | None = None, path: str = "/", **fields: str
+    ) -> Answer:
         """Types into the fields of keys and into others, presses a button and follows to where it leads."""
         filled = dict(form.fields)
         for key, value in (typed or {}).items():
             filled[form.keys[key]] = value
         filled |= {name.replace("_", "-"): value for name, value in fields.items()}
         filled |= {"take": action} if ":" in action else {"action": action}
-        answer = self.post(filled)
+        answer = self.post(filled, path)
         return self.get(answer.headers["Location"]) if answer.status == 303 else answer
 
 
