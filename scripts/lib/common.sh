@@ -46,7 +46,6 @@ packages_of()
             case $name in
                 checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
                 debug) echo phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd ;;
-                page) echo php-cli ;;
                 clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr phpunit php-codesniffer ;;
