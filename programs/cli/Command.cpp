@@ -19,6 +19,18 @@ unsigned long ParseCount(const std::string& text)
     return count;
 }
 
+unsigned long ParseWithin(const std::string& text)
+{
+    constexpr unsigned long mostMs = 60ul * 60 * 1000;
+    const unsigned long milliseconds = NumberIn<unsigned long>(text).value_or(0);
+    if (milliseconds == 0 || milliseconds > mostMs)
+    {
+        throw Failure(StatusWrongCommandLine, "--within takes a number of milliseconds, not " + Quoted(text),
+                      "for example --within 150");
+    }
+    return milliseconds;
+}
+
 unsigned long ParseWait(const std::string& text)
 {
     constexpr unsigned long mostSeconds = 365ul * 24 * 60 * 60;
@@ -61,6 +73,11 @@ constexpr Option All[] = {{"--all", nullptr, "Print all settings, not the user l
 constexpr Option Wait[] = {
     {"--wait", "SECONDS", "Wait until the server is there, but no longer than that.",
      [](Invocation& invocation, const std::string& value) { invocation.waitSeconds = ParseWait(value); }}};
+constexpr Option OfComplete[] = {
+    {"--null", nullptr, "End each candidate with a zero byte, after what kind they are: files or words.",
+     [](Invocation& invocation, const std::string&) { invocation.endWithZero = true; }},
+    {"--within", "MS", "Say nothing if that takes longer, in milliseconds; 150 without it.",
+     [](Invocation& invocation, const std::string& value) { invocation.withinMs = ParseWithin(value); }}};
 
 // What all of them take.
 constexpr Option OfTool[] = {
@@ -95,13 +112,13 @@ const std::vector<Command>& AllCommands()
          "A single '[Group]Key' prints the bare value of that key; among several operands it adds that key "
          "alone. A group whose name begins with '[' is found by a pattern. Status 1 when there is no such "
          "key, or no group matches.",
-         1, Command::AnyNumber, NoOptions, RunGet},
+         1, Command::AnyNumber, NoOptions, RunGet, Command::TakesSettings},
         {"set", "'[Group]Key' VALUE", "Sets one value and persists it.",
          "  korlo-settings --local device.ini set '[Audio]volume' 65\n"
          "  korlo-settings --local device.ini set '[Audio]microphoneGain' -5\n",
          "VALUE is taken as it is, whatever it begins with. Other keys of the group stay. A missing --local "
          "FILE is created. Status 1 when the group is restricted.",
-         2, 2, NoPersist, RunSet, true},
+         2, 2, NoPersist, RunSet, Command::LastIsVerbatim},
         {"merge", "[FILE]", "Sets every key of an INI document and removes none.",
          "  korlo-settings --local device.ini merge night.ini\n"
          "  korlo-settings --local device.ini merge < night.ini\n",
@@ -226,6 +243,12 @@ const std::vector<Command>& AllCommands()
          "clients that are connected, too. Status 1, with the first mistake, when the rules make no sense: those "
          "before stay in force. Status 3 when the door cannot be reached.",
          0, 0, NoOptions, RunAccessReload},
+        {"complete", "WORD...", "Prints what the last word may become, one candidate a line.",
+         "  korlo-settings complete -- --local device.ini get Net\n",
+         "For the shells, which call it when TAB is pressed. The words before the last one are those that the command "
+         "line holds so far. Says nothing, with status 0, when there is no server, it does not answer at once, or "
+         "anything else fails.",
+         1, Command::AnyNumber, OfComplete, RunComplete, Command::IsHidden},
     };
     return commands;
 }

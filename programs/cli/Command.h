@@ -28,6 +28,8 @@ struct Invocation
     bool all = false;                   ///< --all
     unsigned long waitSeconds = 0;      ///< --wait SECONDS
     bool follow = false;                ///< --follow
+    bool endWithZero = false;           ///< --null
+    unsigned long withinMs = 150;       ///< --within MS
     bool asksForHelp = false;
     bool asksForVersion = false;
 };
@@ -50,6 +52,14 @@ struct Command
 {
     static constexpr std::size_t AnyNumber = std::numeric_limits<std::size_t>::max();
 
+    /// What few commands have in common.
+    enum Trait : unsigned int
+    {
+        LastIsVerbatim = 1,  ///< The last operand may look like an option, see ParseCommandLine.
+        TakesSettings = 2,   ///< An operand that begins with '[' is a '[Group]Key'.
+        IsHidden = 4         ///< No help lists it: programs call it, not people.
+    };
+
     const char* name;      ///< one word, or two with a blank between them
     const char* synopsis;  ///< its operands
     const char* summary;   ///< a sentence
@@ -62,13 +72,15 @@ struct Command
     /// Does the work and writes the results. May throw Failure.
     ExitStatus (*pRun)(const Invocation& invocation);
 
-    bool isLastOperandVerbatim = false;  ///< The last operand may look like an option, see ParseCommandLine.
+    unsigned int traits = 0;  ///< a sum of Trait
+
+    bool Is(Trait trait) const { return (traits & trait) != 0; }
 };
 
 /// The options that every command takes, in the order in which the help lists them.
 std::span<const Option> ToolOptions();
 
-/// All commands, in the order in which the help lists them.
+/// All commands, in the order in which the help lists them; it leaves out the hidden ones.
 const std::vector<Command>& AllCommands();
 
 }  // namespace korlo::settings::cli

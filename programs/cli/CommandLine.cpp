@@ -36,7 +36,10 @@ std::string HelpOfTool()
     std::vector<HelpRow> commands;
     for (const Command& command : AllCommands())
     {
-        commands.push_back({command.name, command.summary});
+        if (!command.Is(Command::IsHidden))
+        {
+            commands.push_back({command.name, command.summary});
+        }
     }
     return HelpText("korlo-settings [--server ADDRESS | --local FILE] [--control PATH] [--json] COMMAND ...",
                     "Reads, changes and watches the settings of a device.", options,
@@ -65,6 +68,22 @@ std::string HelpOf(const Command& command)
     return HelpText(usage, command.summary, options, command.examples, command.remarks);
 }
 
+/// For a name that is unknown, or the first word of others.
+[[noreturn]] void FailForCommand(const std::string& given)
+{
+    std::string longer;
+    for (const Command& command : AllCommands())
+    {
+        const std::string name = command.name;
+        if (name.starts_with(given.substr(0, given.find(' ')) + ' '))
+        {
+            longer += (longer.empty() ? ": it is " : " or ") + Quoted(name);
+        }
+    }
+    const std::string unknown = given.starts_with('-') ? "unknown option " : "unknown command ";
+    throw Failure(StatusWrongCommandLine, unknown + Quoted(given) + longer, HintAtHelp);
+}
+
 /// Reads the arguments from the first to the last.
 ///
 /// Thread safety: none of its own; the owner guards it.
@@ -74,7 +93,7 @@ public:
     /// @param arguments borrowed; must outlive the reader.
     explicit Reader(const Arguments& arguments) : _arguments(arguments) {}
 
-    std::variant<CommandRun, Information> Read();
+    CommandLineBeginning Read();
 
 private:
     void TakeWord(const std::string& word);
@@ -82,74 +101,55 @@ private:
     bool IsVerbatim() const;
     bool IsWordAhead() const;
     const Option* FindOption(const std::string& argument) const;
-    void CheckOperands() const;
-    [[noreturn]] void FailForCommand() const;
 
     const Arguments& _arguments;
-    std::size_t _next = 0;               // the argument that is read
-    bool _hasOptions = true;             // until a first "--"
-    std::string _name;                   // the words of the command's name so far
-    const Command* _pCommand = nullptr;  // once its name is complete
-    std::set<std::string> _given;        // options with a value
-    Invocation _invocation;
+    std::size_t _next = 0;  // the argument that is read
+    CommandLineBeginning _read;
 };
 
-std::variant<CommandRun, Information> Reader::Read()
+CommandLineBeginning Reader::Read()
 {
     for (; _next < _arguments.size(); ++_next)
     {
         const std::string& argument = _arguments[_next];
-        if (!_hasOptions || !argument.starts_with("--") || IsVerbatim())
+        if (!_read.hasOptions || !argument.starts_with("--") || IsVerbatim())
         {
             TakeWord(argument);
         }
         else if (argument == EndOfOptions)
         {
-            _hasOptions = false;
+            _read.hasOptions = false;
         }
         else
         {
             TakeOption(argument);
         }
     }
-    if (_invocation.asksForVersion)
-    {
-        return Information{std::string("korlo-settings ") + KORLO_VERSION + '\n'};
-    }
-    if (_invocation.asksForHelp || (_hasOptions && _invocation.operands == Arguments{ShortHelp}))
-    {
-        return Information{_pCommand != nullptr ? HelpOf(*_pCommand) : HelpOfTool()};
-    }
-    if (_pCommand == nullptr)
-    {
-        _name.empty() ? throw Failure(StatusWrongCommandLine, "a command is missing", HintAtHelp) : FailForCommand();
-    }
-    CheckOperands();
-    return CommandRun{_pCommand, std::move(_invocation)};
+    return std::move(_read);
 }
 
 void Reader::TakeWord(const std::string& word)
 {
-    if (_pCommand != nullptr)
+    if (_read.pCommand != nullptr)
     {
-        _invocation.operands.push_back(word);
+        _read.invocation.operands.push_back(word);
         return;
     }
-    if (_hasOptions && word == ShortHelp)
+    if (_read.hasOptions && word == ShortHelp)
     {
-        _invocation.asksForHelp = true;
+        _read.invocation.asksForHelp = true;
         return;
     }
-    _name += (_name.empty() ? "" : " ") + word;
+    _read.name += (_read.name.empty() ? "" : " ") + word;
     bool isBeginning = false;
     for (const Command& command : AllCommands())
     {
-        _pCommand = command.name == _name ? &command : _pCommand;
-        isBeginning = isBeginning || std::string_view(command.name).starts_with(_name + ' ');
+        _read.pCommand = command.name == _read.name ? &command : _read.pCommand;
+        isBeginning = isBeginning || std::string_view(command.name).starts_with(_read.name + ' ');
     }
-    if (_pCommand == nullptr && !isBeginning)
+    if (_read.pCommand == nullptr && !isBeginning)
     {
-        FailForCommand();
+        FailForCommand(_read.name);
     }
 }
 
@@ -160,7 +160,7 @@ void Reader::TakeOption(const std::string& argument)
     const Option* pOption = FindOption(name);
     if (pOption == nullptr)
     {
-        const std::string command = _pCommand != nullptr ? std::string(_pCommand->name) + ' ' : std::string();
+        const std::string command = _read.pCommand != nullptr ? std::string(_read.pCommand->name) + ' ' : std::string();
         throw Failure(StatusWrongCommandLine, "unknown option " + Quoted(name),
                       "after a first '--' everything is an operand; 'korlo-settings " + command +
                           "--help' lists the options");
@@ -174,22 +174,23 @@ void Reader::TakeOption(const std::string& argument)
     {
         if (equals == std::string::npos && ++_next == _arguments.size())
         {
-            throw Failure(StatusWrongCommandLine, name + " needs a value", "write " + TermOf(*pOption));
+            _read.pOpen = pOption;
+            return;
         }
-        if (!_given.insert(name).second)
+        if (!_read.given.insert(name).second)
         {
             throw Failure(StatusWrongCommandLine, name + " was given twice", "once is enough");
         }
         value = equals == std::string::npos ? _arguments[_next] : argument.substr(equals + 1);
     }
-    pOption->pStore(_invocation, value);
+    pOption->pStore(_read.invocation, value);
 }
 
 /// True for the last operand of a command for which it may look like an option.
 bool Reader::IsVerbatim() const
 {
-    return _pCommand != nullptr && _pCommand->isLastOperandVerbatim &&
-           _invocation.operands.size() + 1 == _pCommand->mostOperands && !IsWordAhead();
+    return _read.pCommand != nullptr && _read.pCommand->Is(Command::LastIsVerbatim) &&
+           _read.invocation.operands.size() + 1 == _read.pCommand->mostOperands && !IsWordAhead();
 }
 
 /// True when a word follows, however the argument in hand is read as an option or as "--".
@@ -215,54 +216,73 @@ bool Reader::IsWordAhead() const
 /// Null for an unknown name.
 const Option* Reader::FindOption(const std::string& name) const
 {
-    for (const auto options : {ToolOptions(), _pCommand != nullptr ? _pCommand->options : std::span<const Option>()})
-    {
-        if (const auto found = std::ranges::find(options, name, &Option::name); found != options.end())
-        {
-            return &*found;
-        }
-    }
-    return nullptr;
+    const std::vector<const Option*> options = _read.GetOptions();
+    const auto found = std::ranges::find(options, name, &Option::name);
+    return found != options.end() ? *found : nullptr;
 }
 
-void Reader::CheckOperands() const
+void CheckOperands(const CommandLineBeginning& line)
 {
-    const std::size_t count = _invocation.operands.size();
-    if (count < _pCommand->fewestOperands || count > _pCommand->mostOperands)
+    const Command& command = *line.pCommand;
+    const std::size_t count = line.invocation.operands.size();
+    if (count < command.fewestOperands || count > command.mostOperands)
     {
         throw Failure(StatusWrongCommandLine,
-                      std::string(_pCommand->name) + " was given too " +
-                          (count < _pCommand->fewestOperands ? "few" : "many") + " arguments",
-                      std::string("it is used as: korlo-settings [OPTION]... ") + _pCommand->name + ' ' +
-                          _pCommand->synopsis);
+                      std::string(command.name) + " was given too " +
+                          (count < command.fewestOperands ? "few" : "many") + " arguments",
+                      std::string("it is used as: korlo-settings [OPTION]... ") + command.name + ' ' +
+                          command.synopsis);
     }
-    if (_invocation.target.localFile && _invocation.target.server)
+    if (line.invocation.target.localFile && line.invocation.target.server)
     {
         throw Failure(StatusWrongCommandLine, "--local excludes --server", "name a file or a server");
     }
 }
 
-/// For a name that is unknown, or the first word of others.
-void Reader::FailForCommand() const
+}  // namespace
+
+std::vector<const Option*> CommandLineBeginning::GetOptions() const
 {
-    std::string longer;
-    for (const Command& command : AllCommands())
+    std::vector<const Option*> options;
+    for (const auto some : {ToolOptions(), pCommand != nullptr ? pCommand->options : std::span<const Option>()})
     {
-        const std::string name = command.name;
-        if (name.starts_with(_name.substr(0, _name.find(' ')) + ' '))
+        for (const Option& option : some)
         {
-            longer += (longer.empty() ? ": it is " : " or ") + Quoted(name);
+            options.push_back(&option);
         }
     }
-    const std::string unknown = _name.starts_with('-') ? "unknown option " : "unknown command ";
-    throw Failure(StatusWrongCommandLine, unknown + Quoted(_name) + longer, HintAtHelp);
+    return options;
 }
 
-}  // namespace
+CommandLineBeginning ParseBeginning(const std::vector<std::string>& arguments)
+{
+    return Reader(arguments).Read();
+}
 
 std::variant<CommandRun, Information> ParseCommandLine(const std::vector<std::string>& arguments)
 {
-    return Reader(arguments).Read();
+    CommandLineBeginning line = ParseBeginning(arguments);
+    if (line.pOpen != nullptr)
+    {
+        throw Failure(StatusWrongCommandLine, std::string(line.pOpen->name) + " needs a value",
+                      "write " + TermOf(*line.pOpen));
+    }
+    const Invocation& invocation = line.invocation;
+    if (invocation.asksForVersion)
+    {
+        return Information{std::string("korlo-settings ") + KORLO_VERSION + '\n'};
+    }
+    if (invocation.asksForHelp || (line.hasOptions && invocation.operands == Arguments{ShortHelp}))
+    {
+        return Information{line.pCommand != nullptr ? HelpOf(*line.pCommand) : HelpOfTool()};
+    }
+    if (line.pCommand == nullptr)
+    {
+        line.name.empty() ? throw Failure(StatusWrongCommandLine, "a command is missing", HintAtHelp)
+                          : FailForCommand(line.name);
+    }
+    CheckOperands(line);
+    return CommandRun{line.pCommand, std::move(line.invocation)};
 }
 
 }  // namespace korlo::settings::cli

@@ -1,6 +1,7 @@
 #pragma once
 // From the arguments of the process to what is to be run.
 
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -38,5 +39,23 @@ struct Information
 ///
 /// @throws Failure with StatusWrongCommandLine.
 std::variant<CommandRun, Information> ParseCommandLine(const std::vector<std::string>& arguments);
+
+/// What the first arguments of a command line mean.
+struct CommandLineBeginning
+{
+    std::string name;                   ///< the words of the command's name so far
+    const Command* pCommand = nullptr;  ///< null until its name is complete
+    Invocation invocation;              ///< what was given so far
+    std::set<std::string> given;        ///< the options with a value among it
+    const Option* pOpen = nullptr;      ///< the option whose value comes next, if the next argument is one
+    bool hasOptions = true;             ///< until a first "--"
+
+    /// All that may be given here: those of the tool, and of the command if there is one.
+    std::vector<const Option*> GetOptions() const;
+};
+
+/// Understands the beginning of a command line, for who completes what follows.
+/// @throws Failure, as ParseCommandLine, for what no further argument can make right.
+CommandLineBeginning ParseBeginning(const std::vector<std::string>& arguments);
 
 }  // namespace korlo::settings::cli

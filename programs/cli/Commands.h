@@ -44,4 +44,7 @@ ExitStatus RunAccessReload(const Invocation& invocation);
 ExitStatus RunExplain(const Invocation& invocation);
 ExitStatus RunDiff(const Invocation& invocation);
 
+// CompleteCommand.cpp: what the files in completions/ call when TAB is pressed, and hence in no help
+ExitStatus RunComplete(const Invocation& invocation);
+
 }  // namespace korlo::settings::cli
