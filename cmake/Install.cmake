@@ -1,5 +1,5 @@
 # What is installed: the libraries with their headers, the CMake package KorloSettings, and korlo.pc and
-# korlosettings.pc. Programs and manual pages install themselves. The installed tree may be moved: nothing in it names
+# korlosettings.pc. Programs, manual pages and completions install themselves. The installed tree may be moved: nothing in it names
 # the prefix.
 include(CMakePackageConfigHelpers)
 

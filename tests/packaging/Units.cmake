@@ -35,6 +35,19 @@ expect(usr/lib/systemd/system/korlo-settings-server.socket "ListenStream=/run/ko
 expect(usr/lib/systemd/system/korlo-settings-server-control.socket "ListenStream=/run/korlo-settings/control")
 expect(etc/korlo-settings/access.d/10-shipped.ini "[Access/tcp]" "[Access/programs]")
 
+# A shell finds the completion by the name of the command, and asks the tool that is installed.
+foreach(program IN ITEMS korlo-settings korlo-settings-server)
+    expect(usr/share/bash-completion/completions/${program} "complete -F _comp_cmd_")
+endforeach()
+run(${CMAKE_COMMAND} -E env PATH=${device}/usr/bin:$ENV{PATH} bash -c "
+    source ${device}/usr/share/bash-completion/completions/korlo-settings
+    COMP_LINE='korlo-settings subs' COMP_POINT=19
+    _comp_cmd_korlo_settings korlo-settings subs korlo-settings
+    echo \"\${COMPREPLY[*]}\"")
+if(NOT OUTPUT STREQUAL "subscribed\n")
+    message(FATAL_ERROR "bash completes 'subs' to '${OUTPUT}'")
+endif()
+
 foreach(folder IN ITEMS defaults.d restricted.d)
     if(NOT IS_DIRECTORY ${device}/etc/korlo-settings/${folder})
         message(FATAL_ERROR "the installation made no ${folder}")
