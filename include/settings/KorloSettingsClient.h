@@ -136,8 +136,10 @@ public:
     /// @param flags bit 0 (value 1): do not persist. Other bits mean nothing.
     /// @throws osa::Exception see Failures, as does every change; in the local mode whatever a callback throws, and the
     ///         change stays made.
-    void MergeSettings(const core::IniFile& changes);
     void MergeSettings(const core::IniFile& changes, unsigned int flags);
+
+    /// The same with flags 0: persists the changes.
+    void MergeSettings(const core::IniFile& changes);
 
     /// Merges and persists `changes` if the settings hold every value of `expected`; else changes nothing and returns
     /// false. Nobody else's change comes between the test and the merge.

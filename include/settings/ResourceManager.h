@@ -38,10 +38,10 @@ public:
     /// A requested holding of one resource.
     struct ResourceUsage
     {
-        std::string resource;
-        bool isPercent;      ///< true: `fraction` counts, else `units`
-        std::int32_t units;  ///< what the consumer is to hold in all
-        double fraction;     ///< the same as a share of the total: 1.0 is all of it, 0.25 a quarter
+        std::string resource;  ///< its name
+        bool isPercent;        ///< true: `fraction` counts, else `units`
+        std::int32_t units;    ///< what the consumer is to hold in all
+        double fraction;       ///< the same as a share of the total: 1.0 is all of it, 0.25 a quarter
     };
 
     /// Reads nothing yet.

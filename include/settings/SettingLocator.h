@@ -12,6 +12,7 @@ namespace korlo::settings
 class SettingLocator
 {
 public:
+    /// Takes any group and key, of any bytes.
     SettingLocator(const std::string& group, const std::string& key);
 
     /// Takes a text such as "[Network]Address" apart. The group stands between the first '[' or ']' and the second, the
@@ -25,8 +26,8 @@ public:
     SettingLocator& operator=(const SettingLocator&) = default;
     SettingLocator& operator=(SettingLocator&&) = default;
 
-    std::string group;
-    std::string key;
+    std::string group;  ///< its name, without brackets
+    std::string key;    ///< its name
 };
 
 }  // namespace korlo::settings

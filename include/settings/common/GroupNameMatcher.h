@@ -61,7 +61,10 @@ public:
     /// True when there is neither a name nor a pattern.
     bool IsEmpty() const { return _names.empty() && _patterns.empty(); }
 
+    /// The exact names.
     const GroupNameCollection& GetNames() const { return _names; }
+
+    /// The patterns.
     const GroupNameCollection& GetPatterns() const { return _patterns; }
 
 private:
@@ -77,6 +80,7 @@ private:
 class GroupNameMatcherInsertIterator
 {
 public:
+    /// What an output iterator has to have.
     using iterator_category = std::output_iterator_tag;
     using value_type = void;
     using difference_type = std::ptrdiff_t;
@@ -86,12 +90,14 @@ public:
     /// @param pMatcher borrowed; must outlive the iterator.
     explicit GroupNameMatcherInsertIterator(GroupNameMatcher* pMatcher) : _pMatcher(pMatcher) {}
 
+    /// Adds the name or pattern.
     GroupNameMatcherInsertIterator& operator=(const std::string& entry)
     {
         _pMatcher->AddNameOrPattern(entry);
         return *this;
     }
 
+    /// Does nothing, as of every such iterator.
     GroupNameMatcherInsertIterator& operator*() { return *this; }
     GroupNameMatcherInsertIterator& operator++() { return *this; }
     GroupNameMatcherInsertIterator operator++(int) { return *this; }
@@ -104,6 +110,7 @@ private:
 template <typename K, typename V>
 struct GetFirstFromPairFunctor
 {
+    /// The reference is into the pair.
     const K& operator()(const std::pair<const K, V>& pair) const { return pair.first; }
 };
 

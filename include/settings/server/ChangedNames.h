@@ -25,6 +25,7 @@ namespace korlo::settings::server
 class ChangedNames
 {
 public:
+    /// What the listed names may hold in all; further ones are only counted.
     static constexpr std::size_t MostBytes = 1024;
 
     /// Adds a group. Whoever adds several adds them in byte order, each once.
@@ -33,6 +34,7 @@ public:
     /// Adds a key of the group that was added last, in byte order.
     void AddKey(std::string_view key);
 
+    /// True until something is added.
     bool IsEmpty() const { return _digest == 0; }
 
     /// How many names were left out: keys, and groups that were added without one.
@@ -48,6 +50,7 @@ public:
     /// The names that are listed, packed for Visit: for whoever keeps many lists.
     const std::string& GetPacked() const { return _packed; }
 
+    /// Is given one name.
     using OnName = std::function<void(std::string_view)>;
 
     /// Calls `onGroup` with each group that is listed and, after it, `onKey` with each of its keys.

@@ -86,6 +86,8 @@ public:
     /// @param pOrigin what the store's observer is told of who makes this client's changes; borrowed, may be null.
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut, IRequestGate* pGate,
                   IClientAccess* pAccess = nullptr, const ChangeOrigin* pOrigin = nullptr);
+
+    /// The same without a gate, for a client that may do everything.
     ClientHandler(ServerEnv* pEnv, std::istream* pIn, std::ostream* pOut);
     ClientHandler(const ClientHandler&) = delete;
     ClientHandler& operator=(const ClientHandler&) = delete;

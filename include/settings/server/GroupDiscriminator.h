@@ -16,6 +16,7 @@ namespace korlo::settings::server
 class GroupDiscriminator
 {
 public:
+    /// True for a restricted name.
     static bool IsRestrictedGroup(const std::string& groupName);
 
     /// Merges every unrestricted group of `source` into `target`; the others are skipped silently.

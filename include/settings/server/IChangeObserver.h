@@ -20,11 +20,11 @@ protected:
 /// What a change does, in the words of those who read about it.
 namespace operation
 {
-inline constexpr const char* Merge = "merge";
-inline constexpr const char* MergeWithoutPersisting = "merge nopersist";
-inline constexpr const char* TestAndMerge = "test-and-merge";
-inline constexpr const char* Overwrite = "overwrite";
-inline constexpr const char* Restore = "restore";
+inline constexpr const char* Merge = "merge";                             ///< persisted
+inline constexpr const char* MergeWithoutPersisting = "merge nopersist";  ///< not persisted
+inline constexpr const char* TestAndMerge = "test-and-merge";             ///< persisted, if the test held
+inline constexpr const char* Overwrite = "overwrite";                     ///< an erase, too
+inline constexpr const char* Restore = "restore";                         ///< to the defaults
 }  // namespace operation
 
 /// How a change ended.

@@ -10,8 +10,8 @@ class SettingsManager;
 /// Given to each ClientHandler, which copies it. Both are borrowed and must outlive the handler.
 struct ServerEnv
 {
-    SettingsManager* pSettingsManager;
-    SerializationManager* pSerializationManager;
+    SettingsManager* pSettingsManager;            ///< the store
+    SerializationManager* pSerializationManager;  ///< the forms in which documents travel
 };
 
 }  // namespace korlo::settings::server

@@ -127,6 +127,7 @@ class CompactMap
     };
 
 public:
+    /// As std::map has it.
     using key_type = std::string;
     using mapped_type = T;
     using value_type = std::pair<const std::string, T>;
@@ -158,6 +159,7 @@ public:
             _block.Append(key, std::forward<Args>(args)...);
         }
 
+        /// The map of what was appended.
         CompactMap Build() &&
         {
             CompactMap map;
@@ -178,12 +180,14 @@ public:
     /// The elements in any order; of equal keys the first counts, as in std::map.
     CompactMap(std::initializer_list<value_type> elements) : CompactMap(elements.begin(), elements.end()) {}
 
+    /// The same of a range.
     template <std::input_iterator InputIterator>
     CompactMap(InputIterator first, InputIterator last)
     {
         insert(first, last);
     }
 
+    /// A copy is laid out in one block.
     CompactMap(const CompactMap& other)
     {
         Builder builder(other.size());
@@ -196,6 +200,7 @@ public:
 
     CompactMap(CompactMap&& other) noexcept = default;
 
+    /// As the constructors: a copy is laid out in one block.
     CompactMap& operator=(const CompactMap& other)
     {
         if (this != &other)
@@ -205,6 +210,7 @@ public:
         return *this;
     }
 
+    /// The old content is destroyed at once; `other` is empty afterwards.
     CompactMap& operator=(CompactMap&& other) noexcept
     {
         CompactMap moved(std::move(other));  // so that the old content is destroyed now, not with `other`
@@ -214,6 +220,7 @@ public:
 
     ~CompactMap() = default;
 
+    /// The elements in the order of their keys.
     iterator begin() { return First<false>(); }
     iterator end() { return iterator(this); }
     const_iterator begin() const { return First<true>(); }
@@ -225,9 +232,12 @@ public:
     const_reverse_iterator rbegin() const { return const_reverse_iterator(end()); }
     const_reverse_iterator rend() const { return const_reverse_iterator(begin()); }
 
+    /// How many elements there are.
     size_type size() const { return _block.Live() + (_pAdditions ? _pAdditions->size() : 0); }
+    /// True when there is none.
     bool empty() const { return size() == 0; }
 
+    /// As std::map, by any kind of string and without a copy of it. Never allocates.
     iterator find(std::string_view key) { return Find<false>(key); }
     const_iterator find(std::string_view key) const { return Find<true>(key); }
     bool contains(std::string_view key) const { return Lookup(key) != nullptr; }
@@ -253,6 +263,7 @@ public:
         return nullptr;
     }
 
+    /// The same of a map that may be changed.
     T* Lookup(std::string_view key) { return const_cast<T*>(std::as_const(*this).Lookup(key)); }
 
     /// @throws std::out_of_range for a key that is not there.
@@ -266,6 +277,7 @@ public:
         return *pValue;
     }
 
+    /// The same of a map that may be changed.
     T& at(std::string_view key) { return const_cast<T&>(std::as_const(*this).at(key)); }
 
     /// The value of the key, added empty if it is not there.
@@ -299,17 +311,20 @@ public:
         return {iterator(this, node), added};
     }
 
+    /// The same with a value.
     template <typename Value>
     std::pair<iterator, bool> emplace(std::string_view key, Value&& value)
     {
         return try_emplace(key, std::forward<Value>(value));
     }
 
+    /// The same with an element.
     std::pair<iterator, bool> insert(const value_type& element) { return try_emplace(element.first, element.second); }
 
     /// With a hint, as std::inserter passes it; the hint is not needed.
     iterator insert(const_iterator, const value_type& element) { return insert(element).first; }
 
+    /// Adds each element of the range whose key is not there yet.
     template <std::input_iterator InputIterator>
     void insert(InputIterator first, InputIterator last)
     {
@@ -319,6 +334,7 @@ public:
         }
     }
 
+    /// Sets the value of the key; says where it is and whether it was added.
     template <typename Value>
     std::pair<iterator, bool> insert_or_assign(std::string_view key, Value&& value)
     {
@@ -353,8 +369,10 @@ public:
         return next;
     }
 
+    /// The same by the other kind of iterator.
     iterator erase(iterator element) { return erase(const_iterator(element)); }
 
+    /// Removes the elements from `first` to the one before `last`, and returns `last`.
     iterator erase(const_iterator first, const_iterator last)
     {
         while (first != last)
@@ -376,20 +394,24 @@ public:
         return 1;
     }
 
+    /// Removes every element.
     void clear()
     {
         _block = Block();
         _pAdditions.reset();
     }
 
+    /// Exchanges the elements, each of which stays where it is.
     void swap(CompactMap& other) noexcept
     {
         std::swap(_block, other._block);
         std::swap(_pAdditions, other._pAdditions);
     }
 
+    /// Exchanges the elements of two maps.
     friend void swap(CompactMap& left, CompactMap& right) noexcept { left.swap(right); }
 
+    /// True when both hold the same keys with equal values.
     friend bool operator==(const CompactMap& left, const CompactMap& right)
     {
         return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());

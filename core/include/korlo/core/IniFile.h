@@ -32,8 +32,13 @@ namespace korlo::core
 class IniFile
 {
 public:
+    /// The keys of a group, with their values, in byte order.
     using KeyValueMap = CompactMap<std::string>;
+
+    /// The groups in byte order of their names.
     using GroupMap = CompactMap<KeyValueMap>;
+
+    /// A name and its keys; a document is a range of these.
     using value_type = GroupMap::value_type;
     using iterator = GroupMap::iterator;
     using const_iterator = GroupMap::const_iterator;
@@ -41,8 +46,8 @@ public:
     /// A line of INI text that makes no sense, counted from 1, and why.
     struct BadLine
     {
-        std::size_t number;
-        std::string reason;
+        std::size_t number;  ///< of the line
+        std::string reason;  ///< a sentence without its full stop
     };
 
     IniFile() = default;

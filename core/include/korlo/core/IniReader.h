@@ -38,6 +38,7 @@ class IniReader
 public:
     IniReader() = delete;
 
+    /// Reads INI text to its end.
     static void ReadText(std::string_view text, IIniObserver& observer);
 
     /// @throws osa::Exception naming the path and the reason when the file cannot be opened or read; the observer has

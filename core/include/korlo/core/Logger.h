@@ -97,8 +97,10 @@ public:
     /// Where ModifyLogRotateConf writes from now on; "/etc/logrotate.d" at first.
     static void SetLogRotateFolder(const std::string& folder);
 
+    /// As it was given to the constructor.
     const std::string& GetName() const { return _name; }
 
+    /// The highest LogLevel that is emitted; 0 for none.
     int GetThreshold() const { return _threshold.load(std::memory_order_relaxed); }
 
     /// Sets the threshold of this logger alone, until the next ConfigureLogging.
@@ -108,6 +110,7 @@ public:
     /// Formats in the manner of printf and hands the message to every appender, whatever the threshold.
     __attribute__((format(printf, 3, 0))) void LogMessageV(LogLevel level, const char* format, va_list args) const;
 
+    /// Formats in the manner of printf and emits the message if the threshold allows it: an operation was lost.
     __attribute__((format(printf, 2, 3))) void Error(const char* format, ...) const
     {
         if (GetThreshold() >= LogLevelError)
@@ -119,6 +122,7 @@ public:
         }
     }
 
+    /// The same: something went wrong, and was put right.
     __attribute__((format(printf, 2, 3))) void Warning(const char* format, ...) const
     {
         if (GetThreshold() >= LogLevelWarning)
@@ -130,6 +134,7 @@ public:
         }
     }
 
+    /// The same: a state has changed.
     __attribute__((format(printf, 2, 3))) void Information(const char* format, ...) const
     {
         if (GetThreshold() >= LogLevelInformation)
@@ -141,6 +146,7 @@ public:
         }
     }
 
+    /// The same: for whoever looks for a fault.
     __attribute__((format(printf, 2, 3))) void Trace(const char* format, ...) const
     {
         if (GetThreshold() >= LogLevelTrace)

@@ -30,9 +30,13 @@ template <typename T>
 class SortedBlock
 {
 public:
+    /// A key and its value.
     using value_type = std::pair<const std::string, T>;
+
+    /// Where an element is, from 0 in ascending order of keys, whether it is alive or erased.
     using Position = std::uint32_t;
 
+    /// No position.
     static constexpr Position npos = std::numeric_limits<Position>::max();
 
     /// No elements, no allocation.
@@ -47,8 +51,10 @@ public:
         }
     }
 
+    /// Leaves `other` without elements.
     SortedBlock(SortedBlock&& other) noexcept : _pHeader(std::exchange(other._pHeader, nullptr)) {}
 
+    /// Exchanges the elements.
     SortedBlock& operator=(SortedBlock&& other) noexcept
     {
         std::swap(_pHeader, other._pHeader);
@@ -88,9 +94,16 @@ public:
         }
     }
 
+    /// How many elements were appended, erased ones included.
     Position Used() const { return _pHeader == nullptr ? 0 : _pHeader->used; }
+
+    /// How many of them are alive.
     Position Live() const { return _pHeader == nullptr ? 0 : _pHeader->live; }
+
+    /// The element at a position below Used.
     value_type& At(Position position) const { return Entries()[position]; }
+
+    /// False once the element at a position below Used is erased.
     bool IsLive(Position position) const { return (LiveWords()[position / 32] & BitOf(position)) != 0; }
 
     /// The position of the key, alive or erased, or npos.

@@ -65,6 +65,7 @@ public:
     /// found out.
     bool Exists() const;
 
+    /// As it was given to the constructor.
     const std::string& GetPath() const { return _path; }
 
 private:

@@ -38,6 +38,7 @@ private:
 class LockException : public Exception
 {
 public:
+    /// Why not.
     enum LockError
     {
         Timeout = 1,   ///< The time was up.
@@ -49,6 +50,7 @@ public:
     LockException(const std::string& name, LockError error);
     ~LockException() override;
 
+    /// Why not.
     LockError GetLockError() const noexcept;
 
 private:

@@ -10,16 +10,16 @@ namespace korlo::osa
 /// What is asked of a file that is replaced or read.
 struct FileStatus
 {
-    bool isRegular = false;
-    unsigned int owner = 0;
-    unsigned int group = 0;
-    unsigned int mode = 0;  ///< The permission bits, up to 07777.
-    std::size_t size = 0;   ///< Bytes; 0 for what tells none, such as a pipe.
+    bool isRegular = false;  ///< Neither a folder nor a device, pipe or socket.
+    unsigned int owner = 0;  ///< A user's id.
+    unsigned int group = 0;  ///< A group's id.
+    unsigned int mode = 0;   ///< The permission bits, up to 07777.
+    std::size_t size = 0;    ///< Bytes; 0 for what tells none, such as a pipe.
 };
 
 /// The system calls that CrashSafeFile is made of, so that a test can let each of them fail in turn.
 ///
-/// Every operation returns 0, or the error number of <cerrno> that stands in its way; output arguments are set only
+/// Every operation returns 0, or the error number (errno) that stands in its way; output arguments are set only
 /// when it returns 0. EINTR is an answer that callers must expect, and Write may take less than it is given.
 ///
 /// Thread safety: all methods, from any thread.
@@ -31,12 +31,15 @@ public:
     /// Makes a new file and opens it for writing; EEXIST when there is anything of that name.
     /// @param mode permission bits, lessened by the process's umask.
     virtual int Create(const std::string& path, unsigned int mode, int& file) = 0;
+    /// Follows symbolic links; ENOENT when there is nothing.
     virtual int OpenForReading(const std::string& path, int& file) = 0;
     /// @param count how many bytes there were; 0 at the end of the file.
     virtual int Read(int file, char* pBuffer, std::size_t size, std::size_t& count) = 0;
+    /// @param count how many bytes were taken.
     virtual int Write(int file, const char* pData, std::size_t size, std::size_t& count) = 0;
     /// @param owner, group the new ones; KeepOwner leaves one as it is.
     virtual int SetOwner(int file, unsigned int owner, unsigned int group) = 0;
+    /// @param mode permission bits, whatever the umask.
     virtual int SetMode(int file, unsigned int mode) = 0;
     /// Returns once what was written is on the disk.
     virtual int Sync(int file) = 0;
@@ -47,12 +50,16 @@ public:
     virtual int Stat(const std::string& path, FileStatus& status) = 0;
     /// @param target what the symbolic link holds; EINVAL when the path is no symbolic link.
     virtual int ReadLink(const std::string& path, std::string& target) = 0;
+    /// Gives a file a second name; EEXIST when there is anything of that name.
     virtual int Link(const std::string& existing, const std::string& added) = 0;
+    /// Replaces what is at `to`, in one step.
     virtual int Rename(const std::string& from, const std::string& to) = 0;
+    /// Removes the name; the file lives as long as it has another, or is open.
     virtual int Unlink(const std::string& path) = 0;
     /// Returns once the folder's names are on the disk. A file system that knows no such thing answers 0.
     virtual int SyncFolder(const std::string& path) = 0;
 
+    /// For SetOwner.
     static constexpr unsigned int KeepOwner = 0xFFFFFFFFu;
 };
 

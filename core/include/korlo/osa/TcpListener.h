@@ -17,9 +17,10 @@ class SocketFile;
 /// Thread safety: none of its own; the owner guards it.
 struct SocketFileRights
 {
+    /// For `group`.
     static constexpr unsigned int KeepGroup = 0xFFFFFFFFu;
 
-    unsigned int mode = 0660;
+    unsigned int mode = 0660;        ///< permission bits
     unsigned int group = KeepGroup;  ///< KeepGroup: the one that the system gives to a new file
 };
 
@@ -63,7 +64,7 @@ public:
     unsigned short GetPort() const;
 
     /// Where it listens, as ADDRESS:PORT, an IPv6 address in square brackets, or unix:PATH. A passed socket that has a
-    /// name in place of a file is unix:@NAME, with any bytes in the name.
+    /// name in place of a file is `unix:@NAME`, with any bytes in the name.
     const std::string& GetAddress() const;
 
     /// Waits for the next connection, which sends each write at once. Null once the listener is closed. On a

@@ -42,9 +42,10 @@ public:
         Failed        ///< The connection is lost.
     };
 
+    /// What came of a read or a write.
     struct IoResult
     {
-        IoStatus status;
+        IoStatus status;    ///< how it ended
         std::size_t bytes;  ///< moved, whatever the status
         int error;          ///< errno for Failed, else 0
     };
@@ -70,7 +71,7 @@ public:
 
     /// Connects to a host, by name or address, or to a Unix-domain socket, as unix:PATH. All addresses of a host are
     /// tried, in the system's order. A path may have 108 bytes, all that the system allows; sockets without a file
-    /// (unix:@NAME) are refused. With a path the port means nothing.
+    /// (`unix:@NAME`) are refused. With a path the port means nothing.
     ///
     /// With port 0 the ServiceDirectory is asked for the host's address and port first. When it has none, the port is
     /// that of the TCP service with the host's name in the system's services database, else 4711; and a host that the

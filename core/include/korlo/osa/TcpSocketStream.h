@@ -35,6 +35,7 @@ public:
     /// Drops what was not flushed: a destructor must not wait for the peer. The socket stays as it is.
     ~TcpSocketStream() override;
 
+    /// For writing, with a state of its own: one thread may write to it while another reads.
     std::ostream& GetOstream();
 
 private:

@@ -12,7 +12,7 @@ namespace korlo::osa
 /// Thread safety: none of its own; the owner guards it.
 struct TimeStruct
 {
-    std::int64_t seconds = 0;
+    std::int64_t seconds = 0;      ///< since that moment
     std::int32_t nanoseconds = 0;  ///< 0 to 999999999
 
     auto operator<=>(const TimeStruct&) const = default;
