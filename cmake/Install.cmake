@@ -1,6 +1,6 @@
 # What is installed: the libraries with their headers, the CMake package KorloSettings, and korlo.pc and
-# korlosettings.pc. Programs, manual pages and completions install themselves. The installed tree may be moved: nothing in it names
-# the prefix.
+# korlosettings.pc. Programs, manual pages, completions and the reference install themselves. The installed tree may be
+# moved: nothing in it names the prefix.
 include(CMakePackageConfigHelpers)
 
 set(korlo_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KorloSettings)
