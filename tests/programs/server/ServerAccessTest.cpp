@@ -1,9 +1,12 @@
 // What the real server lets clients do, and its control door.
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <list>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -11,7 +14,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/KorloSettingsTcpConnection.h"
 #include "control/ControlDoor.h"
+#include "korlo/osa/Exception.h"
+#include "korlo/osa/ServiceDirectory.h"
+#include "settings/KorloSettingsClient.h"
+#include "support/Callbacks.h"
+#include "support/Documents.h"
 #include "support/Files.h"
 #include "support/ServerProcess.h"
 #include "support/TemporaryFolder.h"
@@ -201,6 +210,62 @@ TEST_F(ServerAccessTest, AClientThatConnectsAnewIsWarnedOfOnceAMinute)
     const std::string warning = "merge of 'Private' is refused";
     ASSERT_THAT(log, HasSubstr(warning));
     EXPECT_EQ(log.find(warning), log.rfind(warning));
+}
+
+TEST_F(ServerAccessTest, AClientThatLostARightWhileItWasAwayHearsThatTheGroupIsGone)
+{
+    const auto registered = [](const ServerProcess& server) {
+        osa::ServiceDirectory::Register(settings::client::KorloSettingsTcpConnection::ServerHost, "127.0.0.1",
+                                        server.GetPort());
+    };
+    WriteFile(_rules, "[Access/tcp]\npeer=tcp\nread=Audio,Private\n");
+    // The server's own user may do everything, but only over a Unix-domain socket is there a user.
+    const std::string door = "unix:" + _folder.PathOf("socket");
+    ServerProcess::Arguments options = Options();
+    options.insert(options.end(), {"--listen", door});
+    std::optional<ServerProcess> server(std::in_place, options);
+    registered(*server);
+    settings::RecordingCallback callback;
+    settings::KorloSettingsClient client(settings::KorloSettingsClient::MultiThreaded);
+    client.ReportMissedChanges(true);
+    core::IniFile before;
+    client.GetSettings("*", before);
+    EXPECT_EQ(before, Ini("[Audio]\nk=1\n[Private]\nk=1\n"));
+    client.Subscribe(&callback, settings::GroupNameCollection{"*"});
+    before.Clear();
+    client.GetSettings("*", before);  // the server has the subscription
+
+    // Both groups are different when it comes back, and one of them is none of its business any more.
+    server->End(SIGKILL);
+    Write("defaults.ini", "[Audio]\nk=2\n[Private]\nk=hunter2\n");
+    WriteFile(_rules, "[Access/tcp]\npeer=tcp\nread=Audio\n");
+    server.emplace(options);
+    registered(*server);
+    ASSERT_TRUE(Eventually([&] { return !callback.GetChanges().empty(); }));
+    const settings::Change missed = callback.GetChanges().front();
+    EXPECT_EQ(missed.groups, (settings::GroupNameCollection{"Audio", "Private"}));
+    EXPECT_EQ(missed.settings, Ini("[Audio]\nk=2\n"));
+
+    // Nor does it hear of it from then on: what it is told next is a later change of the other.
+    RawClient own(door);
+    own.Send("merge\n[Private]\nk=3\n.\nmerge\n[Audio]\nk=3\n.\n");
+    EXPECT_EQ(own.Get("Private"), "[Private]\nk=3\n");
+    ASSERT_TRUE(Eventually([&] { return callback.GetChanges().size() > 1; }));
+    EXPECT_EQ(callback.GetChanges()[1], (settings::Change{{"Audio"}, Ini("[Audio]\nk=3\n")}));
+    core::IniFile after;
+    ASSERT_TRUE(Eventually([&] {
+        try
+        {
+            client.GetSettings("*", after);
+            return true;
+        }
+        catch (const osa::Exception&)
+        {
+            return false;  // the lost connection may make one call fail
+        }
+    }));
+    EXPECT_EQ(after, Ini("[Audio]\nk=3\n"));
+    osa::ServiceDirectory::Unregister(settings::client::KorloSettingsTcpConnection::ServerHost);
 }
 
 TEST_F(ServerAccessTest, NoPatternShowsARestrictedGroupInThePlaceOfARefusal)
