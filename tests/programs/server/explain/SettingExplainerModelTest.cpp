@@ -11,6 +11,7 @@
 #include "ExplainFixture.h"
 #include "settings/common/GroupNameMatcher.h"
 #include "support/Documents.h"
+#include "support/Rounds.h"
 #include "support/StoreContents.h"
 #include "support/StoreScenario.h"
 
@@ -256,7 +257,7 @@ private:
 unsigned int ScenarioCount()
 {
     const char* pText = std::getenv("KORLO_EXPLAIN_SCENARIOS");
-    return pText != nullptr ? static_cast<unsigned int>(std::stoul(pText)) : 100;
+    return pText != nullptr ? static_cast<unsigned int>(std::stoul(pText)) : Rounds(100);
 }
 
 void CompareOver(unsigned int firstSeed, bool isLabelled)
