@@ -211,15 +211,15 @@ const std::vector<Command>& AllCommands()
          "status 0. Standard error tells of entries that were dropped before they were read. Status 3 when the door "
          "cannot be reached, the server keeps no journal, or it ends.",
          0, Command::AnyNumber, OfLog, RunLog},
-        {"explain", "'[Group]Key'", "Tells where a value is from, and why no other place gave it.",
+        {"explain", "'[Group]Key' | GROUP KEY", "Tells where a value is from, and why no other place gave it.",
          "  korlo-settings explain '[Audio]volume'\n"
          "  korlo-settings explain '[Audio]volume' --json\n",
          "Asks the control door of the server, whatever --server and --local say. Prints the value, and below it each "
          "place that gives the key one: its layer (default, user, restricted, or unsaved for a change that was not "
          "persisted), file and line, its value, and why it counts or not; first the one that counts. Long values are "
          "cut; --json prints them whole. Status 1 when the key has no value, which is explained all the same; 3 when "
-         "the door cannot be reached.",
-         1, 1, NoOptions, RunExplain},
+         "the door cannot be reached. GROUP and KEY as two operands are taken as they are, brackets in GROUP too.",
+         1, 2, NoOptions, RunExplain},
         {"diff", "[PATTERN...]", "Compares the settings with the defaults.",
          "  korlo-settings diff\n"
          "  korlo-settings diff Audio 'Network/*' --json\n",

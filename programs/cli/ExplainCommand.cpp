@@ -149,7 +149,9 @@ json ValueOf(const Explanation& explanation)
 
 ExitStatus RunExplain(const Invocation& invocation)
 {
-    const SettingLocator locator = ParseLocator(invocation.operands.front());
+    const std::vector<std::string>& operands = invocation.operands;
+    const SettingLocator locator =
+        operands.size() == 1 ? ParseLocator(operands[0]) : SettingLocator(operands[0], operands[1]);
     const std::string request = std::string(control::Explain) + ' ' + control::QuotedLocator(locator);
     try
     {

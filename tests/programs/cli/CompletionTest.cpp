@@ -122,6 +122,8 @@ TEST_F(CompletionTest, SettingsAreOfferedGroupByGroup)
     }
     EXPECT_EQ(OnFile({"set", ""}), OnFile({"set", "["}));
     EXPECT_EQ(OnFile({"set", "[Audio]volume", ""}), Names());
+    EXPECT_EQ(OnFile({"explain", "a["}), Names{"a[b"});
+    EXPECT_EQ(OnFile({"explain", "a[b", ""}), Names{"k"});
 }
 
 TEST_F(CompletionTest, AnEmptyGroupIsOfferedByItself)

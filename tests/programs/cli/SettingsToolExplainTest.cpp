@@ -78,6 +78,19 @@ TEST_F(SettingsToolExplainTest, JsonHasTheCandidatesInTheOrderOfTheirLoading)
                      "\"value\":\"50\"}\n");
 }
 
+TEST_F(SettingsToolExplainTest, AGroupWithBracketsIsNamedByAnOperandOfItsOwn)
+{
+    const std::string file = Write("d/30.ini", "[\"a]b[c\"]\nk]ey=1\n[x]\n--k=2\n");
+    Start();
+    ExpectResult(OnServer({"explain", "a]b[c", "k]ey"}), 0,
+                 "[\"a]b[c\"]\"k]ey\"=1\n  default  " + file + ":2  1  it counts\n");
+    ExpectResult(OnServer({"explain", "Audio", "bass"}), 0,
+                 "[Audio]bass=1\n  default  " + PathOf("d/10.ini") + ":3  1  it counts\n");
+    ExpectResult(OnServer({"explain", "x", "--", "--k"}), 0, "[x]--k=2\n  default  " + file + ":4  2  it counts\n");
+    EXPECT_EQ(OnServer({"explain", "[Audio]bass", "bass"}).status, 1);
+    EXPECT_EQ(OnServer({"explain", "a", "b", "c"}).status, 2);
+}
+
 TEST_F(SettingsToolExplainTest, AMissingKeyIsStatusOneAndExplained)
 {
     Start();
