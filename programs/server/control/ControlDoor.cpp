@@ -76,6 +76,12 @@ public:
         return _in.rdbuf()->in_avail() <= 0 && (_socket.Wait(true, false, timeoutMs) & osa::TcpSocket::Readable) == 0;
     }
 
+    bool Stay(unsigned int timeoutMs) override
+    {
+        // Asked for nothing, it tells only of a connection that is lost.
+        return (_socket.Wait(false, false, timeoutMs) & osa::TcpSocket::Readable) == 0;
+    }
+
     void Wake() override { _socket.Wake(); }
 
 private:
@@ -92,8 +98,9 @@ private:
 class ControlDoor::Client : private osa::Runnable
 {
 public:
-    Client(std::unique_ptr<osa::TcpSocket> pSocket, const Words& words)
+    Client(std::unique_ptr<osa::TcpSocket> pSocket, const Words& words, const Limits& limits)
         : _words(words),
+          _limits(limits),
           _pSocket(std::move(pSocket)),
           _thread("Control", this, StackBytes, 0)
     {
@@ -128,13 +135,19 @@ private:
 
     void Serve()
     {
-        osa::TcpSocketStream in(_pSocket.get(), IdleMs);
-        osa::TcpSocketStream out(_pSocket.get(), WriteMs);
+        osa::TcpSocketStream in(_pSocket.get(), _limits.idleMs);
+        osa::TcpSocketStream out(_pSocket.get(), _limits.writeMs);
         Answers answers(*_pSocket, in, out.GetOstream());
         try
         {
-            for (std::optional<std::string> line = ReadLine(in); line && out.GetOstream(); line = ReadLine(in))
+            // Once it has not taken an answer in time, it is asked for no further request.
+            while (out.GetOstream())
             {
+                const std::optional<std::string> line = ReadLine(in);
+                if (!line)
+                {
+                    return;
+                }
                 Serve(WithoutBlanks(*line), answers, out.GetOstream());
             }
         }
@@ -165,13 +178,15 @@ private:
     }
 
     const Words& _words;
+    const Limits _limits;
     const std::unique_ptr<osa::TcpSocket> _pSocket;
     std::atomic<bool> _hasEnded = false;
     osa::Thread _thread;  // last
 };
 
-ControlDoor::ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words)
+ControlDoor::ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words, const Limits& limits)
     : _words(std::move(words)),
+      _limits(limits),
       _pLogger(core::Logger::GetLogger("ControlDoor")),
       _pListener(std::move(pListener)),
       _thread("ControlDoor", this, StackBytes, 0)
@@ -227,7 +242,7 @@ void ControlDoor::Accept(std::unique_ptr<osa::TcpSocket> pSocket)
     }
     try
     {
-        _clients.emplace_back(std::move(pSocket), _words).Start();
+        _clients.emplace_back(std::move(pSocket), _words, _limits).Start();
     }
     catch (const std::exception& exception)
     {

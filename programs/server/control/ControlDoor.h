@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "control/IControlWord.h"
 #include "korlo/core/Logger.h"
@@ -26,13 +27,22 @@ class ControlDoor : private osa::Runnable
 public:
     static constexpr std::size_t MostClients = 8;
     static constexpr std::size_t MostLineBytes = 64 * 1024;
-    static constexpr unsigned int IdleMs = 60'000;   ///< that a client may take to send its next request
-    static constexpr unsigned int WriteMs = 10'000;  ///< that a client may take to read an answer
+
+    /// Production defaults; tests shorten them.
+    struct Limits
+    {
+        unsigned int idleMs = 60'000;   ///< that a client may take to send its next request
+        unsigned int writeMs = 10'000;  ///< that a client may take to read an answer
+    };
 
     using Words = std::map<std::string, std::unique_ptr<IControlWord>, std::less<>>;  // by what a request begins with
 
     /// @param pListener of a Unix-domain socket.
-    ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words);
+    ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words)
+        : ControlDoor(std::move(pListener), std::move(words), Limits())
+    {
+    }
+    ControlDoor(std::unique_ptr<osa::TcpListener> pListener, Words words, const Limits& limits);
     ControlDoor(const ControlDoor&) = delete;
     ControlDoor& operator=(const ControlDoor&) = delete;
     ~ControlDoor() override;
@@ -50,6 +60,7 @@ private:
     void Accept(std::unique_ptr<osa::TcpSocket> pSocket);
 
     const Words _words;
+    const Limits _limits;
     core::Logger* const _pLogger;  // not owned
     const std::unique_ptr<osa::TcpListener> _pListener;
     std::list<Client> _clients;

@@ -21,11 +21,15 @@ public:
     /// @return false when the client does not take it, or has gone.
     virtual bool Send(const core::IniFile& answer) = 0;
 
-    /// Waits until the time is up or Wake is called, or was since the last Wait.
+    /// Waits until the time is up or Wake is called, or was since the last Wait or Stay.
     /// @return false when the client has sent something, or has gone, or the server ends: the request is over.
     virtual bool Wait(unsigned int timeoutMs) = 0;
 
-    /// Ends a Wait. Waits for nothing.
+    /// The same for a request that is answered whatever the client sends meanwhile, or whether it will send any more.
+    /// @return false when the client has gone, or the server ends.
+    virtual bool Stay(unsigned int timeoutMs) = 0;
+
+    /// Ends a Wait or Stay. Waits for nothing.
     virtual void Wake() = 0;
 };
 
@@ -44,6 +48,15 @@ public:
     virtual void Serve(const std::string& operands, IControlClient& client) = 0;
 };
 
+/// @throws osa::Exception for a word that stands alone and is given operands.
+inline void CheckStandsAlone(const char* word, const std::string& operands)
+{
+    if (!operands.empty())
+    {
+        throw osa::Exception("usage: %s", word);
+    }
+}
+
 /// A word that is answered at once.
 ///
 /// Thread safety: as IControlWord.
@@ -55,16 +68,6 @@ public:
     virtual core::IniFile Answer(const std::string& operands) = 0;
 
     void Serve(const std::string& operands, IControlClient& client) final { client.Send(Answer(operands)); }
-
-protected:
-    /// @throws osa::Exception for a word that stands alone and is given operands.
-    static void CheckStandsAlone(const char* word, const std::string& operands)
-    {
-        if (!operands.empty())
-        {
-            throw osa::Exception("usage: %s", word);
-        }
-    }
 };
 
 }  // namespace korlo::daemon

@@ -1,6 +1,7 @@
 // What the control door tells of the server, whatever the disk and the clients do.
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -13,6 +14,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "DelayedPersister.h"
@@ -378,6 +381,22 @@ TEST_F(ServerStatusTest, ControlClientsThatMisbehaveDelayNoSettingsClient)
     ServerProcess server(Options({"--defaults", Write("defaults.ini", "[Audio]\nk=1\n")}));
     RawClient client(server.GetPort());
     EXPECT_EQ(client.Get("Audio"), "[Audio]\nk=1\n");
+    const auto p99 = [&client] {
+        std::vector<std::chrono::steady_clock::duration> times;
+        for (int index = 0; index < 200; ++index)
+        {
+            const auto begin = std::chrono::steady_clock::now();
+            client.Get("Audio");
+            times.push_back(std::chrono::steady_clock::now() - begin);
+        }
+        std::sort(times.begin(), times.end());
+        return times[197];
+    };
+    auto undisturbed = p99();
+    for (int attempt = 0; attempt < 4; ++attempt)
+    {
+        undisturbed = std::min(undisturbed, p99());
+    }
     std::string many;
     for (int index = 0; index < 2000; ++index)
     {
@@ -390,19 +409,36 @@ TEST_F(ServerStatusTest, ControlClientsThatMisbehaveDelayNoSettingsClient)
     }
     RawClient("unix:" + _control).Send(std::string(ControlDoor::MostLineBytes + 1, 'x'));
     RawClient("unix:" + _control).Send("stat");
-    std::vector<std::chrono::steady_clock::duration> times;
-    for (int index = 0; index < 200; ++index)
-    {
-        const auto begin = std::chrono::steady_clock::now();
-        ASSERT_EQ(client.Get("Audio"), "[Audio]\nk=1\n");
-        times.push_back(std::chrono::steady_clock::now() - begin);
-    }
-    std::sort(times.begin(), times.end());
-    EXPECT_LT(times[197], std::chrono::seconds(1));  // far above what it takes, far below what a stalled client would
+    // Other processes disturb it, too; so the best of several attempts counts, before and now.
+    EXPECT_TRUE(Eventually([&] { return p99() <= 3 * undisturbed; }));
+    EXPECT_EQ(client.Get("Audio"), "[Audio]\nk=1\n");
     EXPECT_TRUE(client.TestAndMerge("[Audio]\nk=1\n", "[Audio]\nk=2\n"));
     stalling.clear();
     EXPECT_TRUE(Eventually([this] { return Ask("status").starts_with("[Clients]"); }));
     EXPECT_EQ(server.End(), 0);
+}
+
+/// What a client reads to the end that will send nothing more, as `nc -N` does.
+std::string AnswerToHalfClosed(const std::string& path, const std::string& request)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int file = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::string answer;
+    if (::connect(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        ::send(file, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()) &&
+        ::shutdown(file, SHUT_WR) == 0)
+    {
+        std::array<char, 256> piece;
+        for (ssize_t length = ::read(file, piece.data(), piece.size()); length > 0;
+             length = ::read(file, piece.data(), piece.size()))
+        {
+            answer.append(piece.data(), static_cast<std::size_t>(length));
+        }
+    }
+    ::close(file);
+    return answer;
 }
 
 /// A server within the test, over a disk whose sync waits.
@@ -559,6 +595,41 @@ TEST_F(HangingDiskTest, ThoseWhoWaitForASaveLeaveRoomAtTheDoorAndHoldUpNobody)
             EXPECT_EQ(waiting.ReadLine(), "ok");
         }
         EXPECT_EQ(StatusOf("Saves", "unsaved"), "0");
+        EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), "[A]\nk=" + std::to_string(delayMs + 5) + '\n');
+    }
+}
+
+TEST_F(HangingDiskTest, ASaveMakesRoomWhenItsClientLeaves)
+{
+    for (const unsigned int delayMs : {0u, 1u})
+    {
+        SCOPED_TRACE(delayMs);
+        End();
+        Start(delayMs);
+        RawClient client(_port);
+        _disk.FailWith(ENOSPC);
+        client.Send("merge\n[A]\nk=" + std::to_string(delayMs + 5) + "\n.\n");
+        ASSERT_TRUE(Eventually([this] { return StatusOf("Saves", "unsaved") == "1"; }));
+        _disk.Hold();
+        _disk.FailWith(0);
+        for (std::size_t round = 0; round < 2 * ControlDoor::MostClients; ++round)
+        {
+            // Each comes after the disk hangs, waits, and leaves: more than may wait, and than the door has places.
+            ASSERT_TRUE(Eventually([this] {
+                RawClient leaving("unix:" + _path);
+                leaving.Send("save\n");
+                return (leaving.GetSocket().Wait(true, false, 20) & osa::TcpSocket::Readable) == 0;
+            }));
+        }
+        RawClient pipelining("unix:" + _path);
+        pipelining.Send("save\nnonsense\n");
+        std::future<std::string> halfClosed =
+            std::async(std::launch::async, [this] { return AnswerToHalfClosed(_path, "save\n"); });
+        EXPECT_TRUE(AwaitRunning(0.01));
+        _disk.LetGo();
+        EXPECT_EQ(pipelining.ReadUntil("."), "ok\n");
+        EXPECT_EQ(pipelining.ReadLine(), "error unknown word 'nonsense'");
+        EXPECT_EQ(halfClosed.get(), "ok\n.\n");
         EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), "[A]\nk=" + std::to_string(delayMs + 5) + '\n');
     }
 }

@@ -40,13 +40,14 @@ class JournalWordsTest : public testing::Test
 protected:
     JournalWordsTest() { Open(&_journal); }
 
-    void Open(Journal* pJournal)
+    void Open(Journal* pJournal, const ControlDoor::Limits& limits = {})
     {
         _pDoor.reset();
         ControlDoor::Words words;
         words["journal"] = std::make_unique<JournalWord>(pJournal);
         words["follow"] = std::make_unique<FollowWord>(pJournal);
-        _pDoor = std::make_unique<ControlDoor>(std::make_unique<osa::TcpListener>(_address, 0), std::move(words));
+        _pDoor =
+            std::make_unique<ControlDoor>(std::make_unique<osa::TcpListener>(_address, 0), std::move(words), limits);
         _pDoor->Start();
     }
 
@@ -242,6 +243,31 @@ TEST_F(JournalWordsTest, AFollowerThatStallsHoldsUpNobody)
     {
         Enter(_journal, TcpClient(1), {{std::string(1000, 'g'), {std::to_string(i)}}});
     }
+    EXPECT_THAT(Ask("journal 1"), HasSubstr("key.1=[g"));
+}
+
+TEST_F(JournalWordsTest, AFollowerThatTakesNothingIsDisconnected)
+{
+    constexpr unsigned int idleMs = 60'000;
+    constexpr unsigned int writeMs = 50;
+    Open(&_journal, {idleMs, writeMs});
+    RawClient idle(_address);  // which the limit is not about
+    idle.Send("follow\n");
+    EXPECT_EQ(Answer(idle), "");
+    RawClient stalled(_address);
+    stalled.Send("follow\n");
+    EXPECT_EQ(Answer(stalled), "");
+    int changes = 0;
+    EXPECT_TRUE(Eventually([&] {
+        // What its socket holds is a few answers; the idle one takes its own.
+        const std::string name = std::to_string(++changes);
+        for (int i = 0; i < 60; ++i)
+        {
+            Enter(_journal, TcpClient(1), {{std::string(1000, 'g'), {name + ' ' + std::to_string(i)}}});
+        }
+        Answer(idle);
+        return (stalled.GetSocket().Wait(false, false, 0) & osa::TcpSocket::Readable) != 0;
+    }));
     EXPECT_THAT(Ask("journal 1"), HasSubstr("key.1=[g"));
 }
 
