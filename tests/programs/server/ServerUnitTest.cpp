@@ -126,8 +126,8 @@ TEST(ServerUnitTest, EveryLineIsBelowAComment)
     {
         explained = !line.empty() && line.front() != '[' && (explained || line.front() == '#');
         const bool speaksForItself = line.empty() || line.front() == '[' || line.starts_with("Description=") ||
-                                     line.starts_with("Type=") || line.starts_with("WantedBy=") ||
-                                     line.starts_with("Also=");
+                                     line.starts_with("Documentation=") || line.starts_with("Type=") ||
+                                     line.starts_with("WantedBy=") || line.starts_with("Also=");
         EXPECT_TRUE(explained || speaksForItself) << line;
     }
 }
