@@ -270,8 +270,13 @@ async function fetchPage(address, options) {
     return {answer, page, said, failure};
 }
 
-const hexOf = (text) => [...new TextEncoder().encode(text)].map((byte) => byte.toString(16).padStart(2, '0')).join('');
-const addressOf = (groups) => (groups.length > MOST_NAMES ? './' : `./?${groups.map((name) => `group[]=${name}`).join('&')}`);
+function hexOf(text) {
+    return [...new TextEncoder().encode(text)].map((byte) => byte.toString(16).padStart(2, '0')).join('');
+}
+
+function addressOf(groups) {
+    return groups.length > MOST_NAMES ? './' : `./?${groups.map((name) => `group[]=${name}`).join('&')}`;
+}
 
 // One exchange at a time, so that what is older never replaces what is newer.
 let queue = Promise.resolve();
@@ -326,7 +331,7 @@ async function submit(form, button) {
     say('alert', '');
     const request = {method: 'POST', body: new URLSearchParams(fields)};
     const {answer, page, said, failure} = await fetchPage(addressOf([group]), request);
-    wasAway ||= answer.status === 503;
+    wasAway = answer.status === 503;
     if (isNew && failure === '') {
         form.reset();
     }

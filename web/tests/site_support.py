@@ -27,7 +27,7 @@ from support import Groups, Server
 T = TypeVar("T")
 
 WEB = Path(__file__).resolve().parent.parent
-LIMIT = 20.0  # seconds, for what should take far less
+LIMIT = 60.0  # seconds, for what should take far less
 
 
 def eventually(what: Callable[[], T], limit: float = LIMIT) -> T:
@@ -40,6 +40,20 @@ def eventually(what: Callable[[], T], limit: float = LIMIT) -> T:
                 return result
         assert time.monotonic() < end, f"waited {limit} seconds in vain"
         time.sleep(0.01)
+
+
+def within_a_second(act: Callable[[int], Callable[[], object]]) -> None:
+    """Acts, and awaits what comes of it. One of several attempts must take less than a second: a busy machine may be
+    slow at times, and a page that asks every two seconds nearly always is."""
+    times = []
+    for attempt in range(8):
+        is_there = act(attempt)
+        begin = time.monotonic()
+        eventually(is_there)
+        times.append(time.monotonic() - begin)
+        if times[-1] < 1.0:
+            return
+    raise AssertionError(times)
 
 
 class PhpServer:
@@ -145,7 +159,8 @@ class Answer:
         return self.body.decode()
 
     def forms(self) -> dict[str, FoundForm]:
-        return {form.attributes["data-group"] or "": form for form in _Forms(self.text).forms if "data-group" in form.attributes}
+        found = [form for form in _Forms(self.text).forms if "data-group" in form.attributes]
+        return {form.attributes["data-group"] or "": form for form in found}
 
     def form(self, identity: str) -> FoundForm:
         return next(form for form in _Forms(self.text).forms if form.attributes.get("id") == identity)

@@ -36,7 +36,7 @@ def emulated(browser: WebDriver) -> Iterator[WebDriver]:
 
 
 def show_dark(driver: WebDriver) -> None:
-    features = [{"name": "prefers-color-scheme", "value": "dark"}, {"name": "prefers-reduced-motion", "value": "reduce"}]
+    features = [{"name": "prefers-color-scheme", "value": "dark"}]
     driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": features})
 
 
@@ -66,7 +66,8 @@ def show_conflict(page: Page, site: Site) -> None:
 
 
 def show_every_kind_of_row(page: Page, site: Site) -> None:
-    site.merge({"Odd": {"raw": "\x00\udcff", "": "no name", "long": "x" * 70000, "lines": "a\nb"}, "": {"a": "b"}, "a*": {"b": "c"}})
+    odd = {"raw": "\x00\udcff", "": "no name", "long": "x" * 70000, "lines": "a\nb"}
+    site.merge({"Odd": odd, "": {"a": "b"}, "a*": {"b": "c"}})
     with site.client() as client:
         client.erase("Network/Guest")
         client.overwrite(["Audio"], {"Audio": {"volume": "41"}})
@@ -127,7 +128,8 @@ def test_axe_finds_nothing_without_the_stylesheet_from_npm(browser: WebDriver, s
 
 
 def overflow(driver: WebDriver) -> int:
-    return int(driver.execute_script("return document.documentElement.scrollWidth - document.documentElement.clientWidth"))
+    page = "document.documentElement"
+    return int(driver.execute_script(f"return {page}.scrollWidth - {page}.clientWidth"))
 
 
 @pytest.mark.parametrize("is_styled", [True, False], ids=["styled", "plain"])

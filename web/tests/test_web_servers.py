@@ -5,12 +5,12 @@ import contextlib
 import os
 import subprocess
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
 
-from site_support import WEB, PlainBrowser, Site, eventually
+from site_support import WEB, PlainBrowser, Site, eventually, within_a_second
 
 HOST = "panel.example"
 LOGIN = "Basic " + base64.b64encode(b"operator:secret").decode()
@@ -50,7 +50,8 @@ def adapted(name: str, folder: Path) -> str:
         ("/run/php/korlo-settings.sock", f"{folder}/php.sock"),
         ("listen 80;", f"listen unix:{folder}/nginx.sock;"),
         ("www-data", os.environ.get("USER", "root") if os.getuid() != 0 else "root"),
-        (";env[KORLO_SETTINGS_ADDRESS] = unix:/run/korlo-settings/socket", f"env[KORLO_SETTINGS_ADDRESS] = unix:{folder}/socket"),
+        (";env[KORLO_SETTINGS_ADDRESS]", "env[KORLO_SETTINGS_ADDRESS]"),
+        ("/run/korlo-settings/socket", f"{folder}/socket"),
     ):
         text = text.replace(shipped, here)
     return text
@@ -70,7 +71,7 @@ def running(*command: str, until: Path) -> Iterator[None]:
 @pytest.fixture(scope="module")
 def php(shared_site: Site, folder: Path) -> Iterator[Path]:
     """PHP's process manager with the pool as it is shipped."""
-    password = subprocess.run(["openssl", "passwd", "-apr1", "secret"], capture_output=True, text=True, check=True).stdout
+    password = subprocess.check_output(["openssl", "passwd", "-apr1", "secret"], text=True)
     (folder / "htpasswd").write_text(f"operator:{password}")
     (folder / "htpasswd").chmod(0o644)
     (folder / "pool.conf").write_text(adapted("php-fpm.conf", folder))
@@ -149,14 +150,15 @@ def test_changes_arrive_at_once_and_streams_leave_processes_to_pages(
         assert sorted(retries) == [b"retry: 2000\n"] * 4 + [b"retry: 50\n"] * 2
         begin = time.monotonic()
         assert browser_behind_login.get("/settings/").status == 200
-        assert time.monotonic() - begin < 1.0
+        assert time.monotonic() - begin < 15.0  # long before a stream ends
         first = streams[retries.index(b"retry: 50\n")]
         site.await_streams(2)
         while b'"whole":true' not in first.readline():
             pass
-        begin = time.monotonic()
-        site.merge({"Audio": {"volume": "13"}})
-        while b'"whole":false' not in first.readline():
-            pass
-        assert time.monotonic() - begin < 1.0
+
+        def change(attempt: int) -> Callable[[], object]:
+            site.merge({"Audio": {"volume": f"1{attempt}"}})
+            return lambda: b'"whole":false' in first.readline()
+
+        within_a_second(change)
     site.await_streams(0)  # a browser that has gone frees its process
