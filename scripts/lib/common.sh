@@ -45,7 +45,7 @@ packages_of()
             case $name in debug | release | clang | coverage) echo mandoc mypy python3-pytest scdoc ;; esac
             case $name in
                 checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
-                debug) echo doxygen phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd ;;
+                debug) echo doxygen phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd openssl ;;
                 clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr phpunit php-codesniffer ;;
