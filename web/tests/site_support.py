@@ -386,5 +386,7 @@ class Page:
 
 def console(driver: WebDriver) -> list[str]:
     """What the console tells; a refusal, and a server that a test has ended, are no fault of the page."""
-    refusals = re.compile(r"the server responded with a status of (400|403|409|503)|net::ERR_(CONNECTION|EMPTY)")
+    refusals = re.compile(
+        r"the server responded with a status of (400|403|409|503)|net::ERR_(CONNECTION|EMPTY|SOCKET_NOT_CONNECTED)"
+    )
     return [entry["message"] for entry in driver.get_log("browser") if not refusals.search(entry["message"])]
