@@ -2,7 +2,7 @@
 """Has the compiler of a build look over sources without making anything of them; its warnings are errors where the
 build says so.
 
-    check_syntax BUILD EXPRESSION    every source in BUILD/compile_commands.json whose path the expression finds
+    check_syntax.py BUILD EXPRESSION    every source in BUILD/compile_commands.json whose path the expression finds
 """
 
 import concurrent.futures
