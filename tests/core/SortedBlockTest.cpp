@@ -229,8 +229,8 @@ TEST(SortedBlockTest, FindsKeysThatWereChosenToCollide)
 
 TEST(SortedBlockTest, KeysThatWereChosenToCollideAreFoundAboutAsFastAsOthers)
 {
-    constexpr std::size_t count = 8000;
-    const std::set<std::string> colliding = CollidingNames(count, 16384);
+    constexpr std::size_t count = 4000;  // under an emulator, twice as many take four times as long to find
+    const std::set<std::string> colliding = CollidingNames(count, 8192);
     std::set<std::string> ordinary;
     for (std::size_t i = 0; i < count; ++i)
     {
@@ -239,11 +239,11 @@ TEST(SortedBlockTest, KeysThatWereChosenToCollideAreFoundAboutAsFastAsOthers)
     const Block ordinaryBlock = MakeBlock(ordinary);
     const Block collidingBlock = MakeBlock(colliding);
     double ratio = 1e9;
-    for (int attempt = 0; attempt < 5 && ratio >= 20; ++attempt)  // another process may have had the machine
+    for (int attempt = 0; attempt < 5 && ratio >= 10; ++attempt)  // another process may have had the machine
     {
         ratio = TimeOfLookups(collidingBlock, colliding) / TimeOfLookups(ordinaryBlock, ordinary);
     }
-    EXPECT_LT(ratio, 20) << "a walk over all that collide takes over 50 times as long";
+    EXPECT_LT(ratio, 10) << "a walk over all that collide takes over 25 times as long";
 }
 
 }  // namespace korlo::core
