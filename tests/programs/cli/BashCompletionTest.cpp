@@ -2,8 +2,7 @@
 
 #include <optional>
 
-#include "ToolFixture.h"
-#include "korlo/core/IniFile.h"
+#include "CompletionFixture.h"
 #include "support/InteractiveBash.h"
 
 namespace korlo::settings::cli
@@ -11,29 +10,11 @@ namespace korlo::settings::cli
 namespace
 {
 
-/// A bash that has the completion, and programs that help it as the real ones do and otherwise write down their
-/// arguments.
-class BashCompletionTest : public ToolTest
+/// A bash that has the completion.
+class BashCompletionTest : public CompletingShellTest
 {
 protected:
-    BashCompletionTest()
-    {
-        std::filesystem::create_directory(PathOf("bin"));
-        MakeProgram("korlo-settings", "if [ \"$1\" = complete ]; then shift; exec " + CommandOf(KORLO_SETTINGS_TOOL) +
-                                          "complete --within 60000 \"$@\"; fi\n");
-        MakeProgram("korlo-settings-server",
-                    "if [ \"$1\" = --help ]; then exec " + CommandOf(KORLO_SETTINGS_SERVER) + "--help; fi\n");
-        Start();
-    }
-
-    static std::string CommandOf(const char* program) { return std::string(KORLO_EMULATOR) + ' ' + program + ' '; }
-
-    /// @param exceptions the lines of a script that do what the real program is to do.
-    void MakeProgram(const std::string& name, const std::string& exceptions) const
-    {
-        Write("bin/" + name, "#!/bin/sh\n" + exceptions + "printf '%s\\0' \"$@\" > '" + PathOf("arguments") + "'\n");
-        std::filesystem::permissions(PathOf("bin/" + name), std::filesystem::perms(0755));
-    }
+    BashCompletionTest() { Start(); }
 
     void Start(const std::string& setting = ":", const std::string& locale = "C.UTF-8")
     {
@@ -56,13 +37,7 @@ protected:
     {
         std::filesystem::remove(PathOf("arguments"));
         TypeLine(keys);
-        std::istringstream text(Read(PathOf("arguments")));
-        Arguments arguments;
-        for (std::string argument; std::getline(text, argument, '\0');)
-        {
-            arguments.push_back(argument);
-        }
-        return arguments;
+        return GivenArguments();
     }
 
     /// The same for a command on the file.
@@ -76,57 +51,9 @@ protected:
     std::optional<InteractiveBash> _bash;
 };
 
-/// As INI text, whatever bytes it holds.
-std::string HeaderOf(const std::string& name)
-{
-    core::IniFile document;
-    document[name];
-    std::ostringstream text;
-    document.SaveToStream(text);
-    return text.str();
-}
-
-struct NameRow
-{
-    std::string name;
-    std::string plain;    // the beginning that is typed without quotes
-    std::string single;   // behind a single quote; empty where it cannot be typed so
-    std::string doubled;  // behind a double quote; the same
-};
-
-const NameRow NameRows[] = {
-    {"Audio", "Au", "Au", "Au"},
-    {"My Group", "My", "My Gr", "My Gr"},
-    {"it's mine", "it", "it", "it's"},
-    {"say \"hi\"", "say\\ ", "say \"", "say "},
-    {"br[ack]ets", "br\\[", "br[", "br["},
-    {"{a,b}", "\\{", "{a", "{a"},
-    {"(round)", "\\(", "(r", "(r"},
-    {"st*rs?", "st\\*", "st*", "st*"},
-    {"back\\slash", "back\\\\", "back\\", "back"},
-    {"dollar$HOME`id`", "dollar\\$H", "dollar$", "dollar"},
-    {"bang!bang", "bang", "bang!", "bang"},
-    {"semi;colon&<pipe>|", "semi\\;", "semi;", "semi;"},
-    {"co:lon", "co:l", "co:l", "co:"},
-    {"eq=ual@home", "eq=ual@h", "eq=u", "eq="},
-    {"#hash", "\\#h", "#h", "#"},
-    {"~tilde", "\\~t", "~t", "~"},
-    {"Größe/日本", "Grö", "Grö", "Grö"},
-    {"new\nline", "new", "new", "new"},
-    {"tab\there", "tab", "tab", "tab"},
-    {"\x01\x1b[31mred\x7f", "$'\\001", "", ""},
-    {"latin\xE9\xFF", "lat", "lat", "lat"},
-    {"  outer  ", "\\ ", "  ", "  "},
-};
-
 TEST_F(BashCompletionTest, EveryNameReachesTheProgramAsItIs)
 {
-    std::string text;
-    for (const NameRow& row : NameRows)
-    {
-        text += HeaderOf(row.name) + "k=v\n";
-    }
-    WriteFile(text);
+    WriteFile(TextOfNameRows());
     for (const NameRow& row : NameRows)
     {
         const Arguments expected = {"erase", row.name};
