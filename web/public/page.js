@@ -220,13 +220,17 @@ function eraseForm(form, isAnswer) {
 // --- The page
 
 let wasAway = false;  // and the page says so
+let failed = '';      // what it said before, and says again when that is over
 const list = globalThis.document?.getElementById('groups');
 const idOf = (form) => form.id.slice('g-'.length);
 const groupOf = (form) => idOf(form).split('.')[0];
 const formsOf = (root) => [...root.querySelectorAll('main > form[id^="g-"]')];
 
+const placeOf = (role) => document.querySelector(`[role="${role}"]`);
+const said = (role) => placeOf(role).textContent;
+
 function say(role, text) {
-    const place = document.querySelector(`[role="${role}"]`);
+    const place = placeOf(role);
     if (place.textContent !== text) {
         place.textContent = text;
     }
@@ -266,8 +270,8 @@ async function fetchPage(address, options) {
     if (!page.querySelector('main')) {
         throw new Error(`The web server has answered with another page. Reload this one. ${KEPT}`);
     }
-    const [said, failure] = ['status', 'alert'].map((role) => page.querySelector(`[role="${role}"]`)?.textContent ?? '');
-    return {answer, page, said, failure};
+    const [success, failure] = ['status', 'alert'].map((role) => page.querySelector(`[role="${role}"]`)?.textContent ?? '');
+    return {answer, page, success, failure};
 }
 
 function hexOf(text) {
@@ -291,6 +295,7 @@ async function catchUp() {
         return;
     }
     if (state.trouble !== '') {
+        failed = wasAway ? failed : said('alert');
         wasAway = true;
         say('alert', `${state.trouble} ${KEPT}`);
         return;
@@ -301,7 +306,7 @@ async function catchUp() {
     }
     if (wasAway) {
         wasAway = false;
-        say('alert', '');
+        say('alert', failed);
         say('status', 'Connected again.');
     }
     const drawn = new Map(formsOf(document).map((form) => [groupOf(form), form.dataset.digest ?? '']));
@@ -329,8 +334,9 @@ async function submit(form, button) {
     const group = isNew ? hexOf(fields.get('new-group')) : groupOf(form);
     say('status', '');
     say('alert', '');
+    failed = '';
     const request = {method: 'POST', body: new URLSearchParams(fields)};
-    const {answer, page, said, failure} = await fetchPage(addressOf([group]), request);
+    const {answer, page, success, failure} = await fetchPage(addressOf([group]), request);
     wasAway = answer.status === 503;
     if (isNew && failure === '') {
         form.reset();
@@ -341,7 +347,7 @@ async function submit(form, button) {
     if (document.activeElement === document.body) {  // what had the focus is gone
         (document.getElementById(form.id)?.querySelector('button') ?? searchField()).focus();
     }
-    say('status', said);
+    say('status', success);
     say('alert', failure);
 }
 

@@ -145,6 +145,17 @@ def test_a_web_server_that_is_away_is_said_and_over_by_itself(live: Page, site: 
     eventually(lambda: live.alert == "")
 
 
+def test_what_failed_before_is_said_again_when_the_web_server_is_back(live: Page, site: Site) -> None:
+    live.type("Audio", "volume", "65")
+    site.merge({"Audio": {"volume": "90"}})
+    live.press("Audio", "save")
+    failure = live.await_alert("somebody else has changed ‘volume’")
+    site.php.stop()
+    live.await_alert("The web server of this page does not answer.")
+    site.php.start()
+    eventually(lambda: live.alert == failure)
+
+
 def test_ten_tabs_share_one_stream_and_an_eleventh_opens_at_once(live: Page, site: Site) -> None:
     driver = live.driver
     for _ in range(9):
