@@ -11,6 +11,7 @@
 #include "server/ErasedGroups.h"
 #include "server/StoreCounter.h"
 #include "server/StoreLock.h"
+#include "server/UserLayerEdit.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::settings::server
@@ -252,8 +253,10 @@ void SettingsManager::PerformMergeUnlocked(const IniFile& changes, unsigned int 
     if ((flags & DoNotPersist) == 0)
     {
         // With the lock held: so saves come in the order of the changes, and none puts an older layer over a newer.
+        UserLayerEdit edit = EditUserLayer();
+        edit.ExpectMerge(changes);
         _userSettings.MergeSettings(changes);
-        SaveUserSettings();
+        edit.Save();
     }
 }
 
@@ -299,12 +302,14 @@ void SettingsManager::OverwriteSettings(const GroupNameCollection& namesAndPatte
         GroupDiscriminator::FilterOutRestrictedGroups(changedGroups);
         ChangeReport report(_pObserver, pOrigin, operation::Overwrite);
         report.ExpectReplacement(_settings, changedGroups, accepted);
+        UserLayerEdit edit = EditUserLayer();
+        edit.ExpectReplacement(changedGroups, accepted);
         RemoveGroups(changedGroups);
         MergeIntoSettings(accepted);
         _userSettings.MergeSettings(accepted);
         // As they were asked for, not what they match now: defaults that come with a later version stay away, too.
         _userSettings.ValueListAppendUnique(ErasedGroups, namesAndPatterns);
-        SaveUserSettings();
+        edit.Save();
         report.NoteDone();
     }
     changedGroups.merge(common::GroupNamesOf(accepted));
@@ -343,12 +348,14 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, const C
         matcher.MergeMatchingGroups(defaults, restored);
         ChangeReport report(_pObserver, pOrigin, operation::Restore);
         report.ExpectReplacement(_settings, changedGroups, restored);
+        UserLayerEdit edit = EditUserLayer();
+        edit.ExpectReplacement(changedGroups, restored);
         RemoveGroups(changedGroups);
 
         // Into the user layer, too: where the record has the group as erased, the next start drops its default.
         _userSettings.MergeSettings(restored);
         MergeIntoSettings(restored);
-        SaveUserSettings();
+        edit.Save();
         report.NoteDone();
     }
     changedGroups.merge(common::GroupNamesOf(restored));
@@ -395,12 +402,9 @@ StoreFigures SettingsManager::GetFigures() const
     return _pCounter->GetFigures();
 }
 
-void SettingsManager::SaveUserSettings()
+UserLayerEdit SettingsManager::EditUserLayer()
 {
-    if (_pPersister != nullptr)
-    {
-        _pPersister->SaveUserSettings(_userSettings);
-    }
+    return UserLayerEdit({_pPersister, _pChangePersister}, _userSettings, _isUserLayerDue);
 }
 
 void SettingsManager::Subscribe(IChangeCallback* pCallback, const GroupNameMatcher& groups)

@@ -15,6 +15,7 @@
 #include "settings/common/CallbackDispatcher.h"
 #include "settings/common/GroupNameMatcher.h"
 #include "settings/server/IChangeObserver.h"
+#include "settings/server/IChangePersister.h"
 #include "settings/server/IIncludeFilter.h"
 #include "settings/server/IRestrictedSettingsLoader.h"
 #include "settings/server/ISettingsPersister.h"
@@ -27,6 +28,7 @@ namespace korlo::settings::server
 {
 
 class StoreCounter;
+class UserLayerEdit;
 
 /// The one authoritative copy of all settings, in memory, shared by every client.
 ///
@@ -83,6 +85,12 @@ public:
 
     /// Null where there is none.
     IChangeObserver* GetChangeObserver() const { return _pObserver; }
+
+    /// Hands each change of the user layer to this one from now on, where the persister would get the whole layer; part
+    /// of building the store, before anybody else uses it. After a change that could not be told or saved, the
+    /// persister gets the whole layer once, with the next one. Without it nothing is worked out for it.
+    /// @param pChangePersister borrowed, may be null; must outlive the last change.
+    void SetChangePersister(IChangePersister* pChangePersister) { _pChangePersister = pChangePersister; }
 
     /// Adds to the combiner the filters for defaults and restricted settings.
     void ConfigureSettingsCombiner(SettingsCombiner& combiner) const;
@@ -181,7 +189,7 @@ private:
 
     void LoadLayers() KORLO_REQUIRES(_lock);
     void RemoveErasedGroups() KORLO_REQUIRES(_lock);
-    void SaveUserSettings() KORLO_REQUIRES(_lock);
+    UserLayerEdit EditUserLayer() KORLO_REQUIRES(_lock);
     core::IniFile LoadFreshDefaults() KORLO_REQUIRES(_restoreMutex);
     void RemoveGroups(const GroupNameCollection& names) KORLO_REQUIRES(_lock);
     void MergeIntoSettings(const core::IniFile& changes) KORLO_REQUIRES(_lock);
@@ -191,10 +199,12 @@ private:
     IIncludeFilter* _pIncludeFilter;                              // borrowed, may be null
     std::unique_ptr<LoadPriorityIncludeFilter> _pPriorityFilter;  // its memory of claims lives as long as the store
     IChangeObserver* _pObserver = nullptr;                        // borrowed, may be null
+    IChangePersister* _pChangePersister = nullptr;                // borrowed, may be null
 
     mutable osa::ReadWriteLock _lock;
     core::IniFile _userSettings KORLO_GUARDED_BY(_lock);
     core::IniFile _settings KORLO_GUARDED_BY(_lock);
+    bool _isUserLayerDue KORLO_GUARDED_BY(_lock) = false;  // a change of it has failed: the next save takes it whole
 
     const std::unique_ptr<StoreCounter> _pCounter;  // of `_settings`; kept with `_lock` held, read without
 
