@@ -50,8 +50,9 @@ void DelayedPersister::Finish()
     _thread.Join();
     if (std::exchange(_isDirty, false))
     {
-        _target.Save(_takeText);
+        Save(_gathered);
     }
+    _target.Finish(_takeText);
 }
 
 void DelayedPersister::Stop()
@@ -74,6 +75,24 @@ void DelayedPersister::LoadUserSettings(settings::server::SettingsCombiner& comb
 void DelayedPersister::SaveUserSettings(const core::IniFile&)
 {
     const std::lock_guard lock(_mutex);
+    _gathered.isWholeLayer = true;
+    NoteDirty();
+}
+
+void DelayedPersister::SaveChange(const settings::server::UserLayerChange& change, const core::IniFile&)
+{
+    const std::lock_guard lock(_mutex);
+    if (!_gathered.isWholeLayer)
+    {
+        _gathered.isWholeLayer = true;  // should memory run out in the middle
+        _gathered.change.Append(change);
+        _gathered.isWholeLayer = false;
+    }
+    NoteDirty();
+}
+
+void DelayedPersister::NoteDirty()
+{
     if (!std::exchange(_isDirty, true))
     {
         _changed.notify_all();
@@ -95,10 +114,12 @@ void DelayedPersister::Run()
         _isDirty = false;  // before the text is taken: what changes from now on is saved once more
         _isUrgent = false;
         ++_begun;
+        const Gathered gathered = std::exchange(_gathered, Gathered());
         lock.unlock();
-        const bool isSaved = TryToSave();
+        const bool isSaved = TryToSave(gathered);
         lock.lock();
         _isDirty = _isDirty || !isSaved;
+        _gathered.isWholeLayer = _gathered.isWholeLayer || !isSaved;
         _ended = _begun;
         _lastSuccess = isSaved ? _ended : _lastSuccess;
         _changed.notify_all();
@@ -106,11 +127,18 @@ void DelayedPersister::Run()
     }
 }
 
-bool DelayedPersister::TryToSave() const
+/// A change that is saved while it is in the layer already, because it was gathered before the text was taken, is made
+/// a second time when the log is read, which changes nothing.
+void DelayedPersister::Save(const Gathered& gathered) const
+{
+    gathered.isWholeLayer ? _target.Save(_takeText) : _target.SaveGathered(gathered.change, _takeText);
+}
+
+bool DelayedPersister::TryToSave(const Gathered& gathered) const
 {
     try
     {
-        _target.Save(_takeText);
+        Save(gathered);
         return true;
     }
     catch (const std::exception& exception)

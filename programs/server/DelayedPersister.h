@@ -9,8 +9,10 @@
 #include "FileSettingsPersister.h"
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Thread.h"
+#include "settings/server/IChangePersister.h"
 #include "settings/server/ISettingsPersister.h"
 #include "settings/server/SettingsManager.h"
+#include "settings/server/UserLayerChange.h"
 
 namespace korlo::daemon
 {
@@ -26,10 +28,13 @@ std::string UserLayerOf(const settings::server::SettingsManager& store);
 ///     persister.Start([&] { return UserLayerOf(store); });
 ///
 /// The first change starts the delay; when it is over, the user layer is taken from the store as it then is. So a
-/// change costs the same however large the layer has become.
+/// change costs the same however large the layer has become. By appending, the changes themselves are gathered, and
+/// saved as one; the layer is taken from the store only where a save has failed.
 ///
 /// Thread safety: as ISettingsPersister; SaveNow and IsWaiting from any thread; Start and Finish belong to the owner.
-class DelayedPersister : public settings::server::ISettingsPersister, private osa::Runnable
+class DelayedPersister : public settings::server::ISettingsPersister,
+                         public settings::server::IChangePersister,
+                         private osa::Runnable
 {
 public:
     using TakeText = FileSettingsPersister::TakeText;
@@ -61,11 +66,23 @@ public:
     /// Notes that there is something to save.
     void SaveUserSettings(const core::IniFile& userSettings) override;
 
+    /// Gathers the change.
+    void SaveChange(const settings::server::UserLayerChange& change, const core::IniFile& userSettings) override;
+
 private:
     void Run() override;
     void Stop() override;
 
-    bool TryToSave() const;
+    /// What is to be saved.
+    struct Gathered
+    {
+        bool isWholeLayer = false;
+        settings::server::UserLayerChange change;  // where it is not
+    };
+
+    void NoteDirty();
+    void Save(const Gathered& gathered) const;
+    bool TryToSave(const Gathered& gathered) const;
 
     FileSettingsPersister& _target;
     const unsigned int _delayMs;
@@ -75,6 +92,7 @@ private:
     mutable std::mutex _mutex;  // guards what follows; nobody holds it while anything is saved
     std::condition_variable _changed;
     bool _isDirty = false;
+    Gathered _gathered;  // while it is dirty
     bool _isStopped = false;
     bool _isUrgent = false;          // somebody waits for the next attempt
     std::uint64_t _begun = 0;        // attempts of the thread

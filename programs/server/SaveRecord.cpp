@@ -37,6 +37,12 @@ void SaveRecord::NoteFailed(const char* reason)
     }
 }
 
+void SaveRecord::NoteLog(const LogFigures& log)
+{
+    const PlainLock lock(_mutex);
+    _figures.log = log;
+}
+
 std::uint64_t SaveRecord::CountBegun() const
 {
     const PlainLock lock(_mutex);

@@ -2,6 +2,7 @@
 // What became of the saves.
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,6 +19,14 @@ namespace korlo::daemon
 class SaveRecord
 {
 public:
+    /// How saving by appending goes.
+    struct LogFigures
+    {
+        std::size_t bytes = 0;  ///< of the log
+        std::size_t limit = 0;  ///< beyond which it is folded into the user file
+        std::size_t folds = 0;  ///< since the start
+    };
+
     struct Figures
     {
         std::uint64_t saves = 0;    ///< that have written
@@ -27,6 +36,7 @@ public:
         std::chrono::system_clock::time_point lastFailureTime;  ///< of `lastFailure`
         bool isUnsaved = false;                                 ///< the last attempt has failed
         std::optional<std::chrono::milliseconds> running;       ///< for how long one has been under way
+        LogFigures log;
     };
 
     /// An attempt begins.
@@ -35,6 +45,9 @@ public:
     // It ends.
     void NoteDone(bool hasWritten) KORLO_EXCLUDES(_mutex);
     void NoteFailed(const char* reason) KORLO_EXCLUDES(_mutex);
+
+    /// What a load or an attempt has made of the log.
+    void NoteLog(const LogFigures& log) KORLO_EXCLUDES(_mutex);
 
     /// How many attempts have begun.
     std::uint64_t CountBegun() const KORLO_EXCLUDES(_mutex);

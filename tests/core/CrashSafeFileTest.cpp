@@ -346,6 +346,26 @@ TEST_F(CrashSafeFileTest, TheContentIsOnTheDiskBeforeItTakesTheName)
                                                    "Close", "Link", "Rename", "Unlink", "Rename", "SyncFolder"));
 }
 
+TEST_F(CrashSafeFileTest, FilesBesideItChangeTheirNamesBetweenItsRenameAndTheSyncOfTheFolder)
+{
+    FaultyFileSystem fileSystem;
+    CrashSafeFile file(_path, CrashSafeFile::KeepNone, 0644, fileSystem);
+    file.Replace("new", [&] {
+        EXPECT_EQ(ContentOf(_path), "new");
+        EXPECT_EQ(fileSystem.GetCalls().back(), "Rename");
+    });
+    EXPECT_EQ(fileSystem.GetCalls().back(), "SyncFolder");
+    EXPECT_EQ(MessageOf([&] { file.Replace("newer", [] { throw Exception("no name"); }); }), "no name");
+    EXPECT_EQ(ContentOf(_path), "newer");
+}
+
+TEST_F(CrashSafeFileTest, TellsWhichFileIsReplaced)
+{
+    EXPECT_EQ(CrashSafeFile(_path).GetTarget(), _path);
+    std::filesystem::create_symlink("real.ini", _folder.PathOf("link.ini"));
+    EXPECT_EQ(CrashSafeFile(_folder.PathOf("link.ini")).GetTarget(), _folder.PathOf("real.ini"));
+}
+
 TEST_F(CrashSafeFileTest, SyncsWhatSomebodyElseHasWrittenAndItsFolder)
 {
     WriteFile(_path, OldContent);

@@ -44,6 +44,9 @@ public:
         _error = error;
     }
 
+    /// Lets syncs do nothing but be counted, for tests of many saves.
+    void DoNotSync() { _syncs = false; }
+
     /// Behaves as a file system without hard links.
     void RefuseLinks() { _hasLinks = false; }
 
@@ -100,7 +103,7 @@ public:
 
     int Sync(int file) override
     {
-        return Call("Sync", [&] { return _real.Sync(file); });
+        return Call("Sync", [&] { return _syncs ? _real.Sync(file) : 0; });
     }
 
     int Close(int file) override
@@ -143,7 +146,17 @@ public:
 
     int SyncFolder(const std::string& path) override
     {
-        return Call("SyncFolder", [&] { return _real.SyncFolder(path); });
+        return Call("SyncFolder", [&] { return _syncs ? _real.SyncFolder(path) : 0; });
+    }
+
+    int OpenForAppending(const std::string& path, int& file) override
+    {
+        return Opened(Call("OpenForAppending", [&] { return _real.OpenForAppending(path, file); }));
+    }
+
+    int SyncData(int file) override
+    {
+        return Call("SyncData", [&] { return _syncs ? _real.SyncData(file) : 0; });
     }
 
 private:
@@ -183,6 +196,7 @@ private:
     int _error = 0;
     std::vector<std::string> _calls;
     bool _hasFailed = false;
+    bool _syncs = true;
     bool _hasLinks = true;
     bool _setsOwners = true;
     unsigned int _owner = KeepOwner;

@@ -198,8 +198,8 @@ CrashSafeFile::CrashSafeFile(const std::string& path, Generations generations, u
 // 2. The old content gets its second name. The order matters: until step 3 both names hold the old content, so that at
 //    no moment there is no whole file under the first one.
 // 3. The new file takes the first name.
-// 4. The names go onto the disk.
-void CrashSafeFile::Replace(const std::string& content)
+// 4. The names go onto the disk, those of the files beside it with them.
+void CrashSafeFile::Replace(const std::string& content, const std::function<void()>& onReplaced)
 {
     const std::string target = ResolveLinks();
     const std::optional<FileStatus> status = GetReplaceable(target);
@@ -215,7 +215,13 @@ void CrashSafeFile::Replace(const std::string& content)
     // 3.
     newFile.RenameTo(target);
     // 4.
+    onReplaced();
     SyncFolderOf(target);
+}
+
+void CrashSafeFile::Replace(const std::string& content)
+{
+    Replace(content, [] {});
 }
 
 void CrashSafeFile::Sync() const

@@ -106,6 +106,13 @@ public:
         return error == EINVAL || error == ENOTSUP ? 0 : error;
     }
 
+    int OpenForAppending(const std::string& path, int& file) override
+    {
+        return Open(path, O_WRONLY | O_APPEND, 0, file);
+    }
+
+    int SyncData(int file) override { return ErrorOf(::fdatasync(file)); }
+
 private:
     static int Open(const std::string& path, int flags, mode_t mode, int& file)
     {
@@ -130,6 +137,11 @@ private:
 };
 
 }  // namespace
+
+int IFileSystem::OpenForAppending(const std::string&, int&)
+{
+    return ENOTSUP;
+}
 
 IFileSystem& RealFileSystem()
 {

@@ -13,7 +13,7 @@ constexpr std::size_t StepBytes = 8;
 /// What each value of a byte adds, for each place in a step.
 using Tables = std::array<std::array<std::uint32_t, 256>, StepBytes>;
 
-Tables MakeTables()
+constexpr Tables MakeTables()
 {
     constexpr std::uint32_t polynomial = 0xEDB88320u;
     Tables tables{};
@@ -37,6 +37,8 @@ Tables MakeTables()
     return tables;
 }
 
+constexpr Tables StepTables = MakeTables();
+
 std::uint32_t FourBytes(const char* pText)
 {
     const auto byte = [pText](int place) { return std::uint32_t{static_cast<unsigned char>(pText[place])}; };
@@ -48,19 +50,18 @@ std::uint32_t FourBytes(const char* pText)
 /// Eight bytes a step: the whole user file goes through here when a log is folded, while a client waits.
 std::uint32_t Checksum(std::string_view text, std::uint32_t before)
 {
-    static const Tables tables = MakeTables();  // not in the program's file, and in memory only where they are used
     std::uint32_t rest = ~before;
     for (; text.size() >= StepBytes; text.remove_prefix(StepBytes))
     {
         const std::uint32_t low = FourBytes(text.data()) ^ rest;
         const std::uint32_t high = FourBytes(text.data() + 4);
-        rest = tables[7][low & 0xFFu] ^ tables[6][low >> 8 & 0xFFu] ^ tables[5][low >> 16 & 0xFFu] ^
-               tables[4][low >> 24] ^ tables[3][high & 0xFFu] ^ tables[2][high >> 8 & 0xFFu] ^
-               tables[1][high >> 16 & 0xFFu] ^ tables[0][high >> 24];
+        rest = StepTables[7][low & 0xFFu] ^ StepTables[6][low >> 8 & 0xFFu] ^ StepTables[5][low >> 16 & 0xFFu] ^
+               StepTables[4][low >> 24] ^ StepTables[3][high & 0xFFu] ^ StepTables[2][high >> 8 & 0xFFu] ^
+               StepTables[1][high >> 16 & 0xFFu] ^ StepTables[0][high >> 24];
     }
     for (const char c : text)
     {
-        rest = (rest >> 8) ^ tables[0][(rest ^ static_cast<unsigned char>(c)) & 0xFFu];
+        rest = (rest >> 8) ^ StepTables[0][(rest ^ static_cast<unsigned char>(c)) & 0xFFu];
     }
     return ~rest;
 }

@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "saving/ChangeLog.h"
 #include "settings/server/SettingsManager.h"
 #include "support/Documents.h"
 #include "support/Files.h"
@@ -199,6 +200,77 @@ TEST_F(DelayedPersisterTest, WithoutAFileWhoAsksHearsThatNothingIsSaved)
     FileSettingsPersister nowhere(SettingsFiles({}), "");
     DelayedPersister persister(nowhere, 1);
     EXPECT_THAT(MessageOf([&] { persister.SaveNow(); }), testing::StartsWith("there is no file to save to"));
+}
+
+/// A store that appends what a delay has gathered.
+class DelayedAppendingTest : public testing::Test
+{
+protected:
+    DelayedAppendingTest()
+    {
+        WriteFile(_path, "[A]\nk=0\n");
+        _pStore = std::make_unique<SettingsManager>(&_persister, nullptr, nullptr, false);
+        _pStore->SetChangePersister(&_persister);
+        _persister.Start([this] { return UserLayerOf(*_pStore); });
+    }
+
+    void Merge(const std::string& changes) { _pStore->MergeSettings(Ini(changes), 0); }
+
+    /// What a start makes of the files.
+    std::string LayerAfterStart() const
+    {
+        FileSettingsPersister files(SettingsFiles({}), _path, osa::RealFileSystem(), nullptr, SaveBy::Appending);
+        return UserLayerOf(SettingsManager(&files, nullptr, nullptr, false));
+    }
+
+    std::size_t CountRecords() const { return ChangeLog(*ContentOf(_path + ".log")).GetRecords().size(); }
+
+    TemporaryFolder _folder;
+    const std::string _path = _folder.PathOf("user.ini");
+    FaultyFileSystem _fileSystem;
+    FileSettingsPersister _target{SettingsFiles({}), _path, _fileSystem, nullptr, SaveBy::Appending};
+    DelayedPersister _persister{_target, 3'600'000};
+    std::unique_ptr<SettingsManager> _pStore;
+};
+
+TEST_F(DelayedAppendingTest, AppendsWhatWasGatheredAsOneRecord)
+{
+    Merge("[A]\nk=1\n[B]\nk=1\n");
+    _pStore->OverwriteSettings("B", {});
+    Merge("[A]\nk=2\n");
+    _persister.SaveNow();
+    EXPECT_EQ(CountRecords(), 1u);
+    EXPECT_EQ(LayerAfterStart(), UserLayerOf(*_pStore));
+    Merge("[A]\nk=3\n");
+    _persister.SaveNow();
+    EXPECT_EQ(CountRecords(), 2u);
+    EXPECT_EQ(ContentOf(_path), "[A]\nk=0\n");
+    _persister.Finish();
+    EXPECT_EQ(ContentOf(_path), UserLayerOf(*_pStore));
+    EXPECT_EQ(ContentOf(_path + ".log"), std::nullopt);
+}
+
+TEST_F(DelayedAppendingTest, WhatIsFoldedIsWhatTheLogHolds)
+{
+    for (const char* changes : {"[A]\nk=1\n", "[A]\nk=2\n"})
+    {
+        Merge(changes + ("[Long]\nk=" + std::string(40'000, changes[6]) + '\n'));
+        _persister.SaveNow();
+    }
+    EXPECT_EQ(ContentOf(_path), UserLayerOf(*_pStore));
+    EXPECT_EQ(CountRecords(), 0u);
+    EXPECT_EQ(ChangeLog(*ContentOf(_path + ".log~")).GetRecords().size(), 2u);
+}
+
+TEST_F(DelayedAppendingTest, AfterAFailureTheLayerOfTheStoreIsFolded)
+{
+    LogWatch log;
+    Merge("[A]\nk=1\n");
+    _fileSystem.FailAlwaysAt("SyncData", ENOSPC);
+    EXPECT_THAT(MessageOf([this] { _persister.SaveNow(); }), HasSubstr("No space left on device"));
+    Merge("[A]\nj=1\n");
+    _persister.SaveNow();
+    EXPECT_EQ(ContentOf(_path), "[A]\nj=1\nk=1\n");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 // Replacing a file so that a crash, a full disk or a power cut leaves the old content or the new, whole.
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -47,6 +48,11 @@ public:
     /// KeepPrevious, a failure may leave "PATH~" a copy of the file as it stands.
     void Replace(const std::string& content);
 
+    /// The same, for files beside this one that belong to its content: they change their names with it.
+    /// @param onReplaced called once the file holds `content`, before the folder is synced; what it does to names in
+    ///        that folder is synced with it. What it throws passes out, as a failure of the last step.
+    void Replace(const std::string& content, const std::function<void()>& onReplaced);
+
     /// Throws what Replace would throw for a path or a folder in which nothing can be replaced, and changes nothing: a
     /// new file is made beside the file, and removed again.
     void CheckReplaceable() const;
@@ -67,6 +73,10 @@ public:
 
     /// As it was given to the constructor.
     const std::string& GetPath() const { return _path; }
+
+    /// The path at the end of the symbolic links, which need not exist: what is replaced. Throws Exception when they
+    /// cannot be followed.
+    std::string GetTarget() const { return ResolveLinks(); }
 
 private:
     class NewFile;

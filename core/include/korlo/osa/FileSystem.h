@@ -1,5 +1,5 @@
 #pragma once
-// The system calls that replacing a file takes, behind an interface.
+// The system calls that replacing a file, or appending to one, takes, behind an interface.
 
 #include <cstddef>
 #include <string>
@@ -17,7 +17,8 @@ struct FileStatus
     std::size_t size = 0;    ///< Bytes; 0 for what tells none, such as a pipe.
 };
 
-/// The system calls that CrashSafeFile is made of, so that a test can let each of them fail in turn.
+/// The system calls that CrashSafeFile is made of, and what appends to files beside it, so that a test can let each of
+/// them fail in turn.
 ///
 /// Every operation returns 0, or the error number (errno) that stands in its way; output arguments are set only
 /// when it returns 0. EINTR is an answer that callers must expect, and Write may take less than it is given.
@@ -58,6 +59,11 @@ public:
     virtual int Unlink(const std::string& path) = 0;
     /// Returns once the folder's names are on the disk. A file system that knows no such thing answers 0.
     virtual int SyncFolder(const std::string& path) = 0;
+
+    /// Opens a file that is there for writing behind its end.
+    virtual int OpenForAppending(const std::string& path, int& file);
+    /// Returns once what was written is on the disk, with as much about the file as it takes to read it again.
+    virtual int SyncData(int file) { return Sync(file); }
 
     /// For SetOwner.
     static constexpr unsigned int KeepOwner = 0xFFFFFFFFu;
