@@ -67,6 +67,15 @@ unsigned int ParseMode(const std::string& text)
     return mode;
 }
 
+SaveBy ParseSaveBy(const std::string& text)
+{
+    if (text != "replace" && text != "append")
+    {
+        Refuse("--save-by: '" + text + "' is neither replace nor append");
+    }
+    return text == "append" ? SaveBy::Appending : SaveBy::Replacing;
+}
+
 /// An option that takes a number in a range.
 template <typename Number>
 void AddNumber(CLI::App& app, const std::string& name, const std::string& unit, const std::string& description,
@@ -131,6 +140,12 @@ void AddOptions(CLI::App& app, ServerOptions& options)
     app.add_flag("--check", options.checksOnly, "Read every file, tell what is wrong with them, and end with 0 or 1");
     AddNumber(app, "--save-delay", "MS", "Milliseconds for which changes are gathered before they are saved",
               options.saveDelayMs, 0, 24ull * 60 * 60 * 1000);
+    app.add_option_function<std::string>(
+           "--save-by", [&options](const std::string& text) { options.saveBy = ParseSaveBy(text); },
+           "How changes come to the disk: replace writes the user file anew, append adds each to a log beside it")
+        ->type_name("replace|append")
+        ->take_last()
+        ->default_str("replace");
     AddNumber(app, "--journal", "N", "The last changes that the journal keeps in memory; 0 keeps none", options.journal,
               0, Journal::MostEntries);
     AddNumber(app, "--max-clients", "N", "The most clients at once", options.limits.maxClients, 1, 1'000'000);

@@ -9,6 +9,7 @@
 
 #include "ServerLimits.h"
 #include "journal/Journal.h"
+#include "saving/UserFile.h"
 
 namespace korlo::daemon
 {
@@ -38,6 +39,7 @@ struct ServerOptions
     std::vector<std::string> access;  ///< empty: everybody may do everything
     bool checksOnly = false;          ///< read every file, open nothing, and end
     unsigned int saveDelayMs = 0;
+    SaveBy saveBy = SaveBy::Replacing;
     std::size_t journal = Journal::UsualEntries;  ///< entries; 0: no journal
     ServerLimits limits;
     int logLevel = 2;

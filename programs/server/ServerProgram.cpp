@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@
 #include "korlo/core/Logger.h"
 #include "korlo/osa/Exception.h"
 #include "korlo/osa/TcpListener.h"
+#include "saving/UserFileTexts.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 
@@ -224,17 +226,23 @@ Status Run(const ServerOptions& options)
     const StoreFiles layers = {LayerFiles(SettingsFiles(options.defaults)), UserPathOf(options),
                                LayerFiles(SettingsFiles(options.restricted)), !options.access.empty()};
     LoadedFiles loaded;
-    FileSettingsPersister files(SettingsFiles(options.defaults), layers.user, osa::RealFileSystem(), &loaded);
+    FileSettingsPersister files(SettingsFiles(options.defaults), layers.user, osa::RealFileSystem(), &loaded,
+                                options.saveBy);
     files.Prepare();
     RestrictedFilesLoader restricted(SettingsFiles(options.restricted), layers.clientsAreRefused, &loaded);
+    const bool isAppending = options.saveBy == SaveBy::Appending;
     if (options.saveDelayMs == 0)
     {
         settings::server::SettingsManager store(&files, &restricted, nullptr, false);
+        store.SetChangePersister(isAppending ? &files : nullptr);
         loaded.Seal();
-        return ServeUntilSignal(options, {store, files, nullptr, loaded, layers}) ? EndedInOrder : Failed;
+        const bool isHealthy = ServeUntilSignal(options, {store, files, nullptr, loaded, layers});
+        files.Finish([&store] { return UserLayerOf(store); });
+        return isHealthy ? EndedInOrder : Failed;
     }
     DelayedPersister delayed(files, options.saveDelayMs);
     settings::server::SettingsManager store(&delayed, &restricted, nullptr, false);
+    store.SetChangePersister(isAppending ? &delayed : nullptr);
     loaded.Seal();
     delayed.Start([&store] { return UserLayerOf(store); });
     const bool isHealthy = ServeUntilSignal(options, {store, files, &delayed, loaded, layers});
@@ -272,6 +280,9 @@ Status Check(const ServerOptions& options)
     if (std::filesystem::exists(options.userPath, ignored))
     {
         checkFile(options.userPath);
+        note([&] {
+            std::ranges::move(UserFileTexts::Read(options.userPath).FindLogMistakes(), std::back_inserter(mistakes));
+        });
     }
     note([&] { ReadRules(options, SystemUserDatabase()); });
     for (const std::string& mistake : mistakes)

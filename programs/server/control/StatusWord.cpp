@@ -74,6 +74,12 @@ void StatusWord::AddSaves(core::IniFile& answer) const
     Set(answer, "Saves", "failed", figures.failed);
     Set(answer, "Saves", "unsaved", figures.isUnsaved ? 1 : 0);
     Set(answer, "Saves", "waiting", _sources.pDelayed != nullptr && _sources.pDelayed->IsWaiting() ? 1 : 0);
+    if (_sources.files.GetSaveBy() == SaveBy::Appending)
+    {
+        Set(answer, "Saves", "log", figures.log.bytes);
+        Set(answer, "Saves", "logLimit", figures.log.limit);
+        Set(answer, "Saves", "folds", figures.log.folds);
+    }
     if (figures.failed > 0)
     {
         answer.SetValue("Saves", "lastFailure", figures.lastFailure);

@@ -1,5 +1,6 @@
 #include "explain/KeySources.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -8,6 +9,8 @@
 #include "korlo/core/IniReader.h"
 #include "korlo/core/StringUtil.h"
 #include "korlo/osa/Exception.h"
+#include "saving/ChangeLog.h"
+#include "saving/UserFileTexts.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::daemon
@@ -114,10 +117,68 @@ private:
         {
             return;
         }
-        if (std::optional<KeyFinder> found = Read(Layer::User, path))
+        try
         {
-            Add(Layer::User, {path, false}, *found, _isRestricted ? RestrictedText : "");
-            _sources.record = std::move(found->record);
+            const UserFileTexts texts = UserFileTexts::Read(path);
+            KeyFinder found(_locator);
+            core::IniReader::ReadText(texts.content, found);
+            Add(Layer::User, {path, false}, found, _isRestricted ? RestrictedText : "");
+            _sources.record = std::move(found.record);
+            if (texts.belongs)
+            {
+                ReadLog(texts);
+            }
+        }
+        catch (const osa::Exception& exception)
+        {
+            _sources.occurrences.push_back({Layer::User, path, 0, std::nullopt, exception.what(), true});
+        }
+    }
+
+    /// Each record over what was before it.
+    void ReadLog(const UserFileTexts& texts)
+    {
+        const ChangeLog log(texts.log);
+        for (const ChangeLog::Record& record : log.GetRecords())
+        {
+            const ChangeLog::Parts parts(record.body);
+            if (parts.removed.contains(_locator.group))
+            {
+                LoseUserValues(texts.logPath, "removed by " + texts.logPath + ':' + std::to_string(record.line));
+            }
+            if (parts.removed.contains(RecordGroup))
+            {
+                _sources.record.clear();
+            }
+            KeyFinder found(_locator);
+            core::IniReader::ReadText(parts.merged, found);
+            const std::size_t linesBefore = record.line + parts.removedLines;
+            for (const Value& value : found.values)
+            {
+                LoseUserValues(texts.logPath, "");
+                _sources.occurrences.push_back({Layer::User, texts.logPath, linesBefore + value.line, value.text,
+                                                _isRestricted ? RestrictedText : "", false});
+            }
+            for (RecordEntry& entry : found.record)
+            {
+                std::erase_if(_sources.record, [&entry](const RecordEntry& other) { return other.key == entry.key; });
+                _sources.record.push_back({linesBefore + entry.line, entry.key, entry.value, texts.logPath});
+            }
+        }
+    }
+
+    /// A record of the log goes over the value before it: one of the log is dropped, as it may be one of thousands.
+    /// @param why empty where the next value overrides that of the user file.
+    void LoseUserValues(const std::string& logPath, const std::string& why)
+    {
+        std::vector<Occurrence>& all = _sources.occurrences;
+        std::erase_if(all, [&logPath](const Occurrence& o) { return o.file == logPath; });
+        for (Occurrence& occurrence : all)
+        {
+            if (occurrence.layer == Layer::User && occurrence.why.empty())
+            {
+                occurrence.why = why;
+            }
         }
     }
 

@@ -38,6 +38,7 @@ struct RecordEntry
     std::size_t line;
     std::string key;
     std::string value;
+    std::string log = {};  ///< the path of the log that it stands in; empty for the user file itself
 };
 
 /// What the files say of one key now. The rules of a load that need nothing but the files have been applied: what
@@ -45,7 +46,7 @@ struct RecordEntry
 struct KeySources
 {
     std::vector<Occurrence> occurrences;           ///< in the order in which they are loaded
-    std::vector<RecordEntry> record;               ///< what in the user file's record selects the group
+    std::vector<RecordEntry> record;               ///< what in the user file and its log selects the group
     std::optional<std::string> changedDefaults;    ///< the first default file that is another one than was loaded
     std::optional<std::string> changedRestricted;  ///< the first such restricted file
 };
@@ -55,7 +56,8 @@ inline constexpr const char* ClaimingGroup = "KorloSettings/LoadPriority";
 inline constexpr const char* RecordGroup = "KorloSettings/Data/DeletedGroups";
 
 /// Reads every file, as a start of the server does, but for one key. Takes no lock; a file that cannot be read is an
-/// occurrence without a value.
+/// occurrence without a value. Of what the user file's log says of the key, however often it was changed, the last
+/// value is an occurrence.
 KeySources FindKeySources(const StoreFiles& files, const settings::SettingLocator& locator);
 
 }  // namespace korlo::daemon

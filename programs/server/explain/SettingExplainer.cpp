@@ -132,7 +132,7 @@ private:
         {
             return;
         }
-        const auto isUser = [](const Occurrence& o) { return o.layer == Layer::User && o.value; };
+        const auto isUser = [](const Occurrence& o) { return o.layer == Layer::User && o.value && o.why.empty(); };
         const auto last = std::find_if(All().rbegin(), All().rend(), isUser);
         if (last != All().rend() && last->value == _view.user)
         {
@@ -297,7 +297,8 @@ private:
         });
         if (saved != _sources.record.end())
         {
-            text += " in line " + std::to_string(saved->line) + " of the user file";
+            text += " in line " + std::to_string(saved->line) + " of " +
+                    (saved->log.empty() ? "the user file" : saved->log);
         }
         return text;
     }

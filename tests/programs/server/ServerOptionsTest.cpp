@@ -72,6 +72,13 @@ TEST(ServerOptionsTest, TakeWhatIsGiven)
     EXPECT_EQ(options.logLevel, 0);
 }
 
+TEST(ServerOptionsTest, SayHowChangesComeToTheDisk)
+{
+    EXPECT_EQ(Parse({}).saveBy, SaveBy::Replacing);
+    EXPECT_EQ(Parse({"--save-by", "append"}).saveBy, SaveBy::Appending);
+    EXPECT_EQ(Parse({"--save-by", "append", "--save-by=replace"}).saveBy, SaveBy::Replacing);
+}
+
 TEST(ServerOptionsTest, SayHowManyEntriesTheJournalKeeps)
 {
     EXPECT_EQ(Parse({}).journal, 256u);
@@ -135,6 +142,7 @@ TEST(ServerOptionsTest, RefuseWhatMakesNoSenseInOneLineThatNamesIt)
         {{"--control"}, "--control"},
         {{"--access"}, "--access"},
         {{"--save-delay", "x"}, "--save-delay: 'x'"},
+        {{"--save-by", "log"}, "--save-by: 'log' is neither replace nor append"},
         {{"--save-delay", "1.5"}, "--save-delay: '1.5'"},
         {{"--save-delay", "99999999999999999999"}, "--save-delay"},
         {{"--journal", "4097"}, "--journal: '4097'"},

@@ -125,20 +125,24 @@ TEST_F(ServerProgramTest, ARestoreBringsInNoRestrictedGroupOfTheDefaults)
 TEST_F(ServerProgramTest, KeepsWhatClientsChangeAndWhatTheyErase)
 {
     const std::string defaults = Make("defaults.ini", "[A]\nk=default\n[B]\nk=default\n");
-    for (const char* delay : {"0", "3600000"})
+    for (const std::string delay : {"0", "3600000"})
     {
-        SCOPED_TRACE(delay);
-        std::filesystem::remove(_user);
-        const ServerProcess::Arguments arguments = {"--defaults", defaults, "--user", _user, "--save-delay", delay};
+        for (const std::string saveBy : {"replace", "append"})
         {
+            SCOPED_TRACE(delay + ' ' + saveBy);
+            std::filesystem::remove(_user);
+            const ServerProcess::Arguments arguments = {"--defaults",   defaults, "--user",    _user,
+                                                        "--save-delay", delay,    "--save-by", saveBy};
+            {
+                ServerProcess server(arguments);
+                RawClient client(server.GetPort());
+                client.Send("overwrite\nB\n.\n.\nmerge nopersist\n[C]\nk=gone\n.\n");
+                EXPECT_TRUE(client.TestAndMerge("[A]\nk=default\n", "[A]\nk=new\n"));
+                EXPECT_EQ(server.End(), 0);
+            }
             ServerProcess server(arguments);
-            RawClient client(server.GetPort());
-            client.Send("overwrite\nB\n.\n.\nmerge nopersist\n[C]\nk=gone\n.\n");
-            EXPECT_TRUE(client.TestAndMerge("[A]\nk=default\n", "[A]\nk=new\n"));
-            EXPECT_EQ(server.End(), 0);
+            EXPECT_EQ(RawClient(server.GetPort()).Get("*"), "[A]\nk=new\n");
         }
-        ServerProcess server(arguments);
-        EXPECT_EQ(RawClient(server.GetPort()).Get("*"), "[A]\nk=new\n");
     }
 }
 
