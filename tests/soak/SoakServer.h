@@ -13,20 +13,21 @@
 namespace korlo::soak
 {
 
-/// Each start is on a new free port, over the same files. What is logged goes to a file, as long as it takes.
+/// Each start is on a new free port, over the same files, and may save by another way: so each meets what the other has
+/// left. What is logged goes to a file, as long as it takes.
 ///
 /// Thread safety: none of its own; the owner guards it.
 class SoakServer
 {
 public:
     /// @param proxy told of every start.
-    SoakServer(World& world, FaultProxy& proxy) : _world(world), _proxy(proxy) { Start(); }
+    SoakServer(World& world, FaultProxy& proxy) : _world(world), _proxy(proxy) { Start("append"); }
 
     /// Ends the server by the signal and starts it anew.
-    void Restart(int signal)
+    void Restart(int signal, const std::string& saveBy = "append")
     {
         End(signal);
-        Start();
+        Start(saveBy);
     }
 
     void End(int signal)
@@ -40,12 +41,12 @@ public:
         }
     }
 
-    void Start()
+    void Start(const std::string& saveBy)
     {
         const std::string announcement = "listening on 127.0.0.1:";
-        _pChild = std::make_unique<ChildProcess>(
-            std::vector<std::string>{"sh", "-c", "exec \"$0\" --listen 127.0.0.1:0 --user \"$1\" 2>> \"$2\"",
-                                     KORLO_SETTINGS_SERVER, GetUserPath(), GetLogPath()});
+        _pChild = std::make_unique<ChildProcess>(std::vector<std::string>{
+            "sh", "-c", "exec \"$0\" --listen 127.0.0.1:0 --user \"$1\" --save-by \"$3\" 2>> \"$2\"",
+            KORLO_SETTINGS_SERVER, GetUserPath(), GetLogPath(), saveBy});
         _pChild->AwaitOutput("\n");
         const auto port = static_cast<unsigned short>(std::stoi(_pChild->GetOutput().substr(announcement.size())));
         _proxy.SetServerPort(port);

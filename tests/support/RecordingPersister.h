@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "korlo/core/IniFile.h"
+#include "settings/server/GroupDiscriminator.h"
+#include "settings/server/IChangePersister.h"
 #include "settings/server/IRestrictedSettingsLoader.h"
 #include "settings/server/ISettingsPersister.h"
 
@@ -12,10 +14,10 @@ namespace korlo::settings::server
 {
 
 /// Storage in memory. What is saved is what the next load gives, so a second store over the same persister is a reload.
-/// The functions, where set, are called first and may throw, as a full disk does.
+/// The functions, where set, are called first and may throw, as a full disk does. A store may tell it what was changed.
 ///
 /// Thread safety: none of its own; it relies on what the store promises to its persister.
-class RecordingPersister : public ISettingsPersister
+class RecordingPersister : public ISettingsPersister, public IChangePersister
 {
 public:
     void LoadDefaultSettings(SettingsCombiner& combiner) override
@@ -37,6 +39,8 @@ public:
             beforeLoadUser();
         }
         combiner.LoadFromIni(user);
+        _layer = user;
+        GroupDiscriminator::FilterOutRestrictedGroups(_layer);  // as the store does
     }
 
     void SaveUserSettings(const core::IniFile& userSettings) override
@@ -46,7 +50,15 @@ public:
             beforeSave();
         }
         user = userSettings;
+        _layer = userSettings;
         ++saveCount;
+    }
+
+    void SaveChange(const UserLayerChange& change, const core::IniFile&) override
+    {
+        core::IniFile layer = _layer;
+        change.ApplyTo(layer);
+        SaveUserSettings(layer);
     }
 
     std::vector<core::IniFile> defaults;  // in the order in which they override one another
@@ -56,6 +68,9 @@ public:
     std::function<void()> beforeLoadDefaults;
     std::function<void()> beforeLoadUser;
     std::function<void()> beforeSave;
+
+private:
+    core::IniFile _layer;  // the store's, as far as it was told
 };
 
 /// The trusted source, in memory.

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 #include "support/FaultyFileSystem.h"
 #include "support/Files.h"
 #include "support/LogCapture.h"
+#include "support/SavedStore.h"
 #include "support/ServerProcess.h"
 #include "support/TemporaryFolder.h"
 
@@ -154,11 +156,18 @@ TEST_F(DiskFaultTest, TheStoreTellsItsCallerAndSavesTheChangeWithTheNextOne)
     });
 }
 
-TEST_F(DiskFaultTest, TheServerTellsOfASaveThatFailedAndServesOn)
+/// A server whose saves meet a failure of each of these calls.
+class DiskFaultServerTest : public DiskFaultTest
+{
+protected:
+    void ExpectToldAndServed(SaveBy saveBy, const std::vector<const char*>& calls) const;
+};
+
+void DiskFaultServerTest::ExpectToldAndServed(SaveBy saveBy, const std::vector<const char*>& calls) const
 {
     FaultyFileSystem disk;
-    FileSettingsPersister persister(SettingsFiles({}), _path, disk);
-    SettingsManager store(&persister, nullptr, nullptr, false);
+    SavedStore saved(_path, saveBy, disk);
+    SettingsManager& store = saved.store;
     settings::server::SerializationManager serializers;
     SettingsServer::Listeners doors;
     doors.push_back(std::make_unique<osa::TcpListener>("127.0.0.1", 0));
@@ -173,7 +182,7 @@ TEST_F(DiskFaultTest, TheServerTellsOfASaveThatFailedAndServesOn)
         IniFile current;
         store.GetGroups(current, "*");  // whoever saves next has taken the store's lock after this
     };
-    for (const char* call : {"Create", "Write", "Sync", "Rename", "SyncFolder"})
+    for (const char* call : calls)
     {
         SCOPED_TRACE(call);
         const std::string changes = "[A]\nk=" + std::string(call) + '\n';
@@ -187,14 +196,24 @@ TEST_F(DiskFaultTest, TheServerTellsOfASaveThatFailedAndServesOn)
         EXPECT_THAT(ContentOf(_path).value(), AnyOf(Second, changes));
         set("", 0);
         EXPECT_TRUE(bystander.TestAndMerge(changes, Second));
-        EXPECT_EQ(ContentOf(_path), Second);
+        EXPECT_EQ(SavedStore(_path, saveBy).GetLayer(), Second);
     }
     server.Stop();
-    EXPECT_THAT(_log.GetMessages(), testing::SizeIs(5));
+    EXPECT_THAT(_log.GetMessages(), testing::SizeIs(calls.size()));
     EXPECT_THAT(_log.GetMessages(),
                 testing::Each(testing::AllOf(testing::StartsWith("3 ClientConnection: Client '127.0.0.1:"),
                                              HasSubstr("its request failed: Failed to "), HasSubstr('\'' + _path),
                                              HasSubstr(std::strerror(ENOSPC)))));
+}
+
+TEST_F(DiskFaultServerTest, TheServerTellsOfASaveThatFailedAndServesOn)
+{
+    ExpectToldAndServed(SaveBy::Replacing, {"Create", "Write", "Sync", "Rename", "SyncFolder"});
+}
+
+TEST_F(DiskFaultServerTest, TheServerTellsOfAnAppendThatFailedAndServesOn)
+{
+    ExpectToldAndServed(SaveBy::Appending, {"Write", "SyncData", "Write", "SyncData"});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // What survives when the server is killed, and what contending clients make of one value.
 
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <random>
@@ -20,9 +21,12 @@ namespace korlo::daemon
 namespace
 {
 
-class ServerCrashTest : public testing::Test
+/// By each way of saving.
+class ServerCrashTest : public testing::TestWithParam<const char*>
 {
 protected:
+    ServerProcess::Arguments Options() const { return {"--user", _user, "--save-by", GetParam()}; }
+
     TemporaryFolder _folder;
     const std::string _user = _folder.PathOf("user.ini");
 };
@@ -43,16 +47,16 @@ int CountUp(RawClient& client, int from)
     return value;
 }
 
-TEST_F(ServerCrashTest, EveryChangeThatWasAnsweredOkIsThereAfterAKillAtAnyMoment)
+TEST_P(ServerCrashTest, EveryChangeThatWasAnsweredOkIsThereAfterAKillAtAnyMoment)
 {
-    constexpr int kills = 100;
+    constexpr int kills = 50;
     constexpr unsigned int mostMs = 30;
     std::mt19937 random(20240229);
     int answered = 0;
     for (int kill = 0; kill < kills; ++kill)
     {
         SCOPED_TRACE(kill);
-        ServerProcess server({"--user", _user});
+        ServerProcess server(Options());
         RawClient client(server.GetPort());
         core::IniFile stored;
         stored.LoadFromString(client.Get("Counter"));
@@ -70,6 +74,8 @@ TEST_F(ServerCrashTest, EveryChangeThatWasAnsweredOkIsThereAfterAKillAtAnyMoment
         if (answered > 0)
         {
             ASSERT_TRUE(core::IniFile::FindBadLines(_user.c_str()).empty());
+            ASSERT_FALSE(std::filesystem::exists(_user + ".log.damaged"));
+            ASSERT_FALSE(std::filesystem::exists(_user + ".log.foreign"));
         }
     }
     EXPECT_GT(answered, 0);
@@ -91,12 +97,12 @@ void Increment(unsigned short port, int times)
     }
 }
 
-TEST_F(ServerCrashTest, NoIncrementOfContendingClientsIsLost)
+TEST_P(ServerCrashTest, NoIncrementOfContendingClientsIsLost)
 {
     constexpr int clients = 6;
     constexpr int times = 50;
     WriteFile(_user, "[Counter]\nvalue=0\n");
-    ServerProcess server({"--user", _user});
+    ServerProcess server(Options());
     std::vector<pid_t> processes;
     for (int i = 0; i < clients / 2; ++i)
     {
@@ -121,6 +127,9 @@ TEST_F(ServerCrashTest, NoIncrementOfContendingClientsIsLost)
     }
     EXPECT_EQ(RawClient(server.GetPort()).Get("*"), "[Counter]\nvalue=" + std::to_string(clients * times) + '\n');
 }
+
+INSTANTIATE_TEST_SUITE_P(EachWay, ServerCrashTest, testing::Values("replace", "append"),
+                         [](const auto& way) { return std::string(way.param); });
 
 }  // namespace
 }  // namespace korlo::daemon
