@@ -203,10 +203,10 @@ void BM_RedisHset(benchmark::State& state)
 }
 
 /// Each change on the disk before it is answered.
-void BM_ChangeOnDisk(benchmark::State& state)
+void BM_ChangeOnDisk(benchmark::State& state, const std::string& saveBy)
 {
     PinToCore(0);
-    const KorloServer server({});
+    const KorloServer server({"--save-by", saveBy});
     server.Register();
     KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
     client.MergeSettings(DocumentOf(Device));  // a user layer of a usual size
@@ -223,12 +223,69 @@ void BM_ChangeOnDisk(benchmark::State& state)
     }
 }
 
-/// The disk's own part of it: write, sync, rename, sync of the folder, for a file of that size.
+void BM_RedisChangeOnDisk(benchmark::State& state)
+{
+    PinToCore(0);
+    const RedisServer server(RedisServer::EachChange);
+    RedisClient redis(server.GetPort());
+    int value = 0;
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(redis.Run("HSET %s %s %d", Group, Key, ++value));
+    }
+}
+
+/// A folder on the disk that the servers use, for one benchmark; empty when there is none.
+class DiskFolder
+{
+public:
+    DiskFolder()
+    {
+        if (mkdtemp(_path.data()) == nullptr)
+        {
+            _path.clear();
+        }
+    }
+    DiskFolder(const DiskFolder&) = delete;
+    DiskFolder& operator=(const DiskFolder&) = delete;
+    ~DiskFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(_path, ignored);
+    }
+
+    const std::string& GetPath() const { return _path; }
+
+private:
+    std::string _path = "/var/tmp/korlo-bench-XXXXXX";
+};
+
+/// The disk's own part of a change that is appended: a line, and its sync.
+void BM_BareAppend(benchmark::State& state)
+{
+    const DiskFolder folder;
+    const int file = open((folder.GetPath() + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (file < 0)
+    {
+        state.SkipWithError("no file in the temporary folder");
+        return;
+    }
+    const std::string line = "a change of one value takes about as many bytes as this\n";
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(write(file, line.data(), line.size()));
+        fdatasync(file);
+    }
+    close(file);
+}
+
+/// The disk's own part of one that replaces: write, sync, rename, sync of the folder, for a file of that size.
 void BM_BareReplacement(benchmark::State& state)
 {
     const std::string& text = TextOf(Device);
-    std::string folder = "/var/tmp/korlo-bench-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr)
+    const DiskFolder temporary;
+    const std::string& folder = temporary.GetPath();
+    if (folder.empty())
     {
         state.SkipWithError("no temporary folder");
         return;
@@ -244,7 +301,6 @@ void BM_BareReplacement(benchmark::State& state)
         fsync(directory);
         close(directory);
     }
-    std::filesystem::remove_all(folder);
 }
 
 }  // namespace
@@ -259,7 +315,10 @@ BENCHMARK(BM_MergeDelayed)->UseRealTime();
 BENCHMARK(BM_MergeWithJournal)->UseRealTime();
 BENCHMARK(BM_MergeWithoutJournal)->UseRealTime();
 BENCHMARK(BM_RedisHset)->UseRealTime();
-BENCHMARK(BM_ChangeOnDisk)->UseRealTime();
+BENCHMARK_CAPTURE(BM_ChangeOnDisk, replace, "replace")->UseRealTime();
+BENCHMARK_CAPTURE(BM_ChangeOnDisk, append, "append")->UseRealTime();
+BENCHMARK(BM_RedisChangeOnDisk)->UseRealTime();
+BENCHMARK(BM_BareAppend)->UseRealTime();
 BENCHMARK(BM_BareReplacement)->UseRealTime();
 
 }  // namespace korlo::benchmarks

@@ -256,12 +256,14 @@ void KorloServer::RegisterSocket() const
     osa::ServiceDirectory::Register("korlo-settings-server", "unix:" + _folder + "/socket", 0);
 }
 
-RedisServer::RedisServer()
+RedisServer::RedisServer(Persistence persistence)
     : _port(FreePort()),
       _socketPath("/tmp/korlo-bench-redis-" + std::to_string(_port)),
+      _folder(MakeFolder("")),
       _process(std::vector<std::string>{"redis-server", "--port", std::to_string(_port), "--bind", "127.0.0.1",
-                                        "--unixsocket", _socketPath, "--save", "", "--appendonly", "no", "--logfile",
-                                        "/dev/null", "--dir", "/tmp"})
+                                        "--unixsocket", _socketPath, "--save", "", "--appendonly",
+                                        persistence == EachChange ? "yes" : "no", "--appendfsync", "always",
+                                        "--logfile", "/dev/null", "--dir", _folder})
 {
     WaitUntilListening(_port);
 }
@@ -270,6 +272,7 @@ RedisServer::~RedisServer()
 {
     std::error_code ignored;
     std::filesystem::remove(_socketPath, ignored);
+    std::filesystem::remove_all(_folder, ignored);
 }
 
 int Listen(std::uint16_t& port)

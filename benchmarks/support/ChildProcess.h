@@ -93,11 +93,17 @@ private:
     std::uint16_t _port;
 };
 
-/// Redis without any persistence.
+/// Redis without any persistence, or with a log in which each change is synced before it is answered.
 class RedisServer
 {
 public:
-    RedisServer();
+    enum Persistence
+    {
+        None,
+        EachChange
+    };
+
+    explicit RedisServer(Persistence persistence = None);
     ~RedisServer();
     RedisServer(const RedisServer&) = delete;
     RedisServer& operator=(const RedisServer&) = delete;
@@ -109,6 +115,7 @@ public:
 private:
     std::uint16_t _port;
     std::string _socketPath;
+    std::string _folder;
     ChildProcess _process;
 };
 
