@@ -83,6 +83,7 @@ TEST(ServerUnitTest, StartsTheServerWithOptionsThatItTakes)
     listen.pop_back();
     EXPECT_EQ(listen, "--listen 127.0.0.1:4711");
     EXPECT_EQ(StartWith(listen).userPath, ServerOptions().userPath);
+    EXPECT_EQ(StartWith(listen).saveBy, SaveBy::Appending);
     EXPECT_THAT(Unit(), IsSupersetOf({"Type=notify", "StateDirectory=korlo-settings"}));
 }
 
