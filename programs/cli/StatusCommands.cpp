@@ -148,6 +148,12 @@ std::string StatusText(const IniFile& answer)
         rows.push_back({"", "last failure at " + Said(answer, "Saves", "lastFailureTime") + ": " +
                                 NameToken(answer.GetValue("Saves", "lastFailure"))});
     }
+    if (answer.HasValue("Saves", "log"))
+    {
+        rows.push_back({"", SizeText(NumberOf(answer, "Saves", "log")) + " in the log, which is folded beyond " +
+                                SizeText(NumberOf(answer, "Saves", "logLimit")) + "; " +
+                                Said(answer, "Saves", "folds") + " times so far"});
+    }
     rows.push_back({"clients", Said(answer, "Clients", "now") + " now, " + Said(answer, "Clients", "most") +
                                    " at most, " + Said(answer, "Clients", "refused") + " refused, " +
                                    Said(answer, "Clients", "dropped") + " dropped"});

@@ -68,6 +68,16 @@ TEST_F(SettingsToolStatusTest, PrintsAPageForPeople)
                       EndsWith("\n")));
 }
 
+TEST_F(SettingsToolStatusTest, TellsHowFullTheLogIs)
+{
+    ServerProcess::Arguments options = Options();
+    options.insert(options.end(), {"--save-by", "append"});
+    ServerProcess server(options);
+    EXPECT_TRUE(RawClient(server.GetPort()).TestAndMerge("", "[Audio]\nvolume=41\n"));
+    EXPECT_THAT(AtDoor({"status"}).output,
+                HasSubstr("\n         37 B in the log, which is folded beyond 64.0 KiB; 1 times so far\n"));
+}
+
 TEST_F(SettingsToolStatusTest, PrintsTheAnswerAsAnObjectWithFiguresAsNumbers)
 {
     ServerProcess server(Options());
