@@ -120,8 +120,10 @@ void KorloSettingsClientImplConfirming::CheckStreams() const
     {
         throw osa::Exception("memory ran out");
     }
+    // A server that takes no more requests is about to end the connection.
+    const unsigned int waitMs = _pConnection->stream.GetOstream().good() ? 0 : _limits.quitMs;
     std::array<char, 1> byte{};
-    const osa::TcpSocket::IoResult probe = _pConnection->socket.ReadSome(byte.data(), byte.size(), 0);
+    const osa::TcpSocket::IoResult probe = _pConnection->socket.ReadSome(byte.data(), byte.size(), waitMs);
     if (probe.status == osa::TcpSocket::TimedOut)
     {
         throw osa::Exception("there was no answer for %u milliseconds", _limits.answerMs);

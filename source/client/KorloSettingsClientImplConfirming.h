@@ -20,7 +20,7 @@ struct ConfirmingLimits
 {
     unsigned int connectMs = 5000;  // for the server to accept
     unsigned int answerMs = 15000;  // for each part of an answer; a change may have to wait for a slow disk
-    unsigned int quitMs = 5000;     // the destructor, for the server to end the connection
+    unsigned int quitMs = 5000;     // for the server to end the connection
 };
 
 /// One connection to the server, which is never replaced by another one: what a new one said would tell nothing of a

@@ -234,6 +234,21 @@ TEST_F(KorloSettingsClientImplConfirmingTest, AChangeThatIsCutOffMayHaveBeenMade
     ExpectThatEveryCallFails();
 }
 
+TEST_F(KorloSettingsClientImplConfirmingTest, AServerThatIsAboutToEndIsNotTakenForASilentOne)
+{
+    const TemporaryFolder folder;
+    const std::string socket = "unix:" + folder.PathOf("socket");
+    osa::TcpListener listener(socket, 0);
+    Client client(socket);
+    const std::unique_ptr<osa::TcpSocket> pEnding = listener.Accept();
+    pEnding->EndReading();  // what an ending server does first: this socket then takes no request
+    IniFile settings;
+    auto got = std::async(std::launch::async, [&] { return MessageOf([&] { client.GetSettings({"A"}, settings); }); });
+    EXPECT_EQ(got.wait_for(50ms), std::future_status::timeout) << "it waits to see what becomes of the server";
+    pEnding->Close();
+    EXPECT_THAT(got.get(), HasSubstr("it ended the connection"));
+}
+
 TEST_F(KorloSettingsClientImplConfirmingTest, ASilentServerFailsTheCallAndItsLateAnswerIsNobodys)
 {
     Connect(Impatient);
