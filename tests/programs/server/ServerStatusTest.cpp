@@ -490,6 +490,23 @@ protected:
         _control->Start();
     }
 
+    /// A server anew, whose first change is in force but not saved, and whose disk hangs from now on. Returns what the
+    /// layer is; empty, with a failure, when it does not come to that.
+    std::string StartWithAFailedSaveAndHang(unsigned int saveDelayMs)
+    {
+        End();
+        Start(saveDelayMs);
+        const std::string layer = "[A]\nk=" + std::to_string(saveDelayMs + 5) + '\n';
+        _disk.FailWith(ENOSPC);
+        RawClient client(_port);
+        client.Send("merge\n" + layer + ".\n");
+        const bool hasFailed = Eventually([this] { return StatusOf("Saves", "unsaved") == "1"; });
+        EXPECT_TRUE(hasFailed);
+        _disk.Hold();
+        _disk.FailWith(0);
+        return hasFailed ? layer : "";
+    }
+
     std::string StatusOf(const std::string& group, const std::string& key) const
     {
         return Ini(AskAt(_path, "status")).GetValueOrDefault(group, key);
@@ -564,14 +581,8 @@ TEST_F(HangingDiskTest, ThoseWhoWaitForASaveLeaveRoomAtTheDoorAndHoldUpNobody)
     for (const unsigned int delayMs : {0u, 1u})
     {
         SCOPED_TRACE(delayMs);
-        End();
-        Start(delayMs);
-        RawClient client(_port);
-        _disk.FailWith(ENOSPC);
-        client.Send("merge\n[A]\nk=" + std::to_string(delayMs + 5) + "\n.\n");
-        ASSERT_TRUE(Eventually([this] { return StatusOf("Saves", "unsaved") == "1"; }));
-        _disk.Hold();
-        _disk.FailWith(0);
+        const std::string layer = StartWithAFailedSaveAndHang(delayMs);
+        ASSERT_NE(layer, "");
         std::list<RawClient> saving;
         for (unsigned int index = 0; index <= SaveWord::MostWaiting; ++index)
         {
@@ -587,7 +598,7 @@ TEST_F(HangingDiskTest, ThoseWhoWaitForASaveLeaveRoomAtTheDoorAndHoldUpNobody)
         EXPECT_THAT(answered->ReadLine(), StartsWith("error 4 others wait already"));
         saving.erase(answered);
         EXPECT_TRUE(AwaitRunning(0.01));
-        EXPECT_EQ(RawClient(_port).Get("A"), "[A]\nk=" + std::to_string(delayMs + 5) + '\n');
+        EXPECT_EQ(RawClient(_port).Get("A"), layer);
         saving.pop_front();  // one leaves
         _disk.LetGo();
         for (RawClient& waiting : saving)
@@ -595,7 +606,7 @@ TEST_F(HangingDiskTest, ThoseWhoWaitForASaveLeaveRoomAtTheDoorAndHoldUpNobody)
             EXPECT_EQ(waiting.ReadLine(), "ok");
         }
         EXPECT_EQ(StatusOf("Saves", "unsaved"), "0");
-        EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), "[A]\nk=" + std::to_string(delayMs + 5) + '\n');
+        EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), layer);
     }
 }
 
@@ -604,14 +615,8 @@ TEST_F(HangingDiskTest, ASaveMakesRoomWhenItsClientLeaves)
     for (const unsigned int delayMs : {0u, 1u})
     {
         SCOPED_TRACE(delayMs);
-        End();
-        Start(delayMs);
-        RawClient client(_port);
-        _disk.FailWith(ENOSPC);
-        client.Send("merge\n[A]\nk=" + std::to_string(delayMs + 5) + "\n.\n");
-        ASSERT_TRUE(Eventually([this] { return StatusOf("Saves", "unsaved") == "1"; }));
-        _disk.Hold();
-        _disk.FailWith(0);
+        const std::string layer = StartWithAFailedSaveAndHang(delayMs);
+        ASSERT_NE(layer, "");
         for (std::size_t round = 0; round < 2 * ControlDoor::MostClients; ++round)
         {
             // Each comes after the disk hangs, waits, and leaves: more than may wait, and than the door has places.
@@ -630,7 +635,7 @@ TEST_F(HangingDiskTest, ASaveMakesRoomWhenItsClientLeaves)
         EXPECT_EQ(pipelining.ReadUntil("."), "ok\n");
         EXPECT_EQ(pipelining.ReadLine(), "error unknown word 'nonsense'");
         EXPECT_EQ(halfClosed.get(), "ok\n.\n");
-        EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), "[A]\nk=" + std::to_string(delayMs + 5) + '\n');
+        EXPECT_EQ(ContentOf(_folder.PathOf("user.ini")), layer);
     }
 }
 
