@@ -50,7 +50,7 @@ int CountUp(RawClient& client, int from)
 TEST_P(ServerCrashTest, EveryChangeThatWasAnsweredOkIsThereAfterAKillAtAnyMoment)
 {
     constexpr int kills = 50;
-    constexpr unsigned int mostMs = 30;
+    unsigned int mostMs = 30;
     std::mt19937 random(20240229);
     int answered = 0;
     for (int kill = 0; kill < kills; ++kill)
@@ -71,7 +71,11 @@ TEST_P(ServerCrashTest, EveryChangeThatWasAnsweredOkIsThereAfterAKillAtAnyMoment
         EXPECT_EQ(server.End(SIGKILL), 1000 + SIGKILL);
         EXPECT_EQ(server.GetChild().GetErrors(), "");
         answered = counting.get();
-        if (answered > 0)
+        if (answered == 0)
+        {
+            mostMs *= 2;  // a machine that is slow, or busy
+        }
+        else
         {
             ASSERT_TRUE(core::IniFile::FindBadLines(_user.c_str()).empty());
             ASSERT_FALSE(std::filesystem::exists(_user + ".log.damaged"));
