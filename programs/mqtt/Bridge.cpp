@@ -20,7 +20,6 @@ namespace
 constexpr double MostRejections = 100;       // at once
 constexpr double RejectionsPerSecond = 20;   // in the long run
 constexpr std::size_t MostPublishing = 100;  // answers that the broker has not taken yet
-constexpr std::chrono::seconds LastingConnection{60};
 
 /// A new UUID, of the random kind.
 std::string NewSession()
@@ -114,6 +113,7 @@ void Bridge::TakeNews()
 void Bridge::Connect()
 {
     _session = NewSession();
+    _hasRival = false;
     try
     {
         _link.Connect(_topics.GetStatus(), StatusPayload(false, _session, false));
@@ -139,8 +139,7 @@ void Bridge::Serve(bool isReadable)
 void Bridge::LoseBroker(const std::string& reason)
 {
     _now = Clock::now();
-    // Two bridges of one name throw each other out: they must not do so every second.
-    if (_isAccepted && (!_link.WasTakenOver() || _now - _acceptedAt >= LastingConnection))
+    if (_isAccepted && !_hasRival && !_link.WasTakenOver())
     {
         _backOff.Reset();
     }
@@ -152,6 +151,7 @@ void Bridge::LoseBroker(const std::string& reason)
     }
     _lastFailure = reason;
     _nextAttempt = _now + _backOff.Next();
+    _previousSession = _isAccepted ? _session : _previousSession;
     _isAccepted = false;
     _maySendStatus = false;
     _hasLearned = false;
@@ -167,7 +167,6 @@ void Bridge::OnAccepted()
     _pLogger->Information("Connected to the broker at %s:%d as '%s'", _configuration.broker.host.c_str(),
                           _configuration.broker.port, _configuration.broker.clientId.c_str());
     _isAccepted = true;
-    _acceptedAt = Clock::now();
     _lastFailure.clear();
     _rejectionLog.Renew();
     _publicationLog.Renew();
@@ -199,7 +198,7 @@ void Bridge::OnMessage(std::string_view topic, std::string_view payload, bool is
     switch (parts.kind)
     {
     case TopicNames::Status:
-        HearOfStatus(payload);
+        HearOfStatus(payload, isHeld);
         break;
     case TopicNames::Reported:
         _reporter.OnHeld(parts, payload);
@@ -219,17 +218,24 @@ void Bridge::OnMessage(std::string_view topic, std::string_view payload, bool is
     }
 }
 
-void Bridge::HearOfStatus(std::string_view payload)
+/// @param isHeld then it may be that of the bridge that was here before this process.
+void Bridge::HearOfStatus(std::string_view payload, bool isHeld)
 {
+    const std::optional<std::string> session = OnlineSession(payload);
+    if (session && session != _session && session != _previousSession && (!isHeld || !_previousSession.empty()) &&
+        !std::exchange(_hasRival, true))
+    {
+        _pLogger->Error("Another client says that it is this device: is there a second bridge of this name?");
+    }
     if (!_maySendStatus)
     {
-        return;  // of an earlier connection
+        return;
     }
     if (payload == _status)
     {
         FinishLearning();
     }
-    else if (!SaysOnline(payload))
+    else if (!session)
     {
         _isStatusDue = true;
     }

@@ -48,7 +48,8 @@ struct BridgeTimes
 /// 3. it came back: unsubscribe from reports, let the reporter compare, and ask for wishes.
 ///
 /// From then on a status of this device that says "not online", such as the will of a connection that was lost, is
-/// corrected at once.
+/// corrected at once. One of a strange session tells that a second bridge has this one's name: a broker need not say
+/// why it ends a connection. The two throw each other out, and so wait longer each time.
 ///
 /// Thread safety: Stop from any thread and any signal handler; the rest belongs to one thread.
 class Bridge : private IBrokerListener
@@ -77,7 +78,7 @@ private:
     int WaitMs() const;
     void SayGoodbye();
 
-    void HearOfStatus(std::string_view payload);
+    void HearOfStatus(std::string_view payload, bool isHeld);
     void FinishLearning();
     void AskForWishes();
 
@@ -106,8 +107,9 @@ private:
     Clock::time_point _nextAttempt = _now;
     std::string _lastFailure;  // told once, not each minute
     bool _isAccepted = false;
-    Clock::time_point _acceptedAt;
+    bool _hasRival = false;                   // somebody else takes the place of this bridge
     std::string _session;                     // of this connection
+    std::string _previousSession;             // of the last one that was accepted
     int _statusSubscription = 0;              // its message
     std::map<int, std::string> _subscribing;  // filters by the number of the message
     std::map<int, std::string> _publishing;   // topics of what is not a report

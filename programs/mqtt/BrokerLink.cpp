@@ -7,6 +7,7 @@
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -56,8 +57,6 @@ std::string ReasonText(int code)
     const std::string text = mosquitto_reason_string(code);
     switch (code)
     {
-    case MQTT_RC_BAD_USERNAME_OR_PASSWORD:
-        return text + " (look at username and password of [Broker])";
     case MQTT_RC_NOT_AUTHORIZED:
         return text + " (the broker's rules do not allow it to this user)";
     case MQTT_RC_CLIENTID_NOT_VALID:
@@ -65,7 +64,7 @@ std::string ReasonText(int code)
     case MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION:
         return text + " (the broker does not speak MQTT 5)";
     case MQTT_RC_SESSION_TAKEN_OVER:
-        return text + " (another client connects with the same client-id: is there a second bridge of this name?)";
+        return text + " (another client has connected with the same client-id)";
     default:
         return text;
     }
@@ -88,21 +87,37 @@ std::string TimeNow()
 
 }  // namespace
 
-/// The library verifies certificates, but keeps to itself what was wrong with one: this listens in.
+/// What a connection by TLS takes. The library could make it from the files by itself, but keeps to itself what is
+/// wrong with a certificate.
 class BrokerLink::Tls
 {
 public:
-    Tls() : _pContext(SSL_CTX_new(TLS_client_method()))
+    /// Reads the files.
+    explicit Tls(const BrokerConfiguration& configuration) : _pContext(SSL_CTX_new(TLS_client_method()))
     {
-        if (_pContext == nullptr)
+        Check(_pContext != nullptr, "TLS");
+        SSL_CTX* const pContext = _pContext.get();
+        SSL_CTX_set_min_proto_version(pContext, TLS1_2_VERSION);
+        SSL_CTX_set_mode(pContext, SSL_MODE_RELEASE_BUFFERS);
+        SSL_CTX_set_verify(pContext, SSL_VERIFY_PEER, nullptr);
+        SSL_CTX_set_cert_verify_callback(pContext, &Tls::Verify, this);
+        Check(SSL_CTX_load_verify_locations(pContext, configuration.caFile.c_str(), nullptr) == 1, "ca-file");
+        if (!configuration.certificateFile.empty())
         {
-            throw std::bad_alloc();
+            Check(SSL_CTX_use_certificate_chain_file(pContext, configuration.certificateFile.c_str()) == 1,
+                  "cert-file");
+            Check(SSL_CTX_use_PrivateKey_file(pContext, configuration.keyFile.c_str(), SSL_FILETYPE_PEM) == 1,
+                  "key-file");
         }
-        SSL_CTX_set_cert_verify_callback(_pContext.get(), &Tls::Verify, this);
+        X509_VERIFY_PARAM* const pParameters = SSL_CTX_get0_param(pContext);
+        if (X509_VERIFY_PARAM_set1_ip_asc(pParameters, configuration.host.c_str()) != 1)
+        {
+            Check(X509_VERIFY_PARAM_set1_host(pParameters, configuration.host.c_str(), 0) == 1, "host");
+        }
+        ERR_clear_error();  // a name is no address
     }
 
     SSL_CTX* GetContext() const { return _pContext.get(); }
-    void Forget() { _error = X509_V_OK; }
 
     /// Empty when certificates were not to blame.
     std::string GetFault() const
@@ -127,6 +142,17 @@ private:
         const int isValid = X509_verify_cert(pStore);
         static_cast<Tls*>(pArgument)->_error = isValid == 1 ? X509_V_OK : X509_STORE_CTX_get_error(pStore);
         return isValid;
+    }
+
+    static void Check(bool isDone, const char* key)
+    {
+        if (!isDone)
+        {
+            const char* const pReason = ERR_reason_error_string(ERR_get_error());
+            ERR_clear_error();
+            throw osa::Exception("%s of [Broker] cannot be used for TLS: %s", key,
+                                 pReason != nullptr ? pReason : "memory ran out");
+        }
     }
 
     struct Freer
@@ -158,7 +184,11 @@ private:
     {
         if (code != MQTT_RC_SUCCESS)
         {
-            LinkOf(pLink)._refusal = "the broker refuses the connection: " + ReasonText(code);
+            const bool isStranger = code == MQTT_RC_NOT_AUTHORIZED || code == MQTT_RC_BAD_USERNAME_OR_PASSWORD;
+            LinkOf(pLink)._refusal =
+                "the broker refuses the connection: " + (isStranger ? std::string(mosquitto_reason_string(code)) +
+                                                                          " (look at username and password of [Broker])"
+                                                                    : ReasonText(code));
             return;
         }
         LinkOf(pLink)._listener.OnAccepted();
@@ -207,8 +237,7 @@ void BrokerLink::Destroyer::operator()(mosquitto* pClient) const
 
 BrokerLink::BrokerLink(const BrokerConfiguration& configuration, IBrokerListener& listener)
     : _configuration(configuration),
-      _listener(listener),
-      _pTls(configuration.caFile.empty() ? nullptr : std::make_unique<Tls>())
+      _listener(listener)
 {
     mosquitto_lib_init();
 }
@@ -242,13 +271,8 @@ void BrokerLink::Configure(const std::string& willTopic, const std::string& will
     }
     if (_pTls != nullptr)
     {
-        _pTls->Forget();
-        const auto pathOrNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
-        Check(mosquitto_tls_set(pClient, _configuration.caFile.c_str(), nullptr,
-                                pathOrNull(_configuration.certificateFile), pathOrNull(_configuration.keyFile),
-                                nullptr),
-              "ca-file, cert-file or key-file cannot be used");
-        Check(mosquitto_int_option(pClient, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 1), "TLS");
+        constexpr int asItIs = 0;
+        Check(mosquitto_int_option(pClient, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, asItIs), "TLS");
         Check(mosquitto_opts_set(pClient, MOSQ_OPT_SSL_CTX, _pTls->GetContext()), "TLS");
     }
     Properties properties;
@@ -265,6 +289,7 @@ void BrokerLink::Connect(const std::string& willTopic, const std::string& will)
     _libraryError.clear();
     _refusal.clear();
     _wasTakenOver = false;
+    _pTls = _configuration.caFile.empty() ? nullptr : std::make_unique<Tls>(_configuration);
     _pClient.reset(mosquitto_new(_configuration.clientId.c_str(), keepsSession, this));
     if (_pClient == nullptr)
     {

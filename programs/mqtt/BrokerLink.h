@@ -121,7 +121,7 @@ private:
 
     const BrokerConfiguration _configuration;
     IBrokerListener& _listener;
-    const std::unique_ptr<Tls> _pTls;  // null: without
+    std::unique_ptr<Tls> _pTls;  // of this connection; null: without
     std::unique_ptr<mosquitto, Destroyer> _pClient;
     std::string _libraryError;  // the last one that the library has logged
     std::string _refusal;       // what the broker said last, if it ended or refused the connection

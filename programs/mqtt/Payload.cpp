@@ -329,10 +329,15 @@ std::string StatusPayload(bool isOnline, const std::string& session, bool hasSet
         .dump();
 }
 
-bool SaysOnline(std::string_view status)
+std::optional<std::string> OnlineSession(std::string_view status)
 {
     const nlohmann::json document = nlohmann::json::parse(status, nullptr, false);
-    return document.is_object() && document.value("online", nlohmann::json()) == true;
+    if (!document.is_object() || document.value("online", nlohmann::json()) != true)
+    {
+        return std::nullopt;
+    }
+    const nlohmann::json session = document.value("session", nlohmann::json());
+    return session.is_string() ? session.get<std::string>() : std::string();
 }
 
 std::optional<std::string> ReportedPayload(const State& state, std::uint64_t version, std::int64_t timestampMs)

@@ -66,8 +66,8 @@ std::uint64_t FingerprintOf(const State& state);
 
 std::string StatusPayload(bool isOnline, const std::string& session, bool hasSettings);
 
-/// False for the status payload of a device that is not there, and for what is no status at all.
-bool SaysOnline(std::string_view status);
+/// The session that says in its status that the device is there; none when it says otherwise, or is no status at all.
+std::optional<std::string> OnlineSession(std::string_view status);
 
 /// None when a key is not UTF-8: JSON has no form for it. Values that are not become `{"$base64": "..."}`.
 std::optional<std::string> ReportedPayload(const State& state, std::uint64_t version, std::int64_t timestampMs);

@@ -69,6 +69,7 @@ public:
     void SetOptions(const std::string& options) { _options = options; }
 
     unsigned short GetPort() const { return _port; }
+    pid_t GetProcess() const { return _pChild->GetProcess(); }
 
 private:
     const TemporaryFolder _folder;

@@ -101,7 +101,7 @@ TEST_F(BridgePresenceTest, ASecondBridgeOfTheNameIsExplained)
 {
     StartAll("[A]\nk=1\n");
     BridgeProcess second(PathOf("mqtt.ini"));
-    _pBridge->AwaitLog("another client connects with the same client-id: is there a second bridge of this name?");
+    _pBridge->AwaitLog("Another client says that it is this device: is there a second bridge of this name?");
     _pBridge->End();
     Fleet().Await(Status(), IsOnline);
 }

@@ -191,11 +191,12 @@ TEST(PayloadTest, StatusTellsWhetherTheDeviceIsThere)
 {
     EXPECT_EQ(StatusPayload(true, "S", false),
               R"({"online":true,"session":"S","settings":false,"version":")" KORLO_VERSION R"("})");
-    EXPECT_TRUE(SaysOnline(StatusPayload(true, "S", false)));
-    EXPECT_FALSE(SaysOnline(StatusPayload(false, "S", true)));
+    EXPECT_EQ(OnlineSession(StatusPayload(true, "S", false)), "S");
+    EXPECT_EQ(OnlineSession(R"({"online":true})"), "");
+    EXPECT_EQ(OnlineSession(StatusPayload(false, "S", true)), std::nullopt);
     for (const char* rubbish : {"", "x", "[]", "{}", R"({"online":"true"})", R"({"online":1})"})
     {
-        EXPECT_FALSE(SaysOnline(rubbish)) << rubbish;
+        EXPECT_EQ(OnlineSession(rubbish), std::nullopt) << rubbish;
     }
 }
 
