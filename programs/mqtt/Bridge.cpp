@@ -272,11 +272,19 @@ void Bridge::OnPublished(int message, const std::string& reason)
         return;
     }
     const auto published = _publishing.find(message);
-    if (published != _publishing.end() && !reason.empty() && _publicationLog.Allows())
+    if (published == _publishing.end())
+    {
+        return;
+    }
+    if (!reason.empty() && _publicationLog.Allows())
     {
         _pLogger->Error("The broker refuses a message to '%s': %s", published->second.c_str(), reason.c_str());
     }
-    _publishing.erase(message);
+    if (!reason.empty() && _learnUntil && published->second == _topics.GetStatus())
+    {
+        _learnUntil = Clock::now();  // it will not come back
+    }
+    _publishing.erase(published);
 }
 
 void Bridge::Publish(const std::string& topic, const std::string& payload, bool isRetained)

@@ -44,8 +44,12 @@ packages_of()
         for name in "$@"; do
             case $name in debug | release | clang | coverage) echo fish mandoc mypy python3-pytest scdoc zsh ;; esac
             case $name in
+                debug | release | clang | coverage | asan | tsan)
+                    echo libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl ;;
+            esac
+            case $name in
                 checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
-                debug) echo doxygen phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd openssl ;;
+                debug) echo doxygen phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd ;;
                 clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr phpunit php-codesniffer ;;

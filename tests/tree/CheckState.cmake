@@ -1,6 +1,6 @@
 # What a process shares without being asked is known and short: the loggers, the table of commands, the directory of
-# services, the numbers of new files, and where the tool's signals go. Nothing is kept for each thread. So two clients,
-# or two stores, in one process meet nowhere else.
+# services, the numbers of new files, and where the signals of the tool and of the bridge go. Nothing is kept for each
+# thread. So two clients, or two stores, in one process meet nowhere else.
 #
 #     cmake -D BINARIES=A,B -D NM=nm -P CheckState.cmake
 
@@ -12,6 +12,7 @@ set(known
     "NextNameBeside\\(.*::counter"
     "RealFileSystem\\(\\)::fileSystem"  # it has no members
     "cli::\\(anonymous namespace\\)::writerOfInterruption"
+    "mqtt::\\(anonymous namespace\\)::bridgeToStop" "mqtt::\\(anonymous namespace\\)::signalsLeft"
     "cli::AllCommands\\(\\)::commands" "ServerOptions::DefaultDoor\\(\\)::door")  # set once and then read
 string(REPLACE "," ";" binaries "${BINARIES}")
 foreach(binary IN LISTS binaries)

@@ -41,11 +41,9 @@ protected:
 
 TEST_F(BridgeReportTest, TellsAllThatIsToBeReportedAndNothingElse)
 {
+    WriteFile(PathOf("restricted.ini"), "[Net/Secure]\nkey=sesame\n");
     StartServer("[Audio]\nvolume=3\nmuted=no\n[Net/eth0]\nmode=dhcp\n[Net/wlan0]\nmode=off\n[Time]\nzone=UTC\n",
                 {"--restricted", PathOf("restricted.ini")});
-    EndServer();
-    WriteFile(PathOf("restricted.ini"), "[Net/Secure]\nkey=sesame\n");
-    StartServer("", {"--restricted", PathOf("restricted.ini")});
     StartBridge("[Report]\ngroups=Net/*, Audio, KorloSettings/*\n[Accept]\ngroups=Audio\n");
     AwaitBridge();
     Fleet().Await(Reported("Net%2Fwlan0"));
@@ -71,7 +69,9 @@ TEST_F(BridgeReportTest, AReportIsRetainedAndCountsItsVersions)
 
 TEST_F(BridgeReportTest, ManyChangesAreFewMessagesAndTheLastOneCounts)
 {
-    StartAll("[A]\nk=0\n");
+    StartServer("[A]\nk=0\n", {"--save-delay", "1000"});
+    StartBridge();
+    AwaitBridge();
     Fleet().Await(Reported("A"));
     Fleet().Forget();
     const auto begin = std::chrono::steady_clock::now();

@@ -308,7 +308,7 @@ TEST(WishQueueTest, WhatDoesNotFitIsDroppedAndNoted)
 {
     WishQueue queue;
     const std::string large(MostDesiredBytes, 'x');
-    for (int count = 0; count < 1000; ++count)
+    for (int count = 0; count < 40; ++count)
     {
         queue.Add({TopicNames::Desired, std::to_string(count), std::nullopt}, large, true);
     }
@@ -324,7 +324,7 @@ TEST(WishQueueTest, WhatDoesNotFitIsDroppedAndNoted)
     // Once they are asked for again, those that have had their turn are left out.
     queue.NoteAsked();
     EXPECT_FALSE(queue.HasDropped());
-    for (int count = 0; count < 1000; ++count)
+    for (int count = 0; count < 40; ++count)
     {
         queue.Add({TopicNames::Desired, std::to_string(count), std::nullopt}, large, true);
     }
