@@ -33,9 +33,14 @@ struct Utf8Form
 {
     unsigned char first;
     unsigned char last;
-    std::size_t more;           // bytes
-    unsigned char leastOfNext;  // of the second byte: shorter forms of the same character are none,
-    unsigned char mostOfNext;   // nor are surrogates and what is beyond the last character
+    // cppcheck-suppress unusedStructMember ; it does not see that IsUtf8 uses these
+    std::size_t more;  // bytes
+    // Of the second byte: shorter forms of the same character are none, nor are surrogates, nor what is beyond the last
+    // character.
+    // cppcheck-suppress unusedStructMember
+    unsigned char leastOfNext;
+    // cppcheck-suppress unusedStructMember
+    unsigned char mostOfNext;
 };
 
 constexpr std::array<Utf8Form, 9> Utf8Forms{{{0x00, 0x7F, 0, 0, 0},

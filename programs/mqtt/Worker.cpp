@@ -25,11 +25,11 @@ Worker::Worker(const char* name, const WakeUp& wakeUp)
 
 Worker::~Worker()
 {
-    Stop();
+    RequestEnd();
     _thread.Join();
 }
 
-void Worker::Stop()
+void Worker::RequestEnd()
 {
     {
         const osa::MutexAutoLock lock(&_mutex);

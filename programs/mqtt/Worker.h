@@ -43,7 +43,7 @@ public:
 
 private:
     void Run() override;
-    void Stop() override;
+    void RequestEnd() KORLO_EXCLUDES(_mutex);
     bool TakeFinished() KORLO_EXCLUDES(_mutex);
 
     const WakeUp& _wakeUp;
