@@ -54,7 +54,7 @@ private:
 /// What the broker's reason code means to the person who reads the log.
 std::string ReasonText(int code)
 {
-    const std::string text = mosquitto_reason_string(code);
+    std::string text = mosquitto_reason_string(code);
     switch (code)
     {
     case MQTT_RC_NOT_AUTHORIZED:
@@ -352,7 +352,7 @@ void BrokerLink::Lose(int error)
 
 std::string BrokerLink::WhyLost(int error) const
 {
-    const std::string system = osa::SystemReason(errno);
+    const int systemError = errno;
     if (!_refusal.empty())
     {
         return _refusal;
@@ -369,7 +369,7 @@ std::string BrokerLink::WhyLost(int error) const
     case MOSQ_ERR_CONN_LOST:
         return "the connection was lost";
     case MOSQ_ERR_ERRNO:
-        return system;
+        return osa::SystemReason(systemError);
     case MOSQ_ERR_EAI:
         return "the host's name is unknown, or cannot be looked up now";
     case MOSQ_ERR_TLS:

@@ -107,7 +107,7 @@ public:
     {
         if (_alien == 0 && _depth == InValue && !_hasBytes)
         {
-            Refuse("the value of " + Quoted(_key) + " is an object without \"$base64\"");
+            Refuse("the value of " + Quoted(_key) + R"( is an object without "$base64")");
         }
         return Leave();
     }
@@ -136,7 +136,7 @@ public:
         default:
             if (name != Base64Key || _hasBytes)
             {
-                Refuse("the value of " + Quoted(_key) + " is an object with more than \"$base64\"");
+                Refuse("the value of " + Quoted(_key) + R"( is an object with more than "$base64")");
             }
             _hasBytes = true;
         }
@@ -170,17 +170,14 @@ public:
 
     bool number_unsigned(number_unsigned_t number) override
     {
-        if (_depth != 1 || _alien > 0 || (_member != VersionMember && _member != TimestampMember))
+        const bool isVersion = _member == VersionMember && number >= 1 && number <= MostVersion;
+        if (_depth != 1 || _alien > 0 || (!isVersion && _member != TimestampMember))
         {
             RefuseType();
         }
-        else if (_member == VersionMember && number >= 1 && number <= MostVersion)
+        else if (isVersion)
         {
             _version = _version.value_or(number);
-        }
-        else if (_member == VersionMember)
-        {
-            RefuseType();
         }
         return true;
     }
@@ -252,11 +249,11 @@ private:
         }
         else if (_isInState)
         {
-            Refuse("the value of " + Quoted(_key) + " is neither a string nor {\"$base64\": \"...\"}");
+            Refuse("the value of " + Quoted(_key) + R"( is neither a string nor {"$base64": "..."})");
         }
         else if (_member == VersionMember)
         {
-            Refuse("\"version\" is not an integer from 1 to " + std::to_string(MostVersion));
+            Refuse(R"("version" is not an integer from 1 to )" + std::to_string(MostVersion));
         }
         else
         {
@@ -270,7 +267,7 @@ private:
         _member = name;
         if (name != StateMember && name != VersionMember && name != _extra)
         {
-            Refuse("there is no member " + Quoted(name) + ", only \"state\", \"version\" and \"" + _extra + '"');
+            Refuse("there is no member " + Quoted(name) + R"(, only "state", "version" and ")" + _extra + '"');
         }
         else if (!_members.insert(name).second)
         {
@@ -385,7 +382,7 @@ Desired ReadDesired(std::string_view payload)
     const std::string mode = reader.GetMode().value_or(merge);
     if (mode != merge && mode != replace)
     {
-        reader.Refuse("\"mode\" is neither \"merge\" nor \"replace\"");
+        reader.Refuse(R"("mode" is neither "merge" nor "replace")");
     }
     if (!reader.GetFault().empty())
     {

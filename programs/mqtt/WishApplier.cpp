@@ -63,13 +63,13 @@ std::string EntryFor(const std::string& group)
 template <typename Call>
 auto ConfirmingSettings::With(const Call& call)
 {
-    if (_pClient == nullptr)
+    if (_pConnection == nullptr)
     {
-        _pClient.reset(new KorloSettingsClient(KorloSettingsClient::Confirming(_address)));  // neither copied nor moved
+        _pConnection = std::make_unique<Connection>(_address);
     }
     try
     {
-        return call(*_pClient);
+        return call(_pConnection->client);
     }
     catch (const RefusedException&)
     {
@@ -77,7 +77,7 @@ auto ConfirmingSettings::With(const Call& call)
     }
     catch (...)
     {
-        _pClient.reset();
+        _pConnection.reset();
         throw;
     }
 }

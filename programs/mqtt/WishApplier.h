@@ -41,8 +41,16 @@ private:
     template <typename Call>
     auto With(const Call& call);
 
+    /// A client can be neither copied nor moved.
+    struct Connection
+    {
+        explicit Connection(const std::string& address) : client(KorloSettingsClient::Confirming(address)) {}
+
+        KorloSettingsClient client;
+    };
+
     const std::string _address;
-    std::unique_ptr<KorloSettingsClient> _pClient;
+    std::unique_ptr<Connection> _pConnection;
 };
 
 /// What became of a wish.
