@@ -1,5 +1,5 @@
-# Installs the server with its units onto a device of its own, and asks systemd what it thinks of them, which takes no
-# running service manager.
+# Installs the server and, where it is built, the bridge with their units onto a device of its own, and asks systemd what
+# it thinks of them, which takes no running service manager.
 include(${CMAKE_CURRENT_LIST_DIR}/Common.cmake)
 
 set(device ${WORK}/device-with-units)
@@ -10,6 +10,7 @@ run(${CMAKE_COMMAND} -S ${TREE} -B ${WORK}/build-units ${build_options}
     -D CMAKE_INSTALL_PREFIX=/usr
     -D KORLO_BUILD_TESTS=OFF
     -D KORLO_BUILD_EXAMPLES=OFF
+    -D KORLO_BUILD_MQTT=${BRIDGE}
     -D KORLO_SYSTEMD_UNIT_DIR=/usr/lib/systemd/system)
 run(${CMAKE_COMMAND} --build ${WORK}/build-units --parallel 2)
 
@@ -83,3 +84,28 @@ run(systemd-analyze security --offline=yes --threshold=20 --root=${device} korlo
 run(systemd-sysusers --root=${device})
 expect(etc/passwd "korlo-settings-daemon:x:")
 expect(etc/group "korlo-settings-daemon:x:" "korlo-settings:x:")
+
+if(NOT BRIDGE)
+    return()
+endif()
+expect(usr/lib/systemd/system/korlo-settings-mqtt.service "ExecStart=/usr/sbin/korlo-settings-mqtt --config")
+expect(usr/lib/tmpfiles.d/korlo-settings-mqtt.conf "z /etc/korlo-settings/mqtt.ini 0640 ")
+expect(etc/passwd "korlo-settings-mqtt:x:")
+expect(etc/korlo-settings/mqtt.ini "[Broker]" "[Accept]")
+run(systemd-analyze verify --man=no --root=${device} korlo-settings-mqtt.service)
+if(OUTPUT)
+    message(FATAL_ERROR "systemd-analyze verify says:\n${OUTPUT}")
+endif()
+run(${CMAKE_COMMAND} -E env ${device}/usr/sbin/korlo-settings-mqtt --version)
+# 1.5 of 10, by systemd 252.
+run(systemd-analyze security --offline=yes --threshold=20 --root=${device} korlo-settings-mqtt.service)
+
+# It may hold a password: others do not read it, and an installation changes nothing in it.
+set(configuration ${device}/etc/korlo-settings/mqtt.ini)
+run(stat --format=%a ${configuration})
+if(NOT OUTPUT STREQUAL "640\n")
+    message(FATAL_ERROR "the mode of mqtt.ini is ${OUTPUT}")
+endif()
+file(WRITE ${configuration} "changed")
+install_on_device()
+expect(etc/korlo-settings/mqtt.ini "changed")
