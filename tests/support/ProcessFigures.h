@@ -4,9 +4,13 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace korlo
 {
@@ -35,6 +39,20 @@ public:
             }
         }
         return 0;
+    }
+
+    /// Seconds of the processor that it has used.
+    double GetProcessorSeconds() const
+    {
+        std::ifstream stat(_path + "stat");
+        std::string text;
+        std::getline(stat, text);
+        std::istringstream fields(text.substr(text.rfind(')') + 1));
+        const std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+        constexpr std::size_t userTime = 11;  // counted from behind the program's name
+        return values.size() <= userTime + 1 ? 0
+                                             : (std::stod(values[userTime]) + std::stod(values[userTime + 1])) /
+                                                   static_cast<double>(::sysconf(_SC_CLK_TCK));
     }
 
 private:
