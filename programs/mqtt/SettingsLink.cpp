@@ -49,9 +49,21 @@ SettingsLink::News SettingsLink::TakeNews()
     return news;
 }
 
+/// The first read after a connection was lost fails for that reason alone.
 void SettingsLink::Read(const GroupNameCollection& entries, core::IniFile& settings) const
 {
-    _pClient->GetSettings(entries, settings);
+    try
+    {
+        _pClient->GetSettings(entries, settings);
+    }
+    catch (const osa::LockException&)
+    {
+        throw;  // there is no connection
+    }
+    catch (const osa::Exception&)
+    {
+        _pClient->GetSettings(entries, settings);
+    }
 }
 
 void SettingsLink::OnChange(const GroupNameCollection& changedGroups, const core::IniFile&)

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "NumberText.h"
+#include "korlo/osa/Exception.h"
 #include "settings/RefusedException.h"
 
 namespace korlo::settings::mqtt
@@ -82,9 +83,23 @@ auto ConfirmingSettings::With(const Call& call)
     }
 }
 
+/// A connection that was idle may be that to a server which has been restarted since; a read can be repeated.
 void ConfirmingSettings::GetSettings(const GroupNameCollection& entries, core::IniFile& settings)
 {
-    With([&](const KorloSettingsClient& client) { client.GetSettings(entries, settings); });
+    const auto get = [&](const KorloSettingsClient& client) { client.GetSettings(entries, settings); };
+    if (_pConnection != nullptr)
+    {
+        try
+        {
+            With(get);
+            return;
+        }
+        catch (const osa::Exception&)
+        {
+            // By a new connection, then.
+        }
+    }
+    With(get);
 }
 
 bool ConfirmingSettings::TestAndMerge(const core::IniFile& expected, const core::IniFile& changes)

@@ -16,6 +16,7 @@ namespace
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 class BridgeWishTest : public BridgeScene
 {
@@ -134,6 +135,22 @@ TEST_F(BridgeWishTest, APowerCutSeparatesNothing)
     }
     Fleet().Await(Reported("A"), R"("k":"4")");
     EXPECT_EQ(Value("KorloSettings/Fleet", "A"), "4");
+}
+
+TEST_F(BridgeWishTest, ARestartOfTheSettingsServerIsNoFailure)
+{
+    StartAll("[A]\nk=1\n");
+    Wish("A", R"({"k":"2"})", 1);
+    AwaitAccepted("A", 1);
+    EndServer();
+    Fleet().Await(Status(), R"("settings":false)");
+    StartServer();
+    Fleet().Await(Status(), R"("settings":true)");
+    Wish("A", R"({"k":"3"})", 2);
+    AwaitAccepted("A", 2);
+    Fleet().Await(Reported("A"), R"("k":"3")");
+    EXPECT_EQ(_pBridge->End(), 0);
+    EXPECT_THAT(_pBridge->GetChild().GetErrors(), Not(HasSubstr("trying again")));
 }
 
 struct RefusalRow
