@@ -1,6 +1,7 @@
 #pragma once
 // A broker that a test runs.
 
+#include <array>
 #include <csignal>
 #include <memory>
 #include <stdexcept>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "korlo/osa/TcpListener.h"
+#include "korlo/osa/TcpSocket.h"
 #include "support/ChildProcess.h"
 #include "support/Files.h"
 #include "support/TemporaryFolder.h"
@@ -54,6 +56,7 @@ public:
                                                      ChildProcess::Variables{{"PATH", "/usr/sbin:/usr/bin:/bin"}});
         pChild->AwaitErrors(" running\n");
         _pChild = std::move(pChild);
+        AwaitAnswer();
     }
 
     /// SIGKILL ends it as a power cut does: what it holds is lost.
@@ -72,6 +75,21 @@ public:
     pid_t GetProcess() const { return _pChild->GetProcess(); }
 
 private:
+    /// It says that it is running shortly before it is, and a signal that comes in between is lost: so let it end a
+    /// connection that makes no sense.
+    void AwaitAnswer() const
+    {
+        constexpr unsigned int limitMs = 30'000;
+        const std::string nonsense = "GET / HTTP/1.0\r\n\r\n";
+        osa::TcpSocket socket(1);
+        socket.Connect("127.0.0.1", _port, limitMs);
+        socket.WriteAll(nonsense.data(), nonsense.size(), limitMs);
+        std::array<char, 64> answer{};
+        while (socket.ReadSome(answer.data(), answer.size(), limitMs).status == osa::TcpSocket::Done)
+        {
+        }
+    }
+
     const TemporaryFolder _folder;
     std::string _options;
     unsigned short _port = 0;
