@@ -31,7 +31,11 @@ constexpr double Patience = 10;
 constexpr double Patience = 1;
 #endif
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t GrowthKiB = 64 * 1024;  // it keeps what was freed for long, to catch who still uses it
+#else
 constexpr auto GrowthKiB = static_cast<std::size_t>(512 * Patience);
+#endif
 
 std::string GroupOf(int number)
 {
