@@ -24,7 +24,8 @@ public:
         AwaitPrompt();
     }
 
-    void AwaitPrompt() { Await(Prompt); }
+    /// @param before what is to be shown before the prompt.
+    void AwaitPrompt(std::string_view before = "") { Await(Prompt, before); }
 
 private:
     static constexpr const char* Prompt = "ready> ";

@@ -136,8 +136,11 @@ TEST_F(BashCompletionTest, NothingThatIsTypedIsRun)
                              "\\$\\(touch\\ ran\\)", "$'a\\"})
     {
         SCOPED_TRACE(word);
-        _bash->Type("korlo-settings --local settings.ini get " + std::string(word) + " A\t\x15\x03");
-        _bash->AwaitPrompt();
+        // The line is rubbed out, and another one told from what is typed by its output alone.
+        _bash->Type("korlo-settings --local settings.ini get " + std::string(word) +
+                    " A\t\x15"
+                    "echo don\\e\r");
+        _bash->AwaitPrompt("done");
         EXPECT_FALSE(std::filesystem::exists(PathOf("ran")));
     }
 }
