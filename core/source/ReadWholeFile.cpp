@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "korlo/osa/Exception.h"
+#include "korlo/osa/SystemCall.h"
 
 namespace korlo::core
 {
@@ -18,7 +19,7 @@ class OpenFile
 public:
     OpenFile(osa::IFileSystem& fileSystem, const std::string& path) : _fileSystem(fileSystem), _path(path)
     {
-        Demand("open", [&] { return _fileSystem.OpenForReading(_path, _file); });
+        osa::Demand("open", _path, [&] { return _fileSystem.OpenForReading(_path, _file); });
     }
 
     OpenFile(const OpenFile&) = delete;
@@ -29,25 +30,11 @@ public:
     std::size_t Read(char* pBuffer, std::size_t size)
     {
         std::size_t count = 0;
-        Demand("read", [&] { return _fileSystem.Read(_file, pBuffer, size, count); });
+        osa::Demand("read", _path, [&] { return _fileSystem.Read(_file, pBuffer, size, count); });
         return count;
     }
 
 private:
-    template <typename Call>
-    void Demand(const char* operation, Call call)
-    {
-        int error;
-        do
-        {
-            error = call();
-        } while (error == EINTR);
-        if (error != 0)
-        {
-            throw osa::Exception("Failed to %s '%s': %s", operation, _path.c_str(), osa::SystemReason(error).c_str());
-        }
-    }
-
     osa::IFileSystem& _fileSystem;
     const std::string& _path;
     int _file = -1;

@@ -8,37 +8,12 @@
 
 #include "ReadWholeFile.h"
 #include "korlo/osa/Exception.h"
+#include "korlo/osa/SystemCall.h"
 
 namespace korlo::osa
 {
 namespace
 {
-
-template <typename Call>
-int Uninterrupted(Call call)
-{
-    int error;
-    do
-    {
-        error = call();
-    } while (error == EINTR);
-    return error;
-}
-
-[[noreturn]] void Fail(const char* operation, const std::string& path, int error)
-{
-    throw Exception("Failed to %s '%s': %s", operation, path.c_str(), SystemReason(error).c_str());
-}
-
-/// Repeats an interrupted call; throws what else stands in its way.
-template <typename Call>
-void Demand(const char* operation, const std::string& path, Call call)
-{
-    if (const int error = Uninterrupted(call); error != 0)
-    {
-        Fail(operation, path, error);
-    }
-}
 
 std::string FolderOf(const std::string& path)
 {
@@ -89,7 +64,7 @@ public:
         const auto create = [&](const std::string& name) { return _fileSystem.Create(name, mode, _file); };
         if (const int error = TakeNameBeside(place, _name, create); error != 0)
         {
-            Fail("create a new file beside", place, error);
+            FailOn("create a new file beside", place, error);
         }
     }
 
@@ -118,7 +93,7 @@ public:
                    [&] { return _fileSystem.Write(_file, content.data() + done, content.size() - done, count); });
             if (count == 0)
             {
-                Fail("write the new content of", _place, EIO);  // a file that takes nothing would be asked for ever
+                FailOn("write the new content of", _place, EIO);  // a file that takes nothing would be asked for ever
             }
             done += count;
         }
@@ -155,7 +130,7 @@ public:
         const int error = _fileSystem.Close(std::exchange(_file, -1));
         if (error != 0 && error != EINTR)  // closed it is in any case: a second time could hit another thread's file
         {
-            Fail("close the new content of", _place, error);
+            FailOn("close the new content of", _place, error);
         }
     }
 
@@ -233,7 +208,7 @@ void CrashSafeFile::Sync() const
     _fileSystem.Close(file);
     if (error != 0)
     {
-        Fail("sync", _path, error);
+        FailOn("sync", _path, error);
     }
     SyncFolderOf(target);
 }
@@ -280,11 +255,11 @@ std::string CrashSafeFile::ResolveLinks() const
         }
         if (error != 0)
         {
-            Fail("follow the links of", _path, error);
+            FailOn("follow the links of", _path, error);
         }
         path = target.starts_with('/') ? target : FolderOf(path).append("/").append(target);
     }
-    Fail("follow the links of", _path, ELOOP);
+    FailOn("follow the links of", _path, ELOOP);
 }
 
 std::optional<FileStatus> CrashSafeFile::GetStatus(const std::string& path) const
@@ -297,7 +272,7 @@ std::optional<FileStatus> CrashSafeFile::GetStatus(const std::string& path) cons
     }
     if (error != 0)
     {
-        Fail("look at", path, error);
+        FailOn("look at", path, error);
     }
     return status;
 }
@@ -334,7 +309,7 @@ void CrashSafeFile::KeepGeneration(const std::string& target, const FileStatus& 
         Uninterrupted([&] { return _fileSystem.Unlink(link); });
         if (error != 0)
         {
-            Fail("keep the previous content of", _path, error);
+            FailOn("keep the previous content of", _path, error);
         }
         return;
     }

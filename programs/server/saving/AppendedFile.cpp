@@ -1,8 +1,9 @@
 #include "saving/AppendedFile.h"
 
+#include <cerrno>
 #include <utility>
 
-#include "saving/SystemCall.h"
+#include "korlo/osa/SystemCall.h"
 
 namespace korlo::daemon
 {
@@ -12,7 +13,7 @@ void AppendedFile::Create(const std::string& path, const std::string& likeThis)
     constexpr unsigned int ownerOnly = 0600;
     Close();
     int file = -1;
-    Demand("create", path, [&] { return _fileSystem.Create(path, ownerOnly, file); });
+    osa::Demand("create", path, [&] { return _fileSystem.Create(path, ownerOnly, file); });
     _file = file;
     _path = path;
     _bytes = 0;
@@ -26,11 +27,11 @@ void AppendedFile::TakeRightsOf(const std::string& likeThis)
     osa::FileStatus other;
     osa::FileStatus own;
     const auto look = [this](const std::string& path, osa::FileStatus& status) {
-        return Uninterrupted([&] { return _fileSystem.Stat(path, status); }) == 0;
+        return osa::Uninterrupted([&] { return _fileSystem.Stat(path, status); }) == 0;
     };
     if (look(likeThis, other) && look(_path, own) && own.owner == other.owner && own.group == other.group)
     {
-        Uninterrupted([&] { return _fileSystem.SetMode(_file, other.mode & readingAndWriting); });
+        osa::Uninterrupted([&] { return _fileSystem.SetMode(_file, other.mode & readingAndWriting); });
     }
 }
 
@@ -38,7 +39,7 @@ void AppendedFile::Open(const std::string& path, std::size_t bytes)
 {
     Close();
     int file = -1;
-    Demand("open", path, [&] { return _fileSystem.OpenForAppending(path, file); });
+    osa::Demand("open", path, [&] { return _fileSystem.OpenForAppending(path, file); });
     _file = file;
     _path = path;
     _bytes = bytes;
@@ -50,11 +51,11 @@ void AppendedFile::Write(const std::string& text)
     while (done < text.size())
     {
         std::size_t count = 0;
-        Demand("write to", _path,
-               [&] { return _fileSystem.Write(_file, text.data() + done, text.size() - done, count); });
+        osa::Demand("write to", _path,
+                    [&] { return _fileSystem.Write(_file, text.data() + done, text.size() - done, count); });
         if (count == 0)
         {
-            Demand("write to", _path, [] { return EIO; });  // a file that takes nothing would be asked for ever
+            osa::FailOn("write to", _path, EIO);  // a file that takes nothing would be asked for ever
         }
         done += count;
         _bytes += count;
@@ -63,7 +64,7 @@ void AppendedFile::Write(const std::string& text)
 
 void AppendedFile::Sync()
 {
-    Demand("sync", _path, [this] { return _fileSystem.SyncData(_file); });
+    osa::Demand("sync", _path, [this] { return _fileSystem.SyncData(_file); });
 }
 
 void AppendedFile::Close()

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "korlo/osa/Exception.h"
+#include "korlo/osa/SystemCall.h"
 #include "korlo/stl/TextStream.h"
 #include "saving/ChangeLog.h"
-#include "saving/SystemCall.h"
 #include "settings/server/GroupDiscriminator.h"
 
 namespace korlo::daemon
@@ -550,7 +550,7 @@ void UserFile::BeginLog(const std::string& content)
 
 void UserFile::Remove(const std::string& path)
 {
-    Demand("remove", path, [&] {
+    osa::Demand("remove", path, [&] {
         const int error = _fileSystem.Unlink(path);
         return error == ENOENT ? 0 : error;
     });
@@ -558,7 +558,7 @@ void UserFile::Remove(const std::string& path)
 
 void UserFile::Rename(const std::string& from, const std::string& to)
 {
-    Demand("rename", from, [&] { return _fileSystem.Rename(from, to); });
+    osa::Demand("rename", from, [&] { return _fileSystem.Rename(from, to); });
 }
 
 }  // namespace korlo::daemon
