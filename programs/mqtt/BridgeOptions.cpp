@@ -1,19 +1,14 @@
 #include "BridgeOptions.h"
 
 #include <optional>
-#include <vector>
 
-#include <CLI/CLI.hpp>
-
-#include "HelpText.h"
 #include "NumberText.h"
+#include "OptionParsing.h"
 
 namespace korlo::settings::mqtt
 {
 namespace
 {
-
-constexpr int WrongCommandLine = 2;
 
 int ParseLogLevel(const std::string& text)
 {
@@ -41,21 +36,13 @@ void AddOptions(CLI::App& app, BridgeOptions& options)
         ->default_str(std::to_string(options.logLevel));
 }
 
-std::string HelpOf(const CLI::App& app)
+HelpFrame Help()
 {
-    std::vector<HelpRow> rows;
-    for (const CLI::Option* pOption : app.get_options())
-    {
-        const std::string value = pOption->get_type_name();
-        const std::string standard = pOption->get_default_str();
-        rows.push_back({"--" + pOption->get_lnames().front() + (value.empty() ? "" : ' ' + value),
-                        pOption->get_description() + (standard.empty() ? "." : " (default: " + standard + ").")});
-    }
-    return HelpText("korlo-settings-mqtt --config FILE [OPTION]...", app.get_description(), rows,
-                    "  korlo-settings-mqtt --config /etc/korlo-settings/mqtt.ini\n",
-                    "If an option that takes one value is repeated, the last one wins. Exit status: 0 after SIGTERM or "
-                    "SIGINT; 2 the command line or the configuration was wrong; 1 the system refused what the bridge "
-                    "needs to run.");
+    return {
+        "korlo-settings-mqtt --config FILE [OPTION]...",
+        "  korlo-settings-mqtt --config /etc/korlo-settings/mqtt.ini\n",
+        "If an option that takes one value is repeated, the last one wins. Exit status: 0 after SIGTERM or SIGINT; 2 "
+        "the command line or the configuration was wrong; 1 the system refused what the bridge needs to run."};
 }
 
 }  // namespace
@@ -65,22 +52,7 @@ BridgeOptions ParseOptions(int argc, const char* const* argv)
     BridgeOptions options;
     CLI::App app("Reports the settings of a device to an MQTT broker, and takes over what the fleet wants them to be.");
     AddOptions(app, options);
-    try
-    {
-        app.parse(argc, argv);
-    }
-    catch (const CLI::CallForHelp&)
-    {
-        throw EarlyExit(0, HelpOf(app));
-    }
-    catch (const CLI::CallForVersion&)
-    {
-        throw EarlyExit(0, "korlo-settings-mqtt " + app.version() + '\n');
-    }
-    catch (const CLI::ParseError& error)
-    {
-        throw EarlyExit(WrongCommandLine, error.what());
-    }
+    ParseOptionsOf(app, "korlo-settings-mqtt", Help(), argc, argv);
     if (options.configuration.empty())
     {
         throw EarlyExit(WrongCommandLine, "--config FILE is missing");

@@ -1,8 +1,9 @@
 #pragma once
 // The command line of the bridge.
 
-#include <exception>
 #include <string>
+
+#include "EarlyExit.h"
 
 namespace korlo::settings::mqtt
 {
@@ -14,22 +15,6 @@ struct BridgeOptions
 {
     std::string configuration;  ///< the path of the file
     int logLevel = 3;
-};
-
-/// Ends the program before it has begun: a wrong command line or configuration, or a question that is answered.
-///
-/// Thread safety: as std::exception.
-class EarlyExit : public std::exception
-{
-public:
-    EarlyExit(int status, const std::string& text) : _status(status), _text(text) {}
-
-    int GetStatus() const { return _status; }
-    const char* what() const noexcept override { return _text.c_str(); }
-
-private:
-    int _status;
-    std::string _text;
 };
 
 /// Reads the command line.

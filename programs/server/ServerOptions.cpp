@@ -5,17 +5,13 @@
 #include <limits>
 #include <string_view>
 
-#include <CLI/CLI.hpp>
-
-#include "HelpText.h"
 #include "NumberText.h"
+#include "OptionParsing.h"
 
 namespace korlo::daemon
 {
 namespace
 {
-
-constexpr int WrongCommandLine = 2;
 
 [[noreturn]] void Refuse(const std::string& message)
 {
@@ -157,22 +153,14 @@ void AddOptions(CLI::App& app, ServerOptions& options)
               options.logLevel, 0, 4);
 }
 
-std::string HelpOf(const CLI::App& app)
+HelpFrame Help()
 {
-    std::vector<HelpRow> rows;
-    for (const CLI::Option* pOption : app.get_options())
-    {
-        const std::string value = pOption->get_type_name();
-        const std::string standard = pOption->get_default_str();
-        rows.push_back({"--" + pOption->get_lnames().front() + (value.empty() ? "" : ' ' + value),
-                        pOption->get_description() + (standard.empty() ? "." : " (default: " + standard + ").")});
-    }
-    return HelpText("korlo-settings-server [OPTION]...", app.get_description(), rows,
-                    "  korlo-settings-server --defaults defaults.d --restricted restricted.d --user user.ini\n"
-                    "  korlo-settings-server --listen 127.0.0.1:0 --user user.ini --save-delay 2000 --log-level 3\n",
-                    "If an option that takes one value is repeated, the last one wins. Exit status: 0 after SIGTERM or "
-                    "SIGINT; 2 the command line was wrong; 1 an address or a file could not be used, or the last save "
-                    "failed.");
+    return {
+        "korlo-settings-server [OPTION]...",
+        "  korlo-settings-server --defaults defaults.d --restricted restricted.d --user user.ini\n"
+        "  korlo-settings-server --listen 127.0.0.1:0 --user user.ini --save-delay 2000 --log-level 3\n",
+        "If an option that takes one value is repeated, the last one wins. Exit status: 0 after SIGTERM or SIGINT; 2 "
+        "the command line was wrong; 1 an address or a file could not be used, or the last save failed."};
 }
 
 }  // namespace
@@ -188,22 +176,7 @@ ServerOptions ParseOptions(int argc, const char* const* argv)
     ServerOptions options;
     CLI::App app("Holds the settings of a device and serves them to its programs.");
     AddOptions(app, options);
-    try
-    {
-        app.parse(argc, argv);
-    }
-    catch (const CLI::CallForHelp&)
-    {
-        throw EarlyExit(0, HelpOf(app));
-    }
-    catch (const CLI::CallForVersion&)
-    {
-        throw EarlyExit(0, "korlo-settings-server " + app.version() + '\n');
-    }
-    catch (const CLI::ParseError& error)
-    {
-        Refuse(error.what());
-    }
+    ParseOptionsOf(app, "korlo-settings-server", Help(), argc, argv);
     options.userPathIsGiven = app.count("--user") > 0;
     options.limits.savesAtOnce = options.saveDelayMs == 0;
     return options;

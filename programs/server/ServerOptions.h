@@ -2,11 +2,11 @@
 // The command line of the server.
 
 #include <cstddef>
-#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "EarlyExit.h"
 #include "ServerLimits.h"
 #include "journal/Journal.h"
 #include "saving/UserFile.h"
@@ -43,22 +43,6 @@ struct ServerOptions
     std::size_t journal = Journal::UsualEntries;  ///< entries; 0: no journal
     ServerLimits limits;
     int logLevel = 2;
-};
-
-/// Ends the program before it has begun: a wrong command line, or a question that is answered.
-///
-/// Thread safety: as std::exception.
-class EarlyExit : public std::exception
-{
-public:
-    EarlyExit(int status, const std::string& text) : _status(status), _text(text) {}
-
-    int GetStatus() const { return _status; }
-    const char* what() const noexcept override { return _text.c_str(); }
-
-private:
-    int _status;
-    std::string _text;
 };
 
 /// Reads the command line.
