@@ -48,28 +48,13 @@ const Situation Situations[] = {
     {"a disk without hard links", OldContent, OlderContent, CrashSafeFile::KeepPrevious, false, false},
 };
 
-struct Fault
-{
-    const char* name;
-    FaultyFileSystem::Kind kind;
-    int error;
-};
-
-const Fault Faults[] = {
-    {"no space", FaultyFileSystem::FailOnce, ENOSPC},
-    {"input/output error", FaultyFileSystem::FailOnce, EIO},
-    {"interruption", FaultyFileSystem::FailOnce, EINTR},
-    {"short write", FaultyFileSystem::TakeLittle, 0},
-    {"a disk that fills up", FaultyFileSystem::FillUp, ENOSPC},
-    {"power cut", FaultyFileSystem::PowerCut, EIO},
-    {"power cut after the call", FaultyFileSystem::PowerCutAfter, EIO},
-};
-
 /// One situation in a folder of its own, with one call that goes wrong.
 class FaultRun
 {
 public:
-    FaultRun(const Situation& situation, const Fault& fault, std::size_t call) : _situation(situation), _fault(fault)
+    FaultRun(const Situation& situation, const DiskFault& fault, std::size_t call)
+        : _situation(situation),
+          _fault(fault)
     {
         if (situation.isLink)
         {
@@ -164,7 +149,7 @@ private:
     }
 
     const Situation& _situation;
-    const Fault& _fault;
+    const DiskFault& _fault;
     const TemporaryFolder _folder;
     const std::string _path = _folder.PathOf("user.ini");
     const std::string _target = _situation.isLink ? _folder.PathOf("real.ini") : _path;
@@ -177,7 +162,7 @@ TEST(CrashSafeFileFaultTest, WhateverCallFailsTheOldOrTheNewContentIsThereAsAWho
 {
     for (const Situation& situation : Situations)
     {
-        for (const Fault& fault : Faults)
+        for (const DiskFault& fault : DiskFaults)
         {
             bool hasFailed = true;
             for (std::size_t call = 0; hasFailed; ++call)

@@ -204,4 +204,22 @@ private:
     int _openFiles = 0;
 };
 
+/// What can go wrong with a call, and must cost no file its content.
+struct DiskFault
+{
+    const char* name;
+    FaultyFileSystem::Kind kind;
+    int error;
+};
+
+inline const DiskFault DiskFaults[] = {
+    {"no space", FaultyFileSystem::FailOnce, ENOSPC},
+    {"input/output error", FaultyFileSystem::FailOnce, EIO},
+    {"interruption", FaultyFileSystem::FailOnce, EINTR},
+    {"short write", FaultyFileSystem::TakeLittle, 0},
+    {"a disk that fills up", FaultyFileSystem::FillUp, ENOSPC},
+    {"power cut", FaultyFileSystem::PowerCut, EIO},
+    {"power cut after the call", FaultyFileSystem::PowerCutAfter, EIO},
+};
+
 }  // namespace korlo

@@ -16,6 +16,7 @@
 #include "support/BridgeScene.h"
 #include "support/Files.h"
 #include "support/TemporaryFolder.h"
+#include "support/UnitFile.h"
 
 namespace korlo::settings::mqtt
 {
@@ -30,26 +31,14 @@ using testing::IsSupersetOf;
 using testing::Not;
 using testing::StartsWith;
 
-using Lines = std::vector<std::string>;
-
 std::string Shipped(const std::string& name)
 {
     return ContentOf(std::string(KORLO_TREE) + "/packaging/" + name).value();
 }
 
-/// The lines that are neither empty nor comments.
 Lines LinesOf(const std::string& name)
 {
-    std::istringstream text(Shipped(name));
-    Lines lines;
-    for (std::string line; std::getline(text, line);)
-    {
-        if (!line.empty() && line.front() != '#')
-        {
-            lines.push_back(line);
-        }
-    }
-    return lines;
+    return LinesIn(Shipped(name));
 }
 
 Lines Unit()
@@ -57,18 +46,9 @@ Lines Unit()
     return LinesOf("korlo-settings-mqtt.service");
 }
 
-/// What follows the beginning of a line; fails where no line begins so.
 std::string RestOf(const std::string& beginning)
 {
-    for (const std::string& line : Unit())
-    {
-        if (line.starts_with(beginning))
-        {
-            return line.substr(beginning.size());
-        }
-    }
-    ADD_FAILURE() << "no line begins with " << beginning;
-    return {};
+    return RestIn(Unit(), beginning);
 }
 
 /// The configuration with the comments taken from its keys, each with a value that makes sense.
@@ -109,18 +89,8 @@ TEST(BridgeUnitTest, MayConnectToTheServersSocket)
 
 TEST(BridgeUnitTest, EveryLineIsBelowAComment)
 {
-    // A comment stands for the lines up to the next empty one.
-    std::istringstream text(Shipped("korlo-settings-mqtt.service"));
-    bool explained = false;
-    for (std::string line; std::getline(text, line);)
-    {
-        explained = !line.empty() && line.front() != '[' && (explained || line.front() == '#');
-        const bool speaksForItself = line.empty() || line.front() == '[' || line.starts_with("Description=") ||
-                                     line.starts_with("Documentation=") || line.starts_with("Type=") ||
-                                     line.starts_with("ExecStart=") || line.starts_with("Restart") ||
-                                     line.starts_with("WantedBy=");
-        EXPECT_TRUE(explained || speaksForItself) << line;
-    }
+    ExpectLinesBelowComments(Shipped("korlo-settings-mqtt.service"),
+                             {"Description=", "Documentation=", "Type=", "ExecStart=", "Restart", "WantedBy="});
 }
 
 TEST(BridgeConfigurationFileTest, IsRefusedUntilItSaysWhereTheBrokerIs)

@@ -31,23 +31,6 @@ using settings::server::SettingsManager;
 using testing::AnyOf;
 using testing::HasSubstr;
 
-struct DiskFault
-{
-    const char* name;
-    FaultyFileSystem::Kind kind;
-    int error;
-};
-
-const DiskFault DiskFaults[] = {
-    {"no space", FaultyFileSystem::FailOnce, ENOSPC},
-    {"input/output error", FaultyFileSystem::FailOnce, EIO},
-    {"a disk that fills up", FaultyFileSystem::FillUp, ENOSPC},
-    {"short write", FaultyFileSystem::TakeLittle, 0},
-    {"interruption", FaultyFileSystem::FailOnce, EINTR},
-    {"power cut", FaultyFileSystem::PowerCut, EIO},
-    {"power cut after the call", FaultyFileSystem::PowerCutAfter, EIO},
-};
-
 /// Two layers were saved before; the third one is saved while one call after the other fails.
 class DiskFaultTest : public testing::Test
 {

@@ -9,6 +9,7 @@
 
 #include "ServerOptions.h"
 #include "support/Files.h"
+#include "support/UnitFile.h"
 
 namespace korlo::daemon
 {
@@ -21,21 +22,14 @@ using testing::IsSupersetOf;
 using testing::Not;
 using testing::StartsWith;
 
-using Lines = std::vector<std::string>;
+std::string Shipped(const std::string& name)
+{
+    return ContentOf(std::string(KORLO_PACKAGING) + '/' + name).value();
+}
 
-/// The lines of a file that are neither empty nor comments.
 Lines LinesOf(const std::string& name)
 {
-    std::istringstream text(ContentOf(std::string(KORLO_PACKAGING) + '/' + name).value());
-    Lines lines;
-    for (std::string line; std::getline(text, line);)
-    {
-        if (!line.empty() && line.front() != '#')
-        {
-            lines.push_back(line);
-        }
-    }
-    return lines;
+    return LinesIn(Shipped(name));
 }
 
 Lines Unit()
@@ -43,18 +37,9 @@ Lines Unit()
     return LinesOf("korlo-settings-server.service");
 }
 
-/// What follows the beginning of a line; fails where no line begins so.
 std::string RestOf(const std::string& beginning)
 {
-    for (const std::string& line : Unit())
-    {
-        if (line.starts_with(beginning))
-        {
-            return line.substr(beginning.size());
-        }
-    }
-    ADD_FAILURE() << "no line begins with " << beginning;
-    return {};
+    return RestIn(Unit(), beginning);
 }
 
 /// The command line, as the service manager makes it of the variable's value: split at white space.
@@ -120,17 +105,8 @@ TEST(ServerUnitTest, TakesBothSocketsAndTellsThemApart)
 
 TEST(ServerUnitTest, EveryLineIsBelowAComment)
 {
-    // A comment stands for the lines up to the next empty one.
-    std::istringstream text(ContentOf(std::string(KORLO_PACKAGING) + "/korlo-settings-server.service").value());
-    bool explained = false;
-    for (std::string line; std::getline(text, line);)
-    {
-        explained = !line.empty() && line.front() != '[' && (explained || line.front() == '#');
-        const bool speaksForItself = line.empty() || line.front() == '[' || line.starts_with("Description=") ||
-                                     line.starts_with("Documentation=") || line.starts_with("Type=") ||
-                                     line.starts_with("WantedBy=") || line.starts_with("Also=");
-        EXPECT_TRUE(explained || speaksForItself) << line;
-    }
+    ExpectLinesBelowComments(Shipped("korlo-settings-server.service"),
+                             {"Description=", "Documentation=", "Type=", "WantedBy=", "Also="});
 }
 
 TEST(ServerUnitTest, ItsUserAndTheGroupOfItsSocketAreMade)

@@ -23,22 +23,6 @@ namespace korlo::daemon
 namespace
 {
 
-struct Fault
-{
-    const char* name;
-    FaultyFileSystem::Kind kind;
-    int error;
-};
-
-const Fault Faults[] = {
-    {"no space", FaultyFileSystem::FailOnce, ENOSPC},
-    {"a disk that fills up", FaultyFileSystem::FillUp, ENOSPC},
-    {"short write", FaultyFileSystem::TakeLittle, 0},
-    {"interruption", FaultyFileSystem::FailOnce, EINTR},
-    {"power cut", FaultyFileSystem::PowerCut, EIO},
-    {"power cut after the call", FaultyFileSystem::PowerCutAfter, EIO},
-};
-
 /// Saves, of which one meets a fold and the last is one; a content of before comes back.
 using Step = std::function<void(SavedStore&)>;
 const Step Steps[] = {
@@ -104,7 +88,7 @@ protected:
     {
         const std::size_t stride = AreTestsLong() ? 1 : 11;
         std::size_t first = 0;
-        for (const Fault& fault : Faults)
+        for (const DiskFault& fault : DiskFaults)
         {
             bool hasFailed = true;
             first = AreTestsLong() ? 0 : first + 2;
