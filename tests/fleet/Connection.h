@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <mosquitto.h>
@@ -61,15 +63,16 @@ public:
         Check(_pClient == nullptr ? MOSQ_ERR_NOMEM : MOSQ_ERR_SUCCESS, "make a client");
         Check(mosquitto_int_option(Client(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5), "choose MQTT 5");
         mosquitto_connect_v5_callback_set(Client(), [](mosquitto*, void* pSelf, int reason, int, const auto*) {
-            static_cast<Connection*>(pSelf)->TakeAnswer(reason);
+            static_cast<Connection*>(pSelf)->Note([reason](Connection& self) { self.TakeAnswer(reason); });
         });
         mosquitto_publish_v5_callback_set(Client(), [](mosquitto*, void* pSelf, int id, int, const auto*) {
-            static_cast<Connection*>(pSelf)->OnPublished(id);
+            static_cast<Connection*>(pSelf)->Note([id](Connection& self) { self.OnPublished(id); });
         });
         mosquitto_message_v5_callback_set(Client(), [](mosquitto*, void* pSelf, const auto* pMessage, const auto*) {
-            const std::string payload(static_cast<const char*>(pMessage->payload),
-                                      static_cast<std::size_t>(pMessage->payloadlen));
-            static_cast<Connection*>(pSelf)->OnMessage(pMessage->topic, payload);
+            std::string payload(static_cast<const char*>(pMessage->payload),
+                                static_cast<std::size_t>(pMessage->payloadlen));
+            static_cast<Connection*>(pSelf)->Note([topic = std::string(pMessage->topic), payload = std::move(payload)](
+                                                      Connection& self) { self.OnMessage(topic, payload); });
         });
     }
 
@@ -134,6 +137,7 @@ public:
         {
             _isConnected = false;
         }
+        TellOfNoted();
         Check(result, "keep the connection to the broker");
     }
 
@@ -148,6 +152,20 @@ protected:
     virtual void OnMessage(const std::string& topic, const std::string& payload) = 0;
 
 private:
+    using Event = std::function<void(Connection&)>;
+
+    /// Whoever hears of an event publishes and subscribes. In a callback of the library that would take its locks in an
+    /// order that it takes the other way round elsewhere.
+    void Note(Event event) { _noted.push_back(std::move(event)); }
+
+    void TellOfNoted()
+    {
+        for (const Event& event : std::exchange(_noted, {}))
+        {
+            event(*this);
+        }
+    }
+
     struct Destroy
     {
         void operator()(mosquitto* pClient) const { mosquitto_destroy(pClient); }
@@ -165,6 +183,7 @@ private:
     const int _port;
     const std::unique_ptr<mosquitto, Destroy> _pClient;
     bool _isConnected = false;
+    std::vector<Event> _noted;  // what the library has called for since Serve began
 };
 
 /// Serves those that are connected for at most so long, once something happens for one round.
