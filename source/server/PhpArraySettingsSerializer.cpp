@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cstring>
+#include <limits>
 #include <string>
+#include <string_view>
 
 #include "korlo/osa/Exception.h"
 
@@ -11,29 +15,108 @@ namespace korlo::settings::server
 namespace
 {
 
-// Sizes go out as text made here: the stream's locale may group digits, and its flags may ask for hexadecimal.
-
-void WriteString(std::ostream& out, const std::string& text)
+/// Gathers the text and hands it to the stream in large pieces, since an operation of the stream for each of the dozen
+/// tokens of a key would cost more than the text. Call Flush at the end.
+///
+/// Thread safety: none of its own; lives on the stack of the operation that writes.
+class Writer
 {
-    out << "s:" << std::to_string(text.size()) << ":\"";
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out << "\";";
-}
+public:
+    /// @param out borrowed; must outlive the writer.
+    explicit Writer(std::ostream& out) : _out(out) {}
 
-void WriteArrayHeader(std::ostream& out, std::size_t count)
-{
-    out << "a:" << std::to_string(count) << ":{";
-}
-
-void WriteGroup(std::ostream& out, const core::IniFile::KeyValueMap& values)
-{
-    WriteArrayHeader(out, values.size());
-    for (const auto& [key, value] : values)
+    void WriteString(std::string_view text)
     {
-        WriteString(out, key);
-        WriteString(out, value);
+        AppendSize('s', text.size(), '"');
+        Append(text);
+        Append("\";");
     }
-    out << '}';
+
+    void BeginArray(std::size_t count) { AppendSize('a', count, '{'); }
+
+    void Append(std::string_view text)
+    {
+        if (text.size() > _pending.size() - _used)
+        {
+            Flush();
+            if (text.size() > _pending.size())
+            {
+                _out.write(text.data(), static_cast<std::streamsize>(text.size()));
+                return;
+            }
+        }
+        std::memcpy(_pending.data() + _used, text.data(), text.size());
+        _used += text.size();
+    }
+
+    void Flush()
+    {
+        _out.write(_pending.data(), static_cast<std::streamsize>(_used));
+        _used = 0;
+    }
+
+private:
+    /// Made here and not by the stream, whose locale may group digits and whose flags may ask for hexadecimal.
+    void AppendSize(char kind, std::size_t size, char opening)
+    {
+        constexpr std::size_t mostDigits = std::numeric_limits<std::size_t>::digits10 + 1;
+        std::array<char, mostDigits + 4> token = {kind, ':'};
+        char* pEnd = std::to_chars(token.data() + 2, token.data() + 2 + mostDigits, size).ptr;
+        *pEnd++ = ':';
+        *pEnd++ = opening;
+        Append(std::string_view(token.data(), static_cast<std::size_t>(pEnd - token.data())));
+    }
+
+    std::ostream& _out;
+    std::size_t _used = 0;
+    std::array<char, 2048> _pending;  // small enough for the stack of a settings thread
+};
+
+// Reading is defined by the stream's operators, with its white space, its flags and its errors. They cost several times
+// what the text does: so what lies in the stream's buffer just as it is written is taken from there, and all else is
+// left to them.
+
+/// What lies in a stream's buffer, to be taken without its source or its state taking part.
+///
+/// Thread safety: none of its own; as the stream's.
+class GetArea : public std::streambuf
+{
+public:
+    static std::string_view Of(const std::istream& in)
+    {
+        if (!in.good() || (in.flags() & std::ios_base::basefield) != std::ios_base::dec)
+        {
+            return {};
+        }
+        const char* const pBegin = Begin(in);
+        const auto size = static_cast<std::size_t>((in.rdbuf()->*&GetArea::egptr)() - pBegin);
+        return {pBegin, std::min<std::size_t>(size, std::numeric_limits<int>::max())};
+    }
+
+    static void SkipTo(const std::istream& in, const char* pNext)
+    {
+        (in.rdbuf()->*&GetArea::gbump)(static_cast<int>(pNext - Begin(in)));
+    }
+
+private:
+    static const char* Begin(const std::istream& in) { return (in.rdbuf()->*&GetArea::gptr)(); }
+};
+
+/// Takes such as `a:12:{` off the front of the text; false if there is anything else.
+bool TakeSize(std::string_view& text, char kind, char opening, unsigned int& size)
+{
+    if (text.size() < 2 || text[0] != kind || text[1] != ':')
+    {
+        return false;
+    }
+    const auto number = std::from_chars(text.data() + 2, text.data() + text.size(), size);
+    text.remove_prefix(static_cast<std::size_t>(number.ptr - text.data()));
+    if (number.ec != std::errc() || text.size() < 2 || text[0] != ':' || text[1] != opening)
+    {
+        return false;
+    }
+    text.remove_prefix(2);
+    return true;
 }
 
 void Expect(std::istream& in, char expected)
@@ -80,6 +163,13 @@ std::string ReadBytes(std::istream& in, unsigned int missing)
 
 std::string ReadString(std::istream& in)
 {
+    std::string_view rest = GetArea::Of(in);
+    unsigned int size = 0;
+    if (TakeSize(rest, 's', '"', size) && rest.size() >= size && rest.substr(size).starts_with("\";"))
+    {
+        GetArea::SkipTo(in, rest.data() + size + 2);
+        return std::string(rest.substr(0, size));
+    }
     Expect(in, 's');
     Expect(in, ':');
     const unsigned int length = ReadSize(in);
@@ -93,6 +183,13 @@ std::string ReadString(std::istream& in)
 
 unsigned int ReadArrayHeader(std::istream& in)
 {
+    std::string_view rest = GetArea::Of(in);
+    unsigned int size = 0;
+    if (TakeSize(rest, 'a', '{', size))
+    {
+        GetArea::SkipTo(in, rest.data());
+        return size;
+    }
     Expect(in, 'a');
     Expect(in, ':');
     const unsigned int count = ReadSize(in);
@@ -119,13 +216,23 @@ void PhpArraySettingsSerializer::OnSerialize(const core::IniFile& ini, const com
 {
     GroupNameCollection matched;
     groups.GetMatchingGroups(ini, matched);
-    WriteArrayHeader(out, matched.size());
+    Writer writer(out);
+    writer.BeginArray(matched.size());
     for (const std::string& group : matched)
     {
-        WriteString(out, group);
-        WriteGroup(out, ini[group]);
+        const core::IniFile::KeyValueMap& values = ini[group];
+        writer.WriteString(group);
+        writer.BeginArray(values.size());
+        for (const auto& [key, value] : values)
+        {
+            writer.WriteString(key);
+            writer.WriteString(value);
+        }
+        writer.Append("}");
     }
-    out << "}\n\n" << std::flush;
+    writer.Append("}\n\n");
+    writer.Flush();
+    out.flush();
 }
 
 void PhpArraySettingsSerializer::OnDeserialize(std::istream& in, core::IniFile& ini) const

@@ -13,6 +13,7 @@
 
 #include "support/Documents.h"
 #include "support/Files.h"
+#include "support/PiecewiseStream.h"
 #include "support/Selection.h"
 
 namespace korlo::settings::server
@@ -163,14 +164,16 @@ TEST(PhpArraySettingsSerializerTest, FlushesTheStream)
     EXPECT_EQ(buffer.syncs, 1);
 }
 
+/// Groups the digits of numbers by dots.
+class Grouping : public std::numpunct<char>
+{
+protected:
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
 TEST(PhpArraySettingsSerializerTest, NumbersAreWrittenPlainWhateverTheStreamsLocaleAndFlags)
 {
-    class Grouping : public std::numpunct<char>
-    {
-    protected:
-        char do_thousands_sep() const override { return '.'; }
-        std::string do_grouping() const override { return "\3"; }
-    };
     IniFile ini;
     ini["g"]["k"] = std::string(1234, 'x');
     common::GroupNameMatcher matcher;
@@ -228,6 +231,76 @@ TEST(PhpArraySettingsSerializerTest, WhiteSpaceIsSkippedBetweenTokensAndCountedI
     expected["n t"][" k"] = "\n ";
     EXPECT_EQ(ini, expected);
     EXPECT_EQ(FaultOf("a:1:{s:1:\" n\";a:0:{}}"), Instead('"', 'n'));
+}
+
+/// What reading leaves: the message of the fault, the document, and what was not read.
+std::string Outcome(std::istream& in)
+{
+    IniFile ini;
+    const std::string fault = MessageOf([&] { Serializer.OnDeserialize(in, ini); });
+    in.clear();
+    const std::string rest((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return fault + '|' + Serialized(Serializer, ini, {"*"}) + '|' + rest;
+}
+
+TEST(PhpArraySettingsSerializerTest, WhatATextMeansDoesNotDependOnThePiecesItArrivesIn)
+{
+    std::vector<std::string> texts = {
+        "a:+1:{s:-0:\"\";a:00:{}}rest",                   // signs and zeros, as any number may have them
+        "a:-4294967295:{s:1:\"g\";a:0:{}}rest",           // a negative number counts from the top
+        "a:1:{s:1:\"g\" ;a:1:{s:1 :\"k\";s:1: \"v\";}}",  // white space where none is written
+        "a:1:{s:1:\"g\";a:1:{s:0001:\"k\";s:1:\"v\";}}",
+        "a:1:{s:1:\"g;a:0:{}}",
+        "a:1:{s:2:\"g\";a:0:{}}",
+        "a:1:{s:1:\"g\",a:0:{}}",
+        "a:1:{s:0x1:\"g\";a:0:{}}",
+        "a:1:{s:1,000:\"g\";a:0:{}}",
+        "a:1:{s:4294967296:\"g\";a:0:{}}",
+        "a:1:{s:4294967295:\"g\";",
+        "a:1[s:1:\"g\";a:0:{}}",
+    };
+    const Script script = MakeScript();
+    for (std::size_t length = 0; length <= script.text.size(); length += 7)
+    {
+        texts.push_back(script.text.substr(0, length));
+    }
+    for (const std::string& text : texts)
+    {
+        SCOPED_TRACE(text);
+        PiecewiseStream byByte(text, 1);
+        const std::string expected = Outcome(byByte);
+        for (const std::size_t pieceBytes : {2u, 3u, 7u, 16u, 255u, 100000u})
+        {
+            PiecewiseStream in(text, pieceBytes);
+            ASSERT_EQ(Outcome(in), expected) << "in pieces of " << pieceBytes;
+        }
+    }
+}
+
+TEST(PhpArraySettingsSerializerTest, NumbersAreReadByTheStreamsLocaleAndFlags)
+{
+    const std::string value(1234, 'x');
+    const std::string dotted = "a:1:{s:1:\"g\";a:1:{s:1:\"k\";s:1.234:\"" + value + "\";}}";
+    std::istringstream grouped(dotted);
+    grouped.imbue(std::locale(std::locale::classic(), new Grouping));
+    IniFile ini;
+    Serializer.OnDeserialize(grouped, ini);
+    EXPECT_EQ(ini["g"]["k"], value);
+    EXPECT_EQ(FaultOf(dotted), Instead(':', '.'));
+
+    std::istringstream hexadecimal("a:1:{s:10:\"sixteen bytes it\";a:0:{}}");
+    hexadecimal >> std::hex;
+    ini.Clear();
+    Serializer.OnDeserialize(hexadecimal, ini);
+    EXPECT_EQ(ini, Ini("[sixteen bytes it]\n"));
+}
+
+TEST(PhpArraySettingsSerializerTest, AStreamThatDoesNotSkipWhiteSpaceIsTakenAtItsWord)
+{
+    std::istringstream in("a:1:{s:1:\"g\"; a:0:{}}");
+    in >> std::noskipws;
+    IniFile ini;
+    EXPECT_EQ(MessageOf([&] { Serializer.OnDeserialize(in, ini); }), Instead('a', ' '));
 }
 
 TEST(PhpArraySettingsSerializerTest, RandomDocumentsSurvive)
