@@ -177,7 +177,7 @@ void IniFile::MergeSettings(const IniFile& other, const std::string& group)
 
 void IniFile::MergeGroup(const std::string& name, const KeyValueMap& values)
 {
-    KeyValueMap& mine = _groups[name];
+    KeyValueMap& mine = (*this)[name];
     if (mine.empty())
     {
         mine = values;
@@ -250,7 +250,7 @@ bool IniFile::GetBoolOrDefault(const std::string& group, const std::string& key,
 
 void IniFile::SetValue(const std::string& group, const std::string& key, const std::string& value)
 {
-    _groups[group].insert_or_assign(key, value);
+    (*this)[group].insert_or_assign(key, value);
 }
 
 void IniFile::SetInt(const std::string& group, const std::string& key, int value)

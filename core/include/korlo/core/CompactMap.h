@@ -65,11 +65,7 @@ class CompactMap
         reference operator*() const { return *_pElement; }
         pointer operator->() const { return _pElement; }
 
-        Iterator& operator++()
-        {
-            *this = _pMap->template After<IsConst>(*this);
-            return *this;
-        }
+        Iterator& operator++() { return MoveTo(_pMap->template After<IsConst>(*this)); }
 
         Iterator operator++(int)
         {
@@ -78,11 +74,7 @@ class CompactMap
             return old;
         }
 
-        Iterator& operator--()
-        {
-            *this = _pMap->template Before<IsConst>(*this);
-            return *this;
-        }
+        Iterator& operator--() { return MoveTo(_pMap->template Before<IsConst>(*this)); }
 
         Iterator operator--(int)
         {
@@ -119,6 +111,15 @@ class CompactMap
         explicit Iterator(const CompactMap* pMap) : _pMap(pMap) {}  // the end
 
         bool InBlock() const { return _position != Block::npos; }
+
+        /// Member by member: what was just written in parts and is copied as a whole makes the processor wait.
+        Iterator& MoveTo(const Iterator& other)
+        {
+            _pElement = other._pElement;
+            _position = other._position;
+            _node = other._node;
+            return *this;
+        }
 
         const CompactMap* _pMap = nullptr;
         std::pair<const std::string, T>* _pElement = nullptr;  // null at the end

@@ -155,7 +155,11 @@ public:
     iterator RemoveGroup(const_iterator group) { return _groups.erase(group); }
 
     /// The keys of the group, created empty if it is missing.
-    KeyValueMap& operator[](const std::string& group) { return _groups[group]; }
+    KeyValueMap& operator[](const std::string& group)
+    {
+        KeyValueMap* const pKnown = _groups.Lookup(group);  // adding is slower, also where there is nothing to add
+        return pKnown != nullptr ? *pKnown : _groups[group];
+    }
 
     /// The keys of a group that is there.
     /// @throws osa::Exception naming the group when it is missing.

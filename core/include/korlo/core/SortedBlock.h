@@ -117,8 +117,19 @@ public:
         {
             return FindByIndex(key);
         }
-        const Position position = LowerBound(key);
-        return position < Used() && At(position).first == key ? position : npos;
+        Position first = 0;
+        for (Position count = Used(); count > 0;)
+        {
+            const Position half = count / 2;
+            const int order = At(first + half).first.compare(key);
+            if (order == 0)
+            {
+                return first + half;
+            }
+            first += order < 0 ? half + 1 : 0;
+            count = order < 0 ? count - half - 1 : half;
+        }
+        return npos;
     }
 
     /// The first position whose key is not less than `key`, alive or erased, or Used().
