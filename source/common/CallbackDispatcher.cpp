@@ -100,9 +100,21 @@ void CallbackDispatcher::Index::Remove(const GroupNameMatcher& subscribed) noexc
 bool CallbackDispatcher::Index::SelectsAny(const GroupNameCollection& groups) const
 {
     return std::any_of(groups.begin(), groups.end(), [this](const std::string& group) { return MayHoldName(group); }) ||
-           std::any_of(_patterns.begin(), _patterns.end(), [&groups](const auto& pattern) {
-               return GroupNameMatcher::PatternSelectsAny(pattern.first, groups);
-           });
+           AnyPatternSelects(groups);
+}
+
+bool CallbackDispatcher::Index::SelectsAny(const core::IniFile& groups) const
+{
+    return std::any_of(groups.begin(), groups.end(), [this](const auto& group) { return MayHoldName(group.first); }) ||
+           AnyPatternSelects(groups);
+}
+
+template <typename Groups>
+bool CallbackDispatcher::Index::AnyPatternSelects(const Groups& groups) const
+{
+    return std::any_of(_patterns.begin(), _patterns.end(), [&groups](const auto& pattern) {
+        return GroupNameMatcher::PatternSelectsAny(pattern.first, groups);
+    });
 }
 
 bool CallbackDispatcher::Index::MayHoldName(const std::string& name) const
@@ -139,6 +151,7 @@ void CallbackDispatcher::Add(IChangeCallback* pCallback, GroupNameMatcher&& aske
     // From here on nothing fails: a subscriber that the index knows nothing of would never be called.
     _index.Add(std::move(counts));
     subscribed.Merge(std::move(asked));
+    _subscriberCount = _subscriptions.size();
 }
 
 void CallbackDispatcher::Remove(IChangeCallback* pCallback)
@@ -149,6 +162,7 @@ void CallbackDispatcher::Remove(IChangeCallback* pCallback)
     if (!removed.empty())
     {
         _index.Remove(removed.mapped());
+        _subscriberCount = _subscriptions.size();
     }
 }
 
@@ -174,7 +188,16 @@ void CallbackDispatcher::OnChange(const GroupNameCollection& changedGroups, cons
 
 void CallbackDispatcher::OnChange(const core::IniFile& settings) const
 {
-    OnChange(GroupNamesOf(settings), settings);
+    if (_subscriberCount != 0 && MayConcernAny(settings))
+    {
+        OnChange(GroupNamesOf(settings), core::IniFile(settings));
+    }
+}
+
+bool CallbackDispatcher::MayConcernAny(const core::IniFile& settings) const
+{
+    const osa::MutexAutoLock lock(&_mutex);
+    return _index.SelectsAny(settings);
 }
 
 std::size_t CallbackDispatcher::CountSubscriptions(IChangeCallback* pCallback) const

@@ -173,6 +173,11 @@ bool GroupNameMatcher::PatternSelectsAny(const std::string& pattern, const Group
     return !SelectByPattern(groups, pattern, [](const std::string&) { return false; });
 }
 
+bool GroupNameMatcher::PatternSelectsAny(const std::string& pattern, const IniFile& groups)
+{
+    return !SelectByPattern(groups, pattern, [](const std::string&) { return false; });
+}
+
 void GroupNameMatcher::SerializeIni(std::ostream& out, const IniFile& ini) const
 {
     auto cursor = _names.begin();

@@ -29,6 +29,18 @@ IniFile UnrestrictedCopy(const IniFile& source)
     return copy;
 }
 
+/// The part of the changes that is accepted: all of them as they are, or where groups are restricted, a copy without.
+const IniFile& UnrestrictedOf(const IniFile& changes, IniFile& copy)
+{
+    const auto isRestricted = [](const auto& group) { return GroupDiscriminator::IsRestrictedGroup(group.first); };
+    if (std::none_of(changes.begin(), changes.end(), isRestricted))
+    {
+        return changes;
+    }
+    GroupDiscriminator::MergeUnrestrictedGroups(copy, changes);
+    return copy;
+}
+
 GroupNameMatcher MatcherOf(const std::string& nameOrPattern)
 {
     GroupNameMatcher matcher;
@@ -234,7 +246,8 @@ void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags)
 
 void SettingsManager::MergeSettings(const IniFile& changes, unsigned int flags, const ChangeOrigin* pOrigin)
 {
-    const IniFile accepted = UnrestrictedCopy(changes);
+    IniFile copy;
+    const IniFile& accepted = UnrestrictedOf(changes, copy);
     {
         const StoreWriteLock lock(_lock);
         const bool persists = (flags & DoNotPersist) == 0;
@@ -267,7 +280,8 @@ bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& chang
 
 bool SettingsManager::TestAndMerge(const IniFile& expected, const IniFile& changes, const ChangeOrigin* pOrigin)
 {
-    const IniFile accepted = UnrestrictedCopy(changes);
+    IniFile copy;
+    const IniFile& accepted = UnrestrictedOf(changes, copy);
     {
         const StoreWriteLock lock(_lock);
         if (!_settings.ContainsSettings(expected))
@@ -385,10 +399,9 @@ void SettingsManager::RemoveGroups(const GroupNameCollection& names)
 void SettingsManager::MergeIntoSettings(const IniFile& changes)
 {
     _pCounter->CountChange();
-    _pCounter->CountMerge(_settings, changes);
     try
     {
-        _settings.MergeSettings(changes);
+        _pCounter->Merge(changes, _settings);
     }
     catch (...)
     {

@@ -26,13 +26,18 @@ struct StoreCounter::Amount
         bytes += key.size() + value.size();
     }
 
-    void AddWhole(const IniFile::value_type& group)
+    void AddKeys(const IniFile::KeyValueMap& values)
     {
-        AddGroup(group.first);
-        for (const auto& [key, value] : group.second)
+        for (const auto& [key, value] : values)
         {
             AddKey(key, value);
         }
+    }
+
+    void AddWhole(const IniFile::value_type& group)
+    {
+        AddGroup(group.first);
+        AddKeys(group.second);
     }
 };
 
@@ -49,26 +54,39 @@ void StoreCounter::Set(const Amount& amount)
     _bytes.store(amount.bytes, std::memory_order_relaxed);
 }
 
-void StoreCounter::CountMerge(const IniFile& settings, const IniFile& changes)
+void StoreCounter::Merge(const IniFile& changes, IniFile& settings)
 {
-    Amount amount{_groups, _keys, _bytes};
-    for (const auto& group : changes)
+    if (settings.empty())
     {
-        const auto present = settings.Find(group.first);
-        if (present == settings.end())
+        settings.MergeSettings(changes);  // lays it out compactly
+        Recount(settings);
+        return;
+    }
+    Amount amount{_groups, _keys, _bytes};
+    for (const auto& [name, values] : changes)
+    {
+        const std::size_t groupsBefore = settings.size();
+        IniFile::KeyValueMap& mine = settings[name];
+        if (settings.size() != groupsBefore)
         {
-            amount.AddWhole(group);
+            amount.AddGroup(name);
+        }
+        if (mine.empty())
+        {
+            mine = values;  // compactly, too
+            amount.AddKeys(values);
             continue;
         }
-        for (const auto& [key, value] : group.second)
+        for (const auto& [key, value] : values)
         {
-            if (const std::string* pValue = present->second.Lookup(key))
+            if (std::string* const pValue = mine.Lookup(key))
             {
-                amount.bytes += value.size();
-                amount.bytes -= pValue->size();
+                amount.bytes += value.size() - pValue->size();
+                *pValue = value;
             }
             else
             {
+                mine.try_emplace(key, value);
                 amount.AddKey(key, value);
             }
         }

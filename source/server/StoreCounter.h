@@ -11,8 +11,8 @@
 namespace korlo::settings::server
 {
 
-/// Keeps the figures of a document that others change: it is told before each step what is about to be done, so that it
-/// costs one look-up for each key of the change, and nothing for the rest of the document.
+/// Keeps the figures of a document: it makes the merges, and is told of what others are about to do. So a change costs
+/// nothing for the rest of the document.
 ///
 /// Thread safety: GetFigures from any thread, without a lock, so that nobody who asks waits for a change that is being
 /// saved; while a change is made, some of the figures may be those before it. The rest belongs to who has the document
@@ -39,15 +39,15 @@ public:
 
     StoreFigures GetFigures() const;
 
-    /// `changes` is about to be merged into `settings`.
-    void CountMerge(const core::IniFile& settings, const core::IniFile& changes);
+    /// Merges `changes` into `settings` and counts what that adds, key by key, in one walk.
+    void Merge(const core::IniFile& changes, core::IniFile& settings);
 
     /// The group is about to be removed from `settings`, if it is there.
     void CountRemoval(const core::IniFile& settings, const std::string& group);
 
     void Recount(const core::IniFile& settings);
 
-    void CountChange() { _changes.fetch_add(1, std::memory_order_relaxed); }
+    void CountChange() { _changes.store(_changes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
 
 private:
     struct Amount;

@@ -91,6 +91,42 @@ TEST(CallbackDispatcherTest, ADocumentAloneStandsForAllItsGroups)
     EXPECT_EQ(callback.GetChanges(), (std::vector<Change>{{{"Audio", "Empty"}, settings}}));
 }
 
+TEST(CallbackDispatcherTest, ADocumentOfManyGroupsReachesWhoAskedForOneByNameOrPattern)
+{
+    CallbackDispatcher dispatcher;
+    RecordingCallback byName;
+    RecordingCallback byPattern;
+    dispatcher.AddCallback(&byName, GroupNameCollection{"Video"});
+    const IniFile settings = Ini("[Audio]\nx=1\n[Net/Wifi]\ny=2\n[Video]\nz=3\n");
+    dispatcher.OnChange(settings);
+    dispatcher.AddCallback(&byPattern, GroupNameCollection{"Net/*"});
+    dispatcher.OnChange(settings);
+    dispatcher.OnChange(Ini("[Audio]\nx=1\n[Net]\n"));
+    EXPECT_EQ(byName.GetGroups(), (GroupsOfCalls{{"Video"}, {"Video"}}));
+    EXPECT_EQ(byPattern.GetChanges(), (std::vector<Change>{{{"Net/Wifi"}, settings}}));
+}
+
+TEST(CallbackDispatcherTest, WhatACallbackDoesToTheChangedDocumentTheNextOneDoesNotSee)
+{
+    CallbackDispatcher dispatcher;
+    IniFile settings = Ini("[Audio]\nx=1\n");
+    const IniFile original = settings;
+    std::array<FunctionCallback, 2> callbacks;
+    int calls = 0;
+    for (FunctionCallback& callback : callbacks)
+    {
+        callback.Do([&](const GroupNameCollection&, const IniFile& changed) {
+            ++calls;
+            EXPECT_EQ(changed, original);
+            settings.Clear();
+            EXPECT_EQ(changed, original);
+        });
+        dispatcher.AddCallback(&callback, GroupNameCollection{"Audio"});
+    }
+    dispatcher.OnChange(settings);
+    EXPECT_EQ(calls, 2);
+}
+
 TEST(CallbackDispatcherTest, AnEmptyDocumentCallsNobody)
 {
     CallbackDispatcher dispatcher;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "settings/common/CallbackDispatcher.h"
-#include "settings/server/GroupDiscriminator.h"
 #include "settings/server/SerializationManager.h"
 #include "settings/server/SettingsManager.h"
 #include "support/Callbacks.h"
@@ -45,6 +44,25 @@ TEST(StoreAllocationTest, FiguresAreRightWhereverMemoryRunsOutInAChange)
                            EXPECT_EQ(store.GetFigures().keys, keys);
                            reset();
                        });
+}
+
+TEST(StoreAllocationTest, AChangeOfAKnownValueThatNobodyHearsOfAllocatesNothing)
+{
+    core::IniFile first;
+    first.SetValue("A group with a long name", "a key with a long name", "a value that needs the heap");
+    core::IniFile second = first;
+    second.SetValue("A group with a long name", "a key with a long name", "another value of its size..");
+    server::SettingsManager store;
+    RecordingCallback callback;
+    store.Subscribe(&callback, GroupNameCollection{"Another group", "Pattern*"});
+    store.MergeSettings(second, 0);
+    store.MergeSettings(first, 0);
+
+    const long long before = heap.allocations;
+    store.MergeSettings(second, 0);
+    EXPECT_TRUE(store.TestAndMerge(second, first));
+    EXPECT_FALSE(store.TestAndMerge(second, first));
+    EXPECT_EQ(heap.allocations, before);
 }
 
 /// Names of 17 characters, or patterns.
@@ -162,12 +180,8 @@ TEST(StoreAllocationTest, WithoutAnObserverAChangeAllocatesOnlyWhatItsPartsDo)
     const common::CallbackDispatcher dispatcher;
     core::IniFile settings = content;
     const long long start = heap.allocations;
-    {
-        core::IniFile accepted;
-        server::GroupDiscriminator::MergeUnrestrictedGroups(accepted, changes);
-        settings.MergeSettings(accepted);
-        dispatcher.OnChange(accepted);
-    }
+    settings.MergeSettings(changes);
+    dispatcher.OnChange(changes);
     const long long parts = heap.allocations - start;
 
     server::SettingsManager store;

@@ -1,6 +1,7 @@
 #pragma once
 // Who asked for which groups, and the delivery of a change to them.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -58,7 +59,9 @@ public:
     /// thread, with `_mutex` held. A throw ends the walk and passes out.
     void OnChange(const GroupNameCollection& changedGroups, const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
 
-    /// The same with all groups of `settings` as the changed ones.
+    /// The same with all groups of `settings` as the changed ones. Callbacks are given a copy of it: what they do to
+    /// the document of whoever made the change is not seen by the next one. Allocates nothing where nobody is
+    /// subscribed.
     void OnChange(const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
 
     /// How many names and patterns the subscriber has asked for, each counted once.
@@ -100,6 +103,7 @@ private:
         void Remove(const GroupNameMatcher& subscribed) noexcept;
 
         bool SelectsAny(const GroupNameCollection& groups) const;
+        bool SelectsAny(const core::IniFile& groups) const;
 
         /// False when nobody asked for the name; true when somebody did, or for a name of the same hash.
         bool MayHoldName(const std::string& name) const;
@@ -108,6 +112,9 @@ private:
         bool PatternMatches(const std::string& name) const;
 
     private:
+        template <typename Groups>
+        bool AnyPatternSelects(const Groups& groups) const;
+
         std::map<std::uint32_t, std::uint32_t> _names;  // by the hash
         std::map<std::string, std::uint32_t> _patterns;
     };
@@ -118,7 +125,15 @@ private:
     /// Drops all that the subscriber has asked for; an unknown one is ignored. For those who remove subscribers.
     void Remove(IChangeCallback* pCallback) KORLO_EXCLUDES(_mutex);
 
+    /// False when nobody asked for any group of the document.
+    bool MayConcernAny(const core::IniFile& settings) const KORLO_EXCLUDES(_mutex);
+
     bool IsNamed(const std::string& group) const KORLO_REQUIRES(_mutex);
+
+    // How many subscribers there are. It changes with _mutex held and is read without: who has subscribed before a
+    // change has it counted before, too, in the order that subscriber and change have by the store's lock or any other;
+    // and who subscribes meanwhile may be told or not.
+    std::atomic<std::size_t> _subscriberCount = 0;
 
     mutable osa::Mutex _mutex;
     SubscriptionMap _subscriptions KORLO_GUARDED_BY(_mutex);  // keys borrowed

@@ -52,6 +52,7 @@ public:
 
     /// The same for a matcher of this one pattern.
     static bool PatternSelectsAny(const std::string& pattern, const GroupNameCollection& groups);
+    static bool PatternSelectsAny(const std::string& pattern, const core::IniFile& groups);
 
     /// Writes groups of `ini` as INI text. This is a walk of its own: it steps through the exact names once, beside the
     /// groups, and an exact name that it passes over while it serves an earlier group is not compared again. So a group
