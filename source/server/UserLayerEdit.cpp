@@ -54,36 +54,41 @@ bool LosesAny(const Values& before, const Values* pAfter)
 UserLayerEdit::UserLayerEdit(const Storage& storage, const IniFile& layer, bool& isLayerDue)
     : _storage(storage),
       _layer(layer),
-      _isLayerDue(isLayerDue),
-      _wasLayerDue(std::exchange(isLayerDue, true))
+      _isLayerDue(isLayerDue)
 {
+    const bool wasLayerDue = std::exchange(isLayerDue, true);
+    if (_storage.pChangePersister != nullptr && !wasLayerDue)
+    {
+        _difference.emplace();
+    }
 }
 
 void UserLayerEdit::ExpectMerge(const IniFile& changes)
 {
-    if (IsTold())
+    if (_difference)
     {
         for (const auto& [name, values] : changes)
         {
-            AddMerged(name, ValuesOf(_layer, name), values, _change.merged);
+            AddMerged(name, ValuesOf(_layer, name), values, _difference->change.merged);
         }
     }
 }
 
 void UserLayerEdit::ExpectReplacement(const GroupNameCollection& removed, const IniFile& added)
 {
-    if (!IsTold())
+    if (!_difference)
     {
         return;
     }
-    _names = removed;
+    GroupNameCollection& names = _difference->names;
+    names = removed;
     for (const auto& [name, values] : added)
     {
-        _names.insert(name);
+        names.insert(name);
     }
-    _names.insert(ErasedGroups);
-    IniFile& before = _before.emplace();
-    for (const std::string& name : _names)
+    names.insert(ErasedGroups);
+    IniFile& before = _difference->before.emplace();
+    for (const std::string& name : names)
     {
         before.MergeSettings(_layer, name);
     }
@@ -92,9 +97,9 @@ void UserLayerEdit::ExpectReplacement(const GroupNameCollection& removed, const 
 UserLayerChange UserLayerEdit::DifferenceOfReplacement() const
 {
     UserLayerChange change;
-    for (const std::string& name : _names)
+    for (const std::string& name : _difference->names)
     {
-        const Values* const pBefore = ValuesOf(*_before, name);
+        const Values* const pBefore = ValuesOf(*_difference->before, name);
         const Values* const pAfter = ValuesOf(_layer, name);
         const bool isRemoved = pBefore != nullptr && LosesAny(*pBefore, pAfter);
         if (isRemoved)
@@ -111,9 +116,10 @@ UserLayerChange UserLayerEdit::DifferenceOfReplacement() const
 
 void UserLayerEdit::Save()
 {
-    if (IsTold())
+    if (_difference)
     {
-        _storage.pChangePersister->SaveChange(_before ? DifferenceOfReplacement() : _change, _layer);
+        _storage.pChangePersister->SaveChange(_difference->before ? DifferenceOfReplacement() : _difference->change,
+                                              _layer);
     }
     else if (_storage.pPersister != nullptr)
     {

@@ -43,16 +43,22 @@ public:
     void Save();
 
 private:
-    bool IsTold() const { return _storage.pChangePersister != nullptr && !_wasLayerDue; }
+    /// What an IChangePersister is told from. Nothing else needs it, and making it would be a good part of a merge.
+    ///
+    /// Thread safety: none of its own; the owner guards it.
+    struct Difference
+    {
+        UserLayerChange change;               // of a merge
+        std::optional<core::IniFile> before;  // of a replacement: those of its groups that were there
+        GroupNameCollection names;            // of a replacement: all groups that it may touch
+    };
+
     UserLayerChange DifferenceOfReplacement() const;
 
     const Storage _storage;
     const core::IniFile& _layer;
     bool& _isLayerDue;
-    const bool _wasLayerDue;
-    UserLayerChange _change;               // of a merge
-    std::optional<core::IniFile> _before;  // of a replacement: those of its groups that were there
-    GroupNameCollection _names;            // of a replacement: all groups that it may touch
+    std::optional<Difference> _difference;  // only where it is told
 };
 
 }  // namespace korlo::settings::server
