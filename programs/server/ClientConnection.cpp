@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <istream>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <streambuf>
@@ -201,7 +202,6 @@ private:
     /// What it asks for again costs the server as much as the first time, and counts.
     void BeforeSubscription()
     {
-        _input.ExpectNotifications();
         _subscribedBytes += _input.GetRequestBytes();
         if (_subscribedBytes > _connection._limits.maxMessage)
         {
@@ -214,6 +214,7 @@ private:
     /// False when the client does not take what its socket has refused.
     bool SendRest()
     {
+        const OutgoingQueue::OwnWait ownWait(_queue);
         std::optional<Clock::time_point> end;
         while (_queue.GetRefusedBytes() > 0)
         {
@@ -294,7 +295,8 @@ void ClientConnection::Serve()
     std::string failure;
     try
     {
-        Session(*this).Run();
+        // Not on the stack, of which the system keeps every page that was ever touched.
+        std::make_unique<Session>(*this)->Run();
     }
     catch (const std::exception& exception)
     {

@@ -12,8 +12,9 @@ namespace korlo::daemon
 namespace
 {
 
+constexpr unsigned int DoNotWait = 0;
 constexpr std::size_t ReceiveBytes = 64 * 1024;     // that one system call takes
-constexpr std::size_t KeptBytes = 4 * 1024;         // that an idle connection may keep
+constexpr std::size_t KeptBytes = 1024;             // that an idle connection keeps; most requests fit
 constexpr std::size_t SmallQueueBytes = 64 * 1024;  // that do not keep a client from its next request
 
 }  // namespace
@@ -57,30 +58,57 @@ ClientInput::int_type ClientInput::underflow()
 /// Everything that was received has been read.
 bool ClientInput::Fill()
 {
-    const bool wasReleased = ReleaseLargeBuffer();
     if (_ended || _queue.IsBroken() || !_mayWait())
     {
         return false;
     }
-    // Where nobody else can leave anything to send, receiving is waiting enough.
-    if (_expectsNotifications || wasReleased || _queue.GetRefusedBytes() > 0)
+    if (!ReceiveMore())
     {
-        WaitForInput();
+        UseEmptyBuffer(KeptBytes);
+        if (_queue.GetRefusedBytes() > 0)
+        {
+            WaitForInput();  // and for room: this client does not take all that it is sent
+        }
+        Receive(osa::Infinite);
     }
-    MakeRoom();
-    Receive();
     ShowRequest();
     return gptr() < egptr() && !_queue.IsBroken();
 }
 
+/// Where the last system call filled the small buffer, takes what is there beyond; false when there is nothing.
+bool ClientInput::ReceiveMore()
+{
+    if (_end - _base < KeptBytes)
+    {
+        return false;
+    }
+    UseEmptyBuffer(ReceiveBytes);
+    return Receive(DoNotWait);
+}
+
+void ClientInput::UseEmptyBuffer(std::size_t capacity)
+{
+    _base = Position();
+    setg(nullptr, nullptr, nullptr);
+    if (_capacity != capacity)
+    {
+        _capacity = 0;
+        _pBuffer.reset();
+        // Not zeroed: memory that nobody touches costs nothing.
+        _pBuffer = std::make_unique_for_overwrite<char[]>(capacity);
+        _capacity = capacity;
+    }
+    setg(_pBuffer.get(), _pBuffer.get(), _pBuffer.get());
+}
+
 void ClientInput::WaitForInput()
 {
+    const OutgoingQueue::OwnWait ownWait(_queue);
     unsigned int ready = 0;
-    while ((ready & osa::TcpSocket::Readable) == 0)
+    while ((ready & osa::TcpSocket::Readable) == 0 && _queue.GetRefusedBytes() > 0)
     {
-        const bool hasToSend = _queue.GetRefusedBytes() > 0;
-        ready = _socket.Wait(true, hasToSend, osa::Infinite);
-        if (hasToSend && (ready & osa::TcpSocket::Writable) != 0)
+        ready = _socket.Wait(true, true, osa::Infinite);
+        if ((ready & osa::TcpSocket::Writable) != 0)
         {
             _queue.Drain();
         }
@@ -89,6 +117,11 @@ void ClientInput::WaitForInput()
 
 void ClientInput::HoldBack()
 {
+    if (_queue.GetRefusedBytes() <= SmallQueueBytes)
+    {
+        return;
+    }
+    const OutgoingQueue::OwnWait ownWait(_queue);
     while (_queue.GetRefusedBytes() > SmallQueueBytes && _mayWait())
     {
         const bool takesInput = !_ended && GetUnreadBytes() < _maxMessage;
@@ -100,23 +133,27 @@ void ClientInput::HoldBack()
         if (takesInput && (ready & osa::TcpSocket::Readable) != 0)
         {
             MakeRoom();
-            Receive();
+            Receive(osa::Infinite);
         }
     }
 }
 
-/// Takes what is there behind what was not read yet.
-void ClientInput::Receive()
+/// Takes what is there behind what was not read yet; false when nothing is by the time that is up.
+bool ClientInput::Receive(unsigned int timeoutMs)
 {
     const std::size_t used = _end - _base;
-    const osa::TcpSocket::IoResult result = _socket.ReadSome(&_pBuffer[used], _capacity - used, osa::Infinite);
+    const osa::TcpSocket::IoResult result = _socket.ReadSome(&_pBuffer[used], _capacity - used, timeoutMs);
+    if (result.status == osa::TcpSocket::TimedOut)
+    {
+        return false;
+    }
     _end += result.bytes;
-    _touched = std::max(_touched, used + result.bytes);
     _ended = result.status != osa::TcpSocket::Done;
     if (result.status == osa::TcpSocket::Failed)
     {
         _queue.Break("the connection was lost: " + osa::SystemReason(result.error));
     }
+    return true;
 }
 
 /// What is unread moves down over what was read where that is at least as much, else into a larger buffer: so each byte
@@ -138,7 +175,6 @@ void ClientInput::MakeRoom()
         MoveTo(pLarger.get());
         _pBuffer = std::move(pLarger);
         _capacity = capacity;
-        _touched = unread;
     }
 }
 
@@ -152,21 +188,6 @@ void ClientInput::MoveTo(char* pTo)
     }
     _base = Position();
     setg(pTo, pTo, pTo);
-}
-
-/// True when there was a large buffer, of which all was read.
-bool ClientInput::ReleaseLargeBuffer()
-{
-    if (_touched <= KeptBytes)
-    {
-        return false;
-    }
-    _base = Position();
-    setg(nullptr, nullptr, nullptr);
-    _pBuffer.reset();
-    _capacity = 0;
-    _touched = 0;
-    return true;
 }
 
 }  // namespace korlo::daemon

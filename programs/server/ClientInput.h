@@ -13,10 +13,12 @@ namespace korlo::daemon
 {
 
 /// The way in of one connection, one request after the other, each up to a limit; a request that goes beyond it breaks
-/// the connection. Whoever waits here for input drains the connection's queue meanwhile.
+/// the connection. Whoever waits here for input drains the connection's queue meanwhile, if anything was refused
+/// before; what other threads leave there later is for whoever the queue's collector has for it.
 ///
-/// Input comes in one system call for up to 64 KiB. Memory that a large request took is given back before the next
-/// wait. What comes, and when the thread waits:
+/// Input comes in one system call for up to 1 KiB, and where that is not all, for up to 64 KiB from then on. A thread
+/// that waits keeps the small buffer alone: memory that a large request took is given back before. What comes, and when
+/// the thread waits:
 ///
 ///     state        entered when                            what happens                                   next
 ///     -----------  --------------------------------------  ---------------------------------------------  -----------
@@ -37,9 +39,6 @@ public:
     /// @param maxMessage the most bytes of one request.
     /// @param mayWait called before each wait for the client; false ends the wait, and the input where it is needed.
     ClientInput(osa::TcpSocket& socket, OutgoingQueue& queue, std::size_t maxMessage, std::function<bool()> mayWait);
-
-    /// Other threads may send from now on: a wait for input must notice what they leave in the queue.
-    void ExpectNotifications() { _expectsNotifications = true; }
 
     /// Counts the bytes of the next request from here on.
     void BeginRequest();
@@ -64,9 +63,10 @@ private:
     std::size_t Position() const { return _base + static_cast<std::size_t>(gptr() - eback()); }
 
     bool Fill();
-    bool ReleaseLargeBuffer();
+    bool ReceiveMore();
+    void UseEmptyBuffer(std::size_t capacity);
     void WaitForInput();
-    void Receive();
+    bool Receive(unsigned int timeoutMs);
     void MakeRoom();
     void MoveTo(char* pTo);
     void ShowRequest();
@@ -75,12 +75,10 @@ private:
     OutgoingQueue& _queue;
     const std::size_t _maxMessage;
     const std::function<bool()> _mayWait;
-    bool _expectsNotifications = false;
     bool _ended = false;  // the client sends no more
 
     std::unique_ptr<char[]> _pBuffer;  // begins with the get area
     std::size_t _capacity = 0;
-    std::size_t _touched = 0;  // how much of the buffer was ever used; the system provides no memory for the rest
 
     // Offsets in all that the client has sent. They may pass the greatest number and begin anew: only their
     // differences count, which a buffer can hold.

@@ -8,6 +8,7 @@
 
 #include "OutgoingQueue.h"
 #include "PlainMutex.h"
+#include "RefusedQueues.h"
 
 namespace korlo::daemon
 {
@@ -30,6 +31,13 @@ public:
     /// Takes every queue, unless a slow request is under way.
     bool Collect(OutgoingQueue& queue) override KORLO_EXCLUDES(_mutex);
 
+    /// Has what the socket refused sent by the one thread that does so for all connections.
+    bool AwaitRoom(OutgoingQueue& queue, osa::TcpSocket& socket) override
+    {
+        _refused.Add(queue, socket.GetDescriptor());
+        return true;
+    }
+
     /// Sends what is in the queues.
     void Send() KORLO_EXCLUDES(_mutex);
 
@@ -41,6 +49,8 @@ private:
     PlainMutex _mutex;
     std::vector<std::shared_ptr<OutgoingQueue>> _queues KORLO_GUARDED_BY(_mutex);
     unsigned int _slowRequests KORLO_GUARDED_BY(_mutex) = 0;
+
+    RefusedQueues _refused;
 };
 
 /// Decides, for one connection, when the notifications of its changes are sent. As long as its thread carries out

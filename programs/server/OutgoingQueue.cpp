@@ -80,9 +80,8 @@ void OutgoingQueue::LimitBacklog(Kind kind, std::size_t size)
     Offer();
     if (_state == Refused && !Fits(kind, size))
     {
-        BreakLocked("it does not read its notifications: " +
-                    std::to_string(_kept[Notification] + _kept[LargeNotification] + size) + " bytes wait, " +
-                    std::to_string(_maxBacklog) + " may");
+        BreakLocked("it does not read its notifications: " + std::to_string(KeptNotifications() + size) +
+                    " bytes wait, " + std::to_string(_maxBacklog) + " may");
     }
 }
 
@@ -110,6 +109,46 @@ void OutgoingQueue::Drain()
     }
 }
 
+bool OutgoingQueue::DrainAwaited()
+{
+    const PlainLock lock(_mutex);
+    if (_state == Refused && !_isOwnWait)
+    {
+        Offer();
+    }
+    _isAwaited = _state == Refused && !_isOwnWait;
+    return _isAwaited;
+}
+
+void OutgoingQueue::SetOwnWait(bool isWaiting)
+{
+    const PlainLock lock(_mutex);
+    _isOwnWait = isWaiting;
+    LetAwaitRoom();  // what others have left meanwhile, and the own thread has not sent
+}
+
+std::size_t OutgoingQueue::KeptNotifications() const
+{
+    return _kept[Notification] + _kept[LargeNotification];
+}
+
+/// Where notifications are kept for which nobody waits for room.
+void OutgoingQueue::LetAwaitRoom()
+{
+    if (_state != Refused || _isAwaited || _isOwnWait || KeptNotifications() == 0)
+    {
+        return;
+    }
+    try
+    {
+        _isAwaited = _collector.AwaitRoom(*this, _socket);
+    }
+    catch (const std::exception& exception)
+    {
+        BreakLocked(exception.what());  // no descriptor is left
+    }
+}
+
 void OutgoingQueue::SendGathered()
 {
     const PlainLock lock(_mutex);
@@ -133,19 +172,11 @@ void OutgoingQueue::Offer()
 /// The socket has been offered all that is kept: what is left was refused.
 void OutgoingQueue::Settle()
 {
-    const State before = _state;
     _refusedBytes = _bytes.size() - _sent;
     _state = _refusedBytes == 0 ? Empty : Refused;
-    if (_state == Refused && before != Refused && !IsOwnThread())
+    if (!IsOwnThread())
     {
-        try
-        {
-            _socket.Wake();  // its thread does not wait for room yet
-        }
-        catch (const std::exception& exception)
-        {
-            BreakLocked(exception.what());  // no descriptor is left
-        }
+        LetAwaitRoom();
     }
 }
 

@@ -28,11 +28,24 @@ public:
 
     /// @return true when somebody is going to call SendGathered of the queue; false when its bytes must leave at once.
     virtual bool Collect(OutgoingQueue& queue) = 0;
+
+    /// The socket has refused what another thread than the connection's own has sent.
+    /// @return true when somebody waits for room from now on, and calls DrainAwaited of the queue until that returns
+    ///         false. Else it is left to the connection's own thread, whose TcpSocket::Wait is woken.
+    /// @throws std::exception when the system has no means for it: the connection is broken then.
+    virtual bool AwaitRoom(OutgoingQueue& queue, osa::TcpSocket& socket)
+    {
+        static_cast<void>(queue);
+        socket.Wake();
+        return false;
+    }
 };
 
-/// The way out of one connection. Nobody who sends ever waits for the socket: what it refuses is kept here, until the
-/// connection's own thread sends it as room appears. Notifications, which are what other threads send, are gathered
-/// where a collector takes care of the queue, so that many leave in one system call.
+/// The way out of one connection. Nobody who sends ever waits for the socket: what it refuses is kept here, and sent as
+/// room appears: by the connection's own thread while that waits for room (OwnWait), and else, if notifications are
+/// kept, by whoever the collector has for it; never by both, of whom one could take the room that the other waits for.
+/// Notifications, which are what other threads send, are gathered where a collector takes care of the queue, so that
+/// many leave in one system call.
 ///
 ///     state      entered when                                who sends what is kept                      next
 ///     ---------  ------------------------------------------  ------------------------------------------  ----------
@@ -40,8 +53,9 @@ public:
 ///     Gathering  a notification came, and the collector has  SendGathered, the next message of the own   Empty, or
 ///                taken the queue                             thread, or the notification that makes it   Refused
 ///                                                            more than 64 KiB
-///     Refused    the socket did not take all it was offered  the own thread, by Drain; what comes while  Empty, or
-///                                                            too much is kept offers it once more        Broken
+///     Refused    the socket did not take all it was offered  the own thread, by Drain; whoever awaits    Empty, or
+///                                                            room, by DrainAwaited; what comes while     Broken
+///                                                            too much is kept offers it once more
 ///     Broken     the connection was lost or ended, memory    nobody, ever                                -
 ///                ran out, or the client does not read
 ///
@@ -73,6 +87,26 @@ public:
 
     /// Offers the socket what it refused before.
     void Drain() KORLO_EXCLUDES(_mutex);
+
+    /// The same, for whoever was told to await room; true when he is to go on doing so.
+    bool DrainAwaited() KORLO_EXCLUDES(_mutex);
+
+    /// Lets the connection's own thread be the only one that drains the queue, to the end of the scope. It calls Drain
+    /// whenever there is room, or leaves the scope.
+    ///
+    /// Thread safety: none of its own; lives on the stack of the connection's own thread.
+    class OwnWait
+    {
+    public:
+        /// @param queue borrowed.
+        explicit OwnWait(OutgoingQueue& queue) : _queue(queue) { _queue.SetOwnWait(true); }
+        OwnWait(const OwnWait&) = delete;
+        OwnWait& operator=(const OwnWait&) = delete;
+        ~OwnWait() { _queue.SetOwnWait(false); }
+
+    private:
+        OutgoingQueue& _queue;
+    };
 
     /// Offers the socket what was gathered.
     void SendGathered() KORLO_EXCLUDES(_mutex);
@@ -122,6 +156,9 @@ private:
     std::size_t SendNow(const char* bytes, std::size_t size) KORLO_REQUIRES(_mutex);
     void Offer() KORLO_REQUIRES(_mutex);
     void Settle() KORLO_REQUIRES(_mutex);
+    void SetOwnWait(bool isWaiting) KORLO_EXCLUDES(_mutex);
+    void LetAwaitRoom() KORLO_REQUIRES(_mutex);
+    std::size_t KeptNotifications() const KORLO_REQUIRES(_mutex);
     void Keep(const char* bytes, std::size_t size, Kind kind) KORLO_REQUIRES(_mutex);
     void Drop(std::size_t size) KORLO_REQUIRES(_mutex);
     void BreakLocked(const std::string& reason) KORLO_REQUIRES(_mutex);
@@ -141,6 +178,8 @@ private:
     std::vector<Run> _runs KORLO_GUARDED_BY(_mutex);                     // of the bytes that are kept, in order
     std::array<std::size_t, Kinds> _kept KORLO_GUARDED_BY(_mutex) = {};  // the sum of the runs of each kind
     bool _isCollected KORLO_GUARDED_BY(_mutex) = false;                  // somebody will call SendGathered
+    bool _isAwaited KORLO_GUARDED_BY(_mutex) = false;                    // somebody will call DrainAwaited
+    bool _isOwnWait KORLO_GUARDED_BY(_mutex) = false;                    // there is an OwnWait
     std::string _reason KORLO_GUARDED_BY(_mutex);
 };
 

@@ -86,7 +86,7 @@ void ConfigureMemory()
 unsigned int AllowClients(unsigned int maxClients)
 {
     constexpr rlim_t keptBack = 24;     // for doors, saves, the files of a restore, and clients on their way in or out
-    constexpr rlim_t ofEachClient = 2;  // its socket, and the event that wakes its thread
+    constexpr rlim_t ofEachClient = 2;  // its socket, and an event once its responses had to wait
     const rlim_t own = CountOpenFiles() + keptBack;
     const rlim_t needed = own + ofEachClient * maxClients;
     const rlim_t allowed = RaiseOpenFiles(needed);

@@ -89,7 +89,7 @@ void IniFile::LoadFromStream(std::istream& in)
 
 void IniFile::LoadFromStream(std::streambuf& in)
 {
-    std::array<char, 2048> head;  // most blocks fit, and cost no allocation
+    std::array<char, 1024> head;  // most blocks fit, and cost no allocation
     const std::size_t length = ReadSome(in, head.data(), head.size());
     const std::string_view text(head.data(), length);
     length < head.size() ? LoadFromText(text, nullptr) : LoadFromText(ReadToEnd(in, text), nullptr);

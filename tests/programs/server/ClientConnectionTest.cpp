@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -145,6 +146,30 @@ TEST_F(ClientConnectionTest, AServerThatStopsEndsEachConnectionWithoutAWarning)
         EXPECT_THAT(log.GetMessages(), testing::IsEmpty());
         EXPECT_EQ(store.persister.saveCount, 0);
     }
+}
+
+TEST_F(ClientConnectionTest, RequestsOfEverySizeAroundThoseOfItsBuffersAreAnswered)
+{
+    Start();
+    const std::string answer = "data\n.\n";
+    std::string requests;
+    std::string answers;
+    const std::vector<std::size_t> sizes{1022, 1023, 1024, 1025, 2048, 65'535, 65'536, 65'537, 66'560, 200'000, 20};
+    for (const std::size_t size : sizes)
+    {
+        SCOPED_TRACE(size);
+        const std::string head = "get delimited\n";
+        const std::string tail = "\n.\n";
+        const std::string request = head + std::string(size - head.size() - tail.size(), 'x') + tail;
+        Send(request);
+        EXPECT_EQ(ReadBytes(_client, answer.size()), answer);
+        requests += request;
+        answers += answer;
+    }
+    Send(requests);
+    EXPECT_EQ(ReadBytes(_client, answers.size()), answers);
+    Send("quit\n");
+    _pConnection.reset();
 }
 
 TEST_F(ClientConnectionTest, AServerThatStopsDoesNotWaitForLongForAClientThatDoesNotRead)

@@ -68,6 +68,29 @@ TEST(ServerDescriptorTest, IdleClientsAreRefusedBeforeSavesAndRestoresWantForDes
     EXPECT_THAT(server.GetChild().GetErrors(), testing::Not(HasSubstr("Too many open files")));
 }
 
+TEST(ServerDescriptorTest, ASubscriberThatReadsTakesOneDescriptor)
+{
+    constexpr std::size_t clients = 10;
+    const TemporaryFolder folder;
+    ServerProcess server({"--user", folder.PathOf("user.ini")});
+    RawClient changer(server.GetPort());
+    EXPECT_EQ(changer.Get("A"), "");
+    const std::size_t before = server.CountDescriptors();
+    std::vector<std::unique_ptr<RawClient>> subscribers;
+    for (std::size_t i = 0; i < clients; ++i)
+    {
+        subscribers.push_back(std::make_unique<RawClient>(server.GetPort()));
+        subscribers.back()->Send("subscribe\nA\n.\n");
+        EXPECT_EQ(subscribers.back()->Get("A"), "");
+    }
+    changer.Send("merge nopersist\n[A]\nk=1\n.\n");
+    for (const auto& pSubscriber : subscribers)
+    {
+        EXPECT_EQ(pSubscriber->ReadLine(), "async change");
+    }
+    EXPECT_EQ(server.CountDescriptors(), before + clients);
+}
+
 TEST(ServerDescriptorTest, ALimitThatLeavesRoomForNoClientEndsTheStart)
 {
     const TemporaryFolder folder;

@@ -124,6 +124,10 @@ public:
     /// Unix-domain socket, at either end, it is the address of the listener: what a client calls itself means nothing.
     const std::string& GetPeerAddress() const;
 
+    /// For a wait for several connections at once, and for nothing else; negative where there is no connection. It is
+    /// the connection's until this object is destroyed.
+    int GetDescriptor() const { return _descriptor; }
+
     /// Who the client is, taken once, when a TcpListener accepted it on a Unix-domain socket; null over TCP and for a
     /// socket that was connected from here.
     const PeerIdentity* GetPeerIdentity() const;
