@@ -26,12 +26,48 @@ namespace word = common::word;
 constexpr const char* Source = "source/common/ClientHandler";
 constexpr std::size_t KeptBytes = 4096;  // of each buffer, that a connection may keep while it waits
 
-/// The next word of a command line, empty when there is none.
+/// A command line, read in place.
+///
+/// Thread safety: none of its own; lives on the stack of Run.
+class LineBuffer : public std::streambuf
+{
+public:
+    /// @param line borrowed.
+    void Show(std::string& line) { setg(line.data(), line.data(), line.data() + line.size()); }
+};
+
+bool IsBlank(int character)
+{
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+/// The next word of a command line, empty when there is none. Extraction by the stream asks its locale for each word.
 std::string TakeWord(std::istream& line)
 {
+    constexpr int end = std::streambuf::traits_type::eof();
+    std::streambuf& bytes = *line.rdbuf();
+    int next = bytes.sgetc();
+    while (IsBlank(next))
+    {
+        next = bytes.snextc();
+    }
     std::string word;
-    line >> word;
+    for (; next != end && !IsBlank(next); next = bytes.snextc())
+    {
+        word.push_back(static_cast<char>(next));
+    }
+    if (word.empty())
+    {
+        line.setstate(std::ios::failbit);
+    }
     return word;
+}
+
+/// Past the stream's own operations, which look at its state and its locale each time.
+void WriteLine(std::ostringstream& out, std::string_view text)
+{
+    out.rdbuf()->sputn(text.data(), static_cast<std::streamsize>(text.size()));
+    out.rdbuf()->sputc('\n');
 }
 
 bool IsPattern(const std::string& entry)
@@ -105,6 +141,11 @@ public:
             _pLogger->Warning("Invalid command: %s", Shortened(command).c_str());
             return;
         }
+        if (_pLogger->GetThreshold() < core::LogLevelTrace)
+        {
+            (handler.*entry->second)(words);  // nobody wants to know how long it takes
+            return;
+        }
         const core::Stopwatch stopwatch(true);
         _pLogger->Trace("Handling command: %s", command.c_str());
         (handler.*entry->second)(words);
@@ -170,7 +211,8 @@ ClientHandler::~ClientHandler()
 void ClientHandler::Run()
 {
     std::string line;
-    std::istringstream words;  // one for all requests: making a stream costs more than reading a command line
+    LineBuffer bytes;
+    std::istream words(&bytes);  // one for all requests: making a stream costs more than reading a command line
     while (!_quit && (_pGate == nullptr || _pGate->BeforeRequest()))
     {
         if (!std::getline(*_pIn, line) || !RequestIsWhole())
@@ -178,12 +220,11 @@ void ClientHandler::Run()
             break;
         }
         words.clear();
-        words.str(line);
+        bytes.Show(line);
         MsgDispatcher::Instance().Dispatch(*this, words);
         if (line.size() > KeptBytes)
         {
             std::string().swap(line);
-            std::istringstream().swap(words);
         }
     }
     Unsubscribe();
@@ -288,7 +329,8 @@ void ClientHandler::TestAndMerge(std::istream&)
         merged = _pSettingsManager->TestAndMerge(expected, changes, _pOrigin);
     }
     const osa::MutexAutoLock lock(&_outputMutex);
-    _message << word::Result << '\n' << (merged ? word::Ok : word::Failure) << '\n';
+    WriteLine(_message, word::Result);
+    WriteLine(_message, merged ? word::Ok : word::Failure);
     SendMessage();
 }
 
@@ -322,7 +364,7 @@ void ClientHandler::GetSections(std::istream& options)
     const osa::MutexAutoLock lock(&_outputMutex);
     if (delimited)
     {
-        _message << word::Data << '\n';
+        WriteLine(_message, word::Data);
     }
     if (matcher.IsEmpty())
     {
@@ -341,7 +383,7 @@ void ClientHandler::GetSections(std::istream& options)
     }
     if (delimited)
     {
-        _message << word::EndOfBlock << '\n';
+        WriteLine(_message, word::EndOfBlock);
     }
     SendMessage();
 }
