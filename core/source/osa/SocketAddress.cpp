@@ -138,7 +138,7 @@ std::string AddressText(const std::string& address, unsigned short port)
 
 Deadline::Deadline(unsigned int timeoutMs)
     : _unlimited(timeoutMs == Infinite),
-      _end(std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs))
+      _end(_unlimited || timeoutMs == 0 ? Clock::time_point() : Clock::now() + std::chrono::milliseconds(timeoutMs))
 {
 }
 
@@ -171,7 +171,7 @@ int Deadline::RemainingMs() const
     {
         return -1;
     }
-    const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(_end - std::chrono::steady_clock::now());
+    const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(_end - Clock::now());
     return static_cast<int>(std::clamp<long long>(remaining.count(), 0, std::numeric_limits<int>::max()));
 }
 

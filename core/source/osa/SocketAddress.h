@@ -60,6 +60,9 @@ public:
 
     bool IsUnlimited() const { return _unlimited; }
 
+    /// False when the time-out was 0.
+    bool AllowsWait() const { return _unlimited || _end != Clock::time_point(); }
+
     /// -1 when there is no limit.
     int RemainingMs() const;
 
@@ -71,8 +74,10 @@ public:
     bool WaitForAny(pollfd* pWaited, std::size_t count) const;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     const bool _unlimited;
-    const std::chrono::steady_clock::time_point _end;
+    const Clock::time_point _end;  // only a time-out that needs it costs a look at the clock
 };
 
 }  // namespace korlo::osa

@@ -171,9 +171,9 @@ int ConnectToFile(int descriptor, const SocketAddress& address, int limitMs)
 /// Repeats `transfer(flags)`, a receive or a send, until it moves bytes, fails or the time is up. The socket itself
 /// blocks, so that a transfer that may wait inside the call is a single one.
 template <typename Function>
-TcpSocket::IoResult Transfer(int descriptor, short events, const Deadline& deadline, bool mayBlock, Function transfer)
+TcpSocket::IoResult Transfer(int descriptor, short events, const Deadline& deadline, Function transfer)
 {
-    const int flags = MSG_NOSIGNAL | (mayBlock ? 0 : MSG_DONTWAIT);
+    const int flags = MSG_NOSIGNAL | (deadline.IsUnlimited() ? 0 : MSG_DONTWAIT);
     for (;;)
     {
         const ssize_t moved = transfer(flags);
@@ -186,7 +186,7 @@ TcpSocket::IoResult Transfer(int descriptor, short events, const Deadline& deadl
         {
             return {TcpSocket::Failed, 0, error};
         }
-        if (error != EINTR && !deadline.WaitFor(descriptor, events))
+        if (error != EINTR && (!deadline.AllowsWait() || !deadline.WaitFor(descriptor, events)))
         {
             return {TcpSocket::TimedOut, 0, 0};
         }
@@ -206,8 +206,7 @@ TcpSocket::IoResult SendSome(int descriptor, const Deadline& deadline, Pieces& p
     msghdr message{};
     message.msg_iov = pieces.data();
     message.msg_iovlen = pieces.size();
-    return Transfer(descriptor, POLLOUT, deadline, deadline.IsUnlimited(),
-                    [&](int flags) { return sendmsg(descriptor, &message, flags); });
+    return Transfer(descriptor, POLLOUT, deadline, [&](int flags) { return sendmsg(descriptor, &message, flags); });
 }
 
 void Skip(Pieces& pieces, std::size_t sent)
@@ -314,14 +313,14 @@ TcpSocket::IoResult TcpSocket::ReadSome(char* bytes, std::size_t size, unsigned 
     {
         deadline.WaitFor(_descriptor, POLLIN);
     }
-    return Transfer(_descriptor, POLLIN, deadline, deadline.IsUnlimited(),
-                    [&](int flags) { return recv(_descriptor, bytes, size, flags); });
+    return Transfer(_descriptor, POLLIN, deadline, [&](int flags) { return recv(_descriptor, bytes, size, flags); });
 }
 
 TcpSocket::IoResult TcpSocket::WriteSome(const char* bytes, std::size_t size, unsigned int timeoutMs)
 {
-    Pieces pieces{Piece(bytes, size), Piece(nullptr, 0)};
-    return size == 0 ? IoResult{Done, 0, 0} : SendSome(_descriptor, WriteDeadline(timeoutMs), pieces);
+    return size == 0 ? IoResult{Done, 0, 0} : Transfer(_descriptor, POLLOUT, WriteDeadline(timeoutMs), [&](int flags) {
+        return send(_descriptor, bytes, size, flags);
+    });
 }
 
 Deadline TcpSocket::WriteDeadline(unsigned int timeoutMs) const
