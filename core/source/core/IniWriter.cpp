@@ -93,11 +93,38 @@ void IniWriter::WriteGroup(std::string_view name, const IniFile::KeyValueMap& va
     Append("]\n");
     for (const auto& [key, value] : values)
     {
-        AppendToken(key, '=', IsOddKey(key));
-        Append('=');
-        AppendToken(value, NoSign, HasOddEnds(value));
-        Append('\n');
+        if (!AppendPlainLine(key, value))
+        {
+            AppendToken(key, '=', IsOddKey(key));
+            Append('=');
+            AppendToken(value, NoSign, HasOddEnds(value));
+            Append('\n');
+        }
     }
+}
+
+/// Nearly every line: short, and both tokens plain. False, with nothing appended, for any other.
+bool IniWriter::AppendPlainLine(std::string_view key, std::string_view value)
+{
+    const std::size_t size = key.size() + value.size() + 2;
+    if (size > _pending.size() || IsOddKey(key) || HasOddEnds(value))
+    {
+        return false;
+    }
+    if (size > _pending.size() - _used)
+    {
+        Flush();
+    }
+    char* const pKey = _pending.data() + _used;
+    char* const pValue = pKey + key.size() + 1;
+    if (!CopyPlain(key, '=', pKey) || !CopyPlain(value, NoSign, pValue))
+    {
+        return false;
+    }
+    pValue[-1] = '=';
+    pValue[value.size()] = '\n';
+    _used += size;
+    return true;
 }
 
 void IniWriter::Flush()

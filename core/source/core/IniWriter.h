@@ -25,6 +25,7 @@ public:
     void Flush();
 
 private:
+    bool AppendPlainLine(std::string_view key, std::string_view value);
     void Append(char c);
     void Append(std::string_view text);
     /// @param sign what would be misread inside the token. @param isOdd that it needs quotes whatever it holds inside.
@@ -34,7 +35,7 @@ private:
 
     std::ostream& _out;
     std::size_t _used = 0;
-    std::array<char, 2048> _pending;  // small enough for the stack of a settings thread
+    std::array<char, 1024> _pending;  // each page of a stack that was ever touched stays with its thread
 };
 
 }  // namespace korlo::core
