@@ -2,7 +2,7 @@
 // Reads INI text (docs/ini-format.md) in one pass over its bytes.
 
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,8 +55,8 @@ private:
     std::string_view _text;
     IIniSink& _sink;
     std::size_t _lineNumber = 0;
-    bool _inGroup = false;               // false also after a header that makes no sense: its keys belong nowhere
-    std::deque<std::string> _unescaped;  // keeps what the handed-on views of escaped tokens point to
+    bool _inGroup = false;              // false also after a header that makes no sense: its keys belong nowhere
+    std::list<std::string> _unescaped;  // keeps what the handed-on views of escaped tokens point to
 };
 
 }  // namespace korlo::core
