@@ -9,8 +9,12 @@ void IniFileSettingsSerializer::OnSerialize(const core::IniFile& ini, const comm
                                             std::ostream& out) const
 {
     GroupNameCollection matched;
-    groups.GetMatchingGroups(ini, matched);
-    for (const std::string& group : matched)
+    const bool areNames = groups.GetPatterns().empty();
+    if (!areNames)
+    {
+        groups.GetMatchingGroups(ini, matched);
+    }
+    for (const std::string& group : areNames ? groups.GetNames() : matched)  // one that is not there is not written
     {
         ini.SaveGroupToStream(out, group);
     }
