@@ -202,6 +202,51 @@ void BM_RedisHset(benchmark::State& state)
     }
 }
 
+constexpr int PlainChanges = 100;
+
+/// A plain client sends a hundred changes in one write, and waits for what tells that they have been carried out.
+void SendInOneWrite(benchmark::State& state, std::uint16_t port, const std::string& requests, std::size_t answerBytes)
+{
+    const int socket = ConnectTo(port);
+    for (auto _ : state)
+    {
+        SendAll(socket, requests);
+        ReceiveExactly(socket, answerBytes);
+    }
+    close(socket);
+}
+
+void BM_PlainMerge(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server({});
+    std::string requests;
+    for (int change = 100; change < 100 + PlainChanges; ++change)
+    {
+        requests += "merge nopersist\n[Counters]\nvalue=" + std::to_string(change) + "\n.\n";
+    }
+    requests += "get delimited\nCounters\n.\n";
+    SendInOneWrite(state, server.GetPort(), requests, std::string("data\n[Counters]\nvalue=100\n.\n").size());
+}
+
+void BM_RedisPlainHset(benchmark::State& state)
+{
+    PinToCore(0);
+    const RedisServer server;
+    std::string requests = "*4\r\n$4\r\nHSET\r\n$8\r\nCounters\r\n$5\r\nvalue\r\n$1\r\n0\r\n";
+    const int socket = ConnectTo(server.GetPort());
+    const std::string answer = ":0\r\n";
+    SendAll(socket, requests);
+    ReceiveExactly(socket, answer.size());  // the field is there: no change below adds it
+    close(socket);
+    requests.clear();
+    for (int change = 100; change < 100 + PlainChanges; ++change)
+    {
+        requests += "*4\r\n$4\r\nHSET\r\n$8\r\nCounters\r\n$5\r\nvalue\r\n$3\r\n" + std::to_string(change) + "\r\n";
+    }
+    SendInOneWrite(state, server.GetPort(), requests, PlainChanges * answer.size());
+}
+
 /// Each change on the disk before it is answered.
 void BM_ChangeOnDisk(benchmark::State& state, const std::string& saveBy)
 {
@@ -315,6 +360,8 @@ BENCHMARK(BM_MergeDelayed)->UseRealTime();
 BENCHMARK(BM_MergeWithJournal)->UseRealTime();
 BENCHMARK(BM_MergeWithoutJournal)->UseRealTime();
 BENCHMARK(BM_RedisHset)->UseRealTime();
+BENCHMARK(BM_PlainMerge)->UseRealTime();
+BENCHMARK(BM_RedisPlainHset)->UseRealTime();
 BENCHMARK_CAPTURE(BM_ChangeOnDisk, replace, "replace")->UseRealTime();
 BENCHMARK_CAPTURE(BM_ChangeOnDisk, append, "append")->UseRealTime();
 BENCHMARK(BM_RedisChangeOnDisk)->UseRealTime();

@@ -1,9 +1,11 @@
 // A change on its way to its subscribers, beside a Redis message to as many.
 
 #include <array>
+#include <atomic>
 #include <benchmark/benchmark.h>
 #include <condition_variable>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -54,21 +56,27 @@ public:
     void Add()
     {
         const std::lock_guard lock(_mutex);
-        ++_count;
-        _arrived.notify_one();
+        if (++_count >= _awaited)
+        {
+            _arrived.notify_one();
+        }
     }
 
-    void WaitForOne()
+    void WaitForOne() { WaitFor(1); }
+
+    void WaitFor(long count)
     {
         std::unique_lock lock(_mutex);
-        _arrived.wait(lock, [this] { return _count > 0; });
-        --_count;
+        _awaited = count;
+        _arrived.wait(lock, [this] { return _count >= _awaited; });
+        _count -= count;
     }
 
 private:
     std::mutex _mutex;
     std::condition_variable _arrived;
-    int _count = 0;
+    long _count = 0;
+    long _awaited = 1;
 };
 
 class ArrivalCallback : public settings::IChangeCallback
@@ -135,6 +143,66 @@ void BM_RedisPublishToSubscriber(benchmark::State& state)
         arrivals.WaitForOne();
     }
     reader.request_stop();
+    publisher.Run("PUBLISH %s %s", Group, Value);
+}
+
+/// Subscribers with a thread each, in this process.
+///
+/// Every change has reached all of them before the next is made.
+void BM_ChangeToCallbacks(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server(NearlyNeverSave);
+    server.Register();
+    KorloSettingsClient writer(KorloSettingsClient::SingleThreaded);
+    Arrivals arrivals;
+    ArrivalCallback callback(arrivals);
+    std::list<KorloSettingsClient> readers;
+    for (long number = 0; number < state.range(0); ++number)
+    {
+        KorloSettingsClient& reader = readers.emplace_back(KorloSettingsClient::MultiThreaded);
+        reader.Subscribe(&callback, Group);
+        reader.GetValue("[Announcements]message");  // the subscription has been carried out
+    }
+    const IniFile change = Change();
+    for (auto _ : state)
+    {
+        writer.MergeSettings(change);
+        arrivals.WaitFor(state.range(0));
+    }
+    for (KorloSettingsClient& reader : readers)
+    {
+        reader.UnSubscribe(&callback);
+    }
+}
+
+void BM_RedisPublishToThreads(benchmark::State& state)
+{
+    PinToCore(0);
+    const RedisServer server;
+    RedisClient publisher(server.GetPort());
+    Arrivals arrivals;
+    std::atomic<bool> goesOn = true;
+    std::list<RedisClient> subscribers;
+    std::vector<std::jthread> readers;
+    for (long number = 0; number < state.range(0); ++number)
+    {
+        RedisClient& subscriber = subscribers.emplace_back(server.GetPort());
+        subscriber.Run("SUBSCRIBE %s", Group);
+        readers.emplace_back([&] {
+            while (goesOn)
+            {
+                subscriber.TakeReply();
+                arrivals.Add();
+            }
+        });
+    }
+    for (auto _ : state)
+    {
+        publisher.Run("PUBLISH %s %s", Group, Value);
+        arrivals.WaitFor(state.range(0));
+    }
+    goesOn = false;
     publisher.Run("PUBLISH %s %s", Group, Value);
 }
 
@@ -317,6 +385,8 @@ void BM_ServerMemory(benchmark::State& state)
 BENCHMARK(BM_ChangeToCallback)->UseRealTime();
 BENCHMARK(BM_PipeChangeToCallback)->UseRealTime();
 BENCHMARK(BM_RedisPublishToSubscriber)->UseRealTime();
+BENCHMARK(BM_ChangeToCallbacks)->Arg(10)->Arg(100)->Arg(500)->UseRealTime();
+BENCHMARK(BM_RedisPublishToThreads)->Arg(10)->Arg(100)->Arg(500)->UseRealTime();
 BENCHMARK(BM_FanOut)->Arg(1)->Arg(10)->Arg(100)->Arg(500)->UseRealTime();
 BENCHMARK(BM_RedisFanOut)->Arg(1)->Arg(10)->Arg(100)->Arg(500)->UseRealTime();
 BENCHMARK(BM_FanOutBurst)->Arg(100)->UseRealTime();
