@@ -56,12 +56,12 @@ bool Increment(RedisClient& redis)
     return redis.TakeReply()->type == REDIS_REPLY_ARRAY;
 }
 
-void BM_Increment(benchmark::State& state)
+void BM_Increment(benchmark::State& state, KorloSettingsClient::OperationMode mode)
 {
     PinToCore(0);
     const KorloServer server(NearlyNeverSave);
     server.Register();
-    KorloSettingsClient client(KorloSettingsClient::SingleThreaded);
+    KorloSettingsClient client(mode);
     client.MergeSettings(Counter(0));
     for (auto _ : state)
     {
@@ -350,7 +350,8 @@ void BM_BareReplacement(benchmark::State& state)
 
 }  // namespace
 
-BENCHMARK(BM_Increment)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Increment, single, KorloSettingsClient::SingleThreaded)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Increment, multi, KorloSettingsClient::MultiThreaded)->UseRealTime();
 BENCHMARK(BM_PipeIncrement)->UseRealTime();
 BENCHMARK(BM_RedisIncrement)->UseRealTime();
 BENCHMARK(BM_ContendedIncrement)->UseRealTime();

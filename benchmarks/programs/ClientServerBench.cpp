@@ -83,11 +83,9 @@ void BM_FloorGet(benchmark::State& state)
 }
 
 /// A reader thread hands each response to the caller through a mutex and a condition.
-void BM_FloorHandOffGet(benchmark::State& state)
+void GetByHand(benchmark::State& state, std::uint16_t port)
 {
-    PinToCore(0);
-    const FloorServer server(GetRequest().size(), GetResponseBytes());
-    const int socket = ConnectTo(server.GetPort());
+    const int socket = ConnectTo(port);
     std::mutex mutex;
     std::condition_variable arrived;
     bool there = false;
@@ -119,6 +117,21 @@ void BM_FloorHandOffGet(benchmark::State& state)
     shutdown(socket, SHUT_RDWR);
     reader.join();
     close(socket);
+}
+
+void BM_FloorHandOffGet(benchmark::State& state)
+{
+    PinToCore(0);
+    const FloorServer server(GetRequest().size(), GetResponseBytes());
+    GetByHand(state, server.GetPort());
+}
+
+/// What a client of our server costs that is written by hand for this one request, and leaves the answer as it comes.
+void BM_HandWrittenGet(benchmark::State& state)
+{
+    PinToCore(0);
+    const KorloServer server({});
+    GetByHand(state, server.GetPort());
 }
 
 void BM_TcpGet(benchmark::State& state, KorloSettingsClient::OperationMode mode)
@@ -231,6 +244,7 @@ void BM_RedisGetAtOnce(benchmark::State& state)
 
 BENCHMARK(BM_FloorGet)->UseRealTime();
 BENCHMARK(BM_FloorHandOffGet)->UseRealTime();
+BENCHMARK(BM_HandWrittenGet)->UseRealTime();
 BENCHMARK_CAPTURE(BM_TcpGet, single, KorloSettingsClient::SingleThreaded)->UseRealTime();
 BENCHMARK_CAPTURE(BM_TcpGet, multi, KorloSettingsClient::MultiThreaded)->UseRealTime();
 BENCHMARK_CAPTURE(BM_UnixGet, single, KorloSettingsClient::SingleThreaded)->UseRealTime();

@@ -266,6 +266,10 @@ RedisServer::RedisServer(Persistence persistence)
                                         "--logfile", "/dev/null", "--dir", _folder})
 {
     WaitUntilListening(_port);
+    const int client = ConnectTo(_port);
+    SendAll(client, "PING\r\n");
+    ReceiveExactly(client, std::string("+PONG\r\n").size());  // it answers once its socket is open, too
+    close(client);
 }
 
 RedisServer::~RedisServer()
