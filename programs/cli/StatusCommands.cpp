@@ -151,8 +151,8 @@ std::string StatusText(const IniFile& answer)
     if (answer.HasValue("Saves", "log"))
     {
         rows.push_back({"", SizeText(NumberOf(answer, "Saves", "log")) + " in the log, which is folded beyond " +
-                                SizeText(NumberOf(answer, "Saves", "logLimit")) + "; " +
-                                Said(answer, "Saves", "folds") + " times so far"});
+                                SizeText(NumberOf(answer, "Saves", "logLimit")) +
+                                "; folds so far: " + Said(answer, "Saves", "folds")});
     }
     rows.push_back({"clients", Said(answer, "Clients", "now") + " now, " + Said(answer, "Clients", "most") +
                                    " at most, " + Said(answer, "Clients", "refused") + " refused, " +

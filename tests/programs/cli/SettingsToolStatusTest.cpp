@@ -75,7 +75,7 @@ TEST_F(SettingsToolStatusTest, TellsHowFullTheLogIs)
     ServerProcess server(options);
     EXPECT_TRUE(RawClient(server.GetPort()).TestAndMerge("", "[Audio]\nvolume=41\n"));
     EXPECT_THAT(AtDoor({"status"}).output,
-                HasSubstr("\n         37 B in the log, which is folded beyond 64.0 KiB; 1 times so far\n"));
+                HasSubstr("\n         37 B in the log, which is folded beyond 64.0 KiB; folds so far: 1\n"));
 }
 
 TEST_F(SettingsToolStatusTest, PrintsTheAnswerAsAnObjectWithFiguresAsNumbers)
