@@ -219,7 +219,10 @@ TEST_F(ServerUsersTest, DescriptorsThatAClientPassesAreClosedAndItIsServed)
     ASSERT_EQ(::send(operating.Get(), "nonsense\n", 9, 0), 9);
     EXPECT_THAT(ReadTo(operating.Get(), "\n"), HasSubstr("error unknown word"));
     EXPECT_EQ(other.Get("Audio"), "[Audio]\nk=1\n");
-    const std::size_t before = server.CountDescriptors();
+    const std::string get = "get delimited\nAudio\n.\n";
+    ASSERT_EQ(::send(client.Get(), get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
+    ASSERT_EQ(ReadTo(client.Get(), "\n.\n"), "data\n[Audio]\nk=1\n.\n");
+    const std::size_t before = server.CountDescriptors();  // of clients that were accepted
 
     std::array<int, 2> pipe;
     ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
