@@ -19,6 +19,15 @@ if(KORLO_SANITIZE)
     add_link_options(-fsanitize=${KORLO_SANITIZE})
 endif()
 
+# korlo_precompile(TARGET HEADER...): its sources have these headers and what most of them use of the standard library
+# parsed once, where the option says so. Every source includes what it needs all the same: other builds show it.
+function(korlo_precompile target)
+    if(KORLO_PRECOMPILE)
+        target_precompile_headers(${target} PRIVATE <algorithm> <array> <atomic> <chrono> <functional> <map> <memory>
+            <mutex> <optional> <sstream> <string> <string_view> <utility> <vector> ${ARGN})
+    endif()
+endfunction()
+
 if(PROJECT_IS_TOP_LEVEL)
     set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
     find_program(CCACHE_PROGRAM ccache)
