@@ -1,5 +1,8 @@
 # shellcheck shell=bash
 # What the tests of the installed packages share. Sourced, never run.
+#
+# Nobody pipes into grep -q here: it leaves at the first line that fits, and whoever writes another one then ends the
+# test by SIGPIPE.
 
 unit=/lib/systemd/system/korlo-settings-server.service
 # shellcheck disable=SC2034  # for those who source this
