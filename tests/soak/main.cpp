@@ -27,6 +27,7 @@
 #include "settings/KorloSettingsClient.h"
 #include "support/FaultProxy.h"
 #include "support/Files.h"
+#include "support/Growth.h"
 #include "support/ServerProcess.h"
 
 namespace korlo::soak
@@ -38,13 +39,6 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr const char* ServerHost = settings::client::KorloSettingsTcpConnection::ServerHost;
-
-// A sanitizer keeps what was freed.
-#ifdef KORLO_SANITIZED
-constexpr std::size_t GrowthKiB = 1024 * 1024;
-#else
-constexpr std::size_t GrowthKiB = 8 * 1024;
-#endif
 
 struct Figures
 {
@@ -281,7 +275,7 @@ private:
         {
             _world.Fail(who + " had " + TextOf(before) + ", and has " + TextOf(after));
         }
-        if (after.residentKiB > before.residentKiB + GrowthKiB)
+        if (after.residentKiB > before.residentKiB + GrowthKiB(8 * 1024))
         {
             _world.Fail(who + " grew from " + TextOf(before) + " to " + TextOf(after));
         }

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "support/BridgeScene.h"
+#include "support/Growth.h"
 #include "support/LongTests.h"
 
 namespace korlo
@@ -29,12 +30,6 @@ using namespace std::chrono_literals;
 constexpr double Patience = 10;
 #else
 constexpr double Patience = 1;
-#endif
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr std::size_t GrowthKiB = 64 * 1024;  // it keeps what was freed for long, to catch who still uses it
-#else
-constexpr auto GrowthKiB = static_cast<std::size_t>(512 * Patience);
 #endif
 
 std::string GroupOf(int number)
@@ -175,7 +170,7 @@ TEST_F(FleetSpeedTest, AFloodOfChangesIsThinnedAndTakesNoMemory)
     const std::size_t after = GetBridgeKiB();
     std::printf("%d changes and %zu reports in %.1f s; the bridge has %zu KiB, and had %zu\n", _values - valuesBefore,
                 CountReports(), seconds.count(), after, before);
-    EXPECT_LE(after, before + GrowthKiB);
+    EXPECT_LE(after, before + GrowthKiB(512));
     constexpr int mostPerSecond = 10;
     EXPECT_LE(static_cast<double>(CountReports()), Groups * (mostPerSecond * seconds.count() + 1));
 }
@@ -188,7 +183,7 @@ TEST_F(FleetSpeedTest, AFloodWhileTheBrokerIsAwayTakesNoMemory)
     _broker.End(SIGKILL);
     const std::size_t before = GetBridgeKiB();
     Flood(AreTestsLong() ? 20'000ms : 1'500ms);
-    EXPECT_LE(GetBridgeKiB(), before + GrowthKiB);
+    EXPECT_LE(GetBridgeKiB(), before + GrowthKiB(512));
 
     // Once it is back, and has forgotten everything, each group comes once.
     _broker.Start();

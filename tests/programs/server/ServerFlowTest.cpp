@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Files.h"
+#include "support/Growth.h"
 #include "support/LongTests.h"
 #include "support/ServerProcess.h"
 #include "support/TemporaryFolder.h"
@@ -237,16 +238,19 @@ TEST_F(SubscribersTest, OneThatStopsReadingDelaysNobodyAndIsDisconnectedAlone)
 {
     const Outcome all = Run(false);
     EXPECT_EQ(all.errors, "");
-    // Generous, for a machine with other work: a writer that waits for the stopped one would wait for good.
-    const Clock::duration most = 5 * all.p99 + std::chrono::milliseconds(50);
-    Outcome withoutOne{most, 0, {}};
-    for (int attempt = 0; attempt < 3 && withoutOne.p99 >= most; ++attempt)
+    // Generous, for a machine with other work: a writer that waits for the stopped one would wait for good, and all
+    // that it has not read is twice as much.
+    const Clock::duration mostTime = 5 * all.p99 + std::chrono::milliseconds(50);
+    const std::size_t mostKiB = all.residentKiB + GrowthKiB(8 * 1024);
+    Outcome withoutOne{};
+    for (int attempt = 0;
+         attempt < 3 && (attempt == 0 || withoutOne.p99 >= mostTime || withoutOne.residentKiB >= mostKiB); ++attempt)
     {
         withoutOne = Run(true);
         EXPECT_EQ(std::count(withoutOne.errors.begin(), withoutOne.errors.end(), '\n'), 1);
-        EXPECT_LT(withoutOne.residentKiB, all.residentKiB + 8 * 1024);
     }
-    EXPECT_LT(withoutOne.p99, most);
+    EXPECT_LT(withoutOne.p99, mostTime);
+    EXPECT_LT(withoutOne.residentKiB, mostKiB);
     RecordProperty("P99MicrosecondsAllRead", static_cast<int>(all.p99.count() / 1000));
     RecordProperty("P99MicrosecondsOneStopped", static_cast<int>(withoutOne.p99.count() / 1000));
 }
