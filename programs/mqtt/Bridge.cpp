@@ -9,6 +9,7 @@
 
 #include <poll.h>
 
+#include "ResidentMemory.h"
 #include "korlo/osa/Exception.h"
 #include "settings/server/GroupDiscriminator.h"
 
@@ -84,6 +85,11 @@ void Bridge::Run()
         SendStatus();
         StartRead();
         StartWishes();
+        if (_restAt && _now >= *_restAt)
+        {
+            _restAt.reset();
+            ResidentMemory::GiveBack();
+        }
         Wait();
     }
     SayGoodbye();
@@ -112,6 +118,7 @@ void Bridge::TakeNews()
 
 void Bridge::Connect()
 {
+    _restAt = _now + _times.idle;
     _session = NewSession();
     _hasRival = false;
     try
@@ -339,6 +346,7 @@ void Bridge::StartRead()
             }
         },
         [this, pRead] {
+            _restAt = _now + _times.idle;
             if (pRead->failure.empty())
             {
                 _reporter.OnRead(pRead->settings, _now);
@@ -417,6 +425,7 @@ void Bridge::Apply(const Wish& wish, Desired desired)
 
 void Bridge::Settle(const Wish& wish, const WishOutcome& outcome)
 {
+    _restAt = _now + _times.idle;
     if (outcome.result == WishOutcome::Failed)
     {
         if (!std::exchange(_hasWishFailed, true))

@@ -34,6 +34,7 @@ struct BridgeTimes
     std::chrono::milliseconds retry{1000};     // after a failure of the settings server
     std::chrono::milliseconds learning{5000};  // for the next message that the broker holds
     std::chrono::milliseconds goodbye{2000};   // for the broker to take the last message
+    std::chrono::milliseconds idle{5000};      // before memory is given back
 };
 
 /// The bridge. One thread, the caller of Run, does all that has to do with the broker and decides everything; two
@@ -99,7 +100,8 @@ private:
     common::GroupNameMatcher _accepted;
     const WakeUp _wakeUp;
     std::atomic<bool> _isStopped = false;
-    Clock::time_point _now = Clock::now();  // of this turn
+    Clock::time_point _now = Clock::now();     // of this turn
+    std::optional<Clock::time_point> _restAt;  // put off by whatever is done until then
 
     // The broker.
     BrokerLink _link;

@@ -26,20 +26,10 @@ public:
     std::size_t CountThreads() const { return CountEntries("task"); }
     std::size_t CountDescriptors() const { return CountEntries("fd"); }
 
-    std::size_t GetResidentKiB() const
-    {
-        std::ifstream status(_path + "status");
-        for (std::string word; status >> word;)
-        {
-            if (word == "VmRSS:")
-            {
-                std::size_t kib = 0;
-                status >> kib;
-                return kib;
-            }
-        }
-        return 0;
-    }
+    std::size_t GetResidentKiB() const { return GetKiB("VmRSS:"); }
+
+    /// Those that are in no file: what the process has written.
+    std::size_t GetAnonymousKiB() const { return GetKiB("RssAnon:"); }
 
     /// Seconds of the processor that it has used.
     double GetProcessorSeconds() const
@@ -56,6 +46,21 @@ public:
     }
 
 private:
+    std::size_t GetKiB(const char* name) const
+    {
+        std::ifstream status(_path + "status");
+        for (std::string word; status >> word;)
+        {
+            if (word == name)
+            {
+                std::size_t kib = 0;
+                status >> kib;
+                return kib;
+            }
+        }
+        return 0;
+    }
+
     std::size_t CountEntries(const std::string& folder) const
     {
         std::error_code ignored;

@@ -106,7 +106,13 @@ protected:
         }));
     }
 
-    std::size_t GetBridgeKiB() const { return ProcessFigures(_pBridge->GetChild().GetProcess()).GetResidentKiB(); }
+    ProcessFigures FiguresOfBridge() const { return ProcessFigures(_pBridge->GetChild().GetProcess()); }
+
+    void ExpectLittleAtRest() const
+    {
+        EXPECT_TRUE(Eventually([this] { return FiguresOfBridge().GetResidentKiB() < GrowthKiB(3 * 1024); }));
+        std::printf("at rest the bridge has %zu KiB\n", FiguresOfBridge().GetResidentKiB());
+    }
 
     /// 5000 changes a second, if the machine can, in ten groups.
     void Flood(std::chrono::milliseconds duration)
@@ -155,19 +161,46 @@ TEST_F(FleetSpeedTest, AWishIsAppliedAndReportedAtOnce)
     });
 }
 
+TEST_F(FleetSpeedTest, AtRestTheBridgeHasThreeMebibytesForSixHundredGroups)
+{
+    _pBridge->End();
+    EndServer();
+    std::string settings;
+    for (int group = 0; group < 600; ++group)
+    {
+        settings += "[Subsystem." + GroupOf(group) + "]\n";
+        for (int key = 0; key < 12; ++key)
+        {
+            settings += "setting.key." + std::to_string(key) + "=value-" + std::to_string(group) + "-abcdefghij\n";
+        }
+    }
+    StartServer(settings);
+    Fleet().Forget();
+    StartBridge();
+    AwaitBridge();
+    Fleet().WaitUntil([this] { return CountReports() == 600; }, "for all reports");
+    ExpectLittleAtRest();
+
+    // What it needs again comes back, and goes again.
+    Set("Subsystem.Group7", "key", "value");
+    Fleet().Await(Reported("Subsystem.Group7"), "\"value\"");
+    std::printf("at work the bridge has %zu KiB\n", FiguresOfBridge().GetResidentKiB());
+    ExpectLittleAtRest();
+}
+
 TEST_F(FleetSpeedTest, AFloodOfChangesIsThinnedAndTakesNoMemory)
 {
     const auto duration = AreTestsLong() ? 20'000ms : 1'500ms;
     Flood(duration);
     AwaitLast();
-    const std::size_t before = GetBridgeKiB();
+    const std::size_t before = FiguresOfBridge().GetAnonymousKiB();
     Fleet().Forget();
     const int valuesBefore = _values;
     const auto begin = Clock::now();
     Flood(duration);
     AwaitLast();
     const std::chrono::duration<double> seconds = Clock::now() - begin;
-    const std::size_t after = GetBridgeKiB();
+    const std::size_t after = FiguresOfBridge().GetAnonymousKiB();
     std::printf("%d changes and %zu reports in %.1f s; the bridge has %zu KiB, and had %zu\n", _values - valuesBefore,
                 CountReports(), seconds.count(), after, before);
     EXPECT_LE(after, before + GrowthKiB(512));
@@ -181,9 +214,9 @@ TEST_F(FleetSpeedTest, AFloodWhileTheBrokerIsAwayTakesNoMemory)
     AwaitLast();
     _pFleet.reset();
     _broker.End(SIGKILL);
-    const std::size_t before = GetBridgeKiB();
+    const std::size_t before = FiguresOfBridge().GetAnonymousKiB();
     Flood(AreTestsLong() ? 20'000ms : 1'500ms);
-    EXPECT_LE(GetBridgeKiB(), before + GrowthKiB(512));
+    EXPECT_LE(FiguresOfBridge().GetAnonymousKiB(), before + GrowthKiB(512));
 
     // Once it is back, and has forgotten everything, each group comes once.
     _broker.Start();
