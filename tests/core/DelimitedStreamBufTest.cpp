@@ -146,6 +146,56 @@ TEST(DelimitedStreamBufTest, AgreesWithTheDefinitionOnRandomText)
     }
 }
 
+/// In pieces of random sizes, of which some hold many lines and some end within one.
+std::string ReadInPieces(std::streambuf& buffer, std::mt19937& random)
+{
+    std::string text;
+    for (std::streamsize got = 1; got > 0;)
+    {
+        std::string piece(1 + random() % 9, '\0');
+        got = buffer.sgetn(piece.data(), static_cast<std::streamsize>(piece.size()));
+        text.append(piece, 0, static_cast<std::size_t>(got));
+    }
+    return text;
+}
+
+TEST(DelimitedStreamBufTest, GivesTheSameInPiecesOfAnySize)
+{
+    constexpr unsigned int Seed = 20261122;
+    SCOPED_TRACE(Seed);
+    std::mt19937 random(Seed);
+    for (int round = 0; round < 5000; ++round)
+    {
+        std::string text;
+        for (auto length = random() % 30; length > 0; --length)
+        {
+            text += ".a\n"[random() % 3];
+        }
+        SCOPED_TRACE(testing::PrintToString(text));
+        const Block expected = BlockByDefinition(text, ".");
+        PieceBuf pieces(text, 1 + random() % 20);
+        std::istream source(&pieces);
+        DelimitedStreamBuf block(&source, ".");
+        ASSERT_EQ(ReadInPieces(block, random), expected.text);
+        ASSERT_EQ(block.DelimiterFound(), expected.delimited);
+        ASSERT_EQ(source.good(), expected.delimited);
+        ASSERT_EQ(ReadAll(pieces), expected.rest);
+    }
+}
+
+TEST(DelimitedStreamBufTest, WholeLinesThatFitAreTakenFromTheSourceAndNoMore)
+{
+    std::istringstream source("ab\ncd\nef\n.\n");
+    DelimitedStreamBuf block(&source, ".");
+    std::string piece(7, '\0');
+    EXPECT_EQ(block.sgetn(piece.data(), 6), 6);
+    EXPECT_EQ(source.tellg(), 6);
+    EXPECT_EQ(block.sgetn(piece.data() + 6, 1), 1);
+    EXPECT_EQ(source.tellg(), 9);
+    EXPECT_EQ(piece, "ab\ncd\ne");
+    EXPECT_EQ(ReadAll(block), "f\n");
+}
+
 TEST(DelimitedStreamBufTest, KeepsZeroBytesAndLongLines)
 {
     const std::string text = std::string("a\0b\n", 4) + std::string(100000, 'x') + "\n";

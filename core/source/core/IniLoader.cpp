@@ -12,6 +12,8 @@ namespace
 // A hostile peer must not fill the log of a device with one message a line.
 constexpr std::size_t MostWarnings = 100;
 
+constexpr std::size_t UsualPairs = 16;  // of a group: one allocation instead of five
+
 const Logger& Log()
 {
     static const Logger* const pLogger = Logger::GetLogger("IniFile");
@@ -48,6 +50,10 @@ void IniLoader::OnGroup(std::string_view name)
 
 void IniLoader::OnValue(std::string_view key, std::string_view value)
 {
+    if (_pairs.capacity() == 0)
+    {
+        _pairs.reserve(UsualPairs);
+    }
     _pairsAscend = _pairsAscend && (_pairs.empty() || _pairs.back().first < key);
     _pairs.emplace_back(key, value);
 }

@@ -1,9 +1,34 @@
 #include "korlo/stl/DelimitedStreamBuf.h"
 
+#include <algorithm>
+#include <climits>
+#include <string_view>
+
 #include "korlo/osa/Exception.h"
 
 namespace korlo::stl
 {
+namespace
+{
+
+/// What any stream buffer has read ahead, which it shows to derived classes alone.
+class ReadAhead : public std::streambuf
+{
+public:
+    static std::string_view Of(const std::streambuf& buffer)
+    {
+        const char* const pNext = (buffer.*&ReadAhead::gptr)();
+        return {pNext, static_cast<std::size_t>((buffer.*&ReadAhead::egptr)() - pNext)};
+    }
+
+    static void Skip(std::streambuf& buffer, std::size_t count)
+    {
+        (buffer.*&ReadAhead::gbump)(static_cast<int>(count));
+    }
+};
+
+}  // namespace
+
 DelimitedStreamBuf::DelimitedStreamBuf(std::istream* pSource, const char* delimiter)
     : _pSource(osa::NotNull(pSource, "Source")),
       _delimiter(osa::NotNull(delimiter, "Delimiter"))
@@ -30,6 +55,44 @@ DelimitedStreamBuf::int_type DelimitedStreamBuf::underflow()
     }
     setg(_line.data(), _line.data(), _line.data() + _line.size());
     return traits_type::to_int_type(*gptr());
+}
+
+std::streamsize DelimitedStreamBuf::xsgetn(char* pTarget, std::streamsize room)
+{
+    std::streamsize count = 0;
+    do
+    {
+        const std::streamsize ofLine = std::min<std::streamsize>(room - count, egptr() - gptr());
+        std::copy_n(gptr(), ofLine, pTarget + count);
+        setg(eback(), gptr() + ofLine, egptr());
+        count += ofLine;
+        if (gptr() == egptr() && !_ended)
+        {
+            const std::size_t copied = CopyBufferedLines(pTarget + count, static_cast<std::size_t>(room - count));
+            count += static_cast<std::streamsize>(copied);
+        }
+    } while (count < room && !traits_type::eq_int_type(underflow(), traits_type::eof()));
+    return count;
+}
+
+/// Up to the delimiter, which NextLine takes, as it takes a line that is not whole there or does not fit.
+std::size_t DelimitedStreamBuf::CopyBufferedLines(char* pTarget, std::size_t room)
+{
+    if (!_pSource->good())
+    {
+        return 0;
+    }
+    std::streambuf& source = *_pSource->rdbuf();
+    const std::string_view text = ReadAhead::Of(source).substr(0, std::min<std::size_t>(room, INT_MAX));
+    std::size_t lines = 0;
+    for (auto end = text.find('\n'); end != text.npos && text.substr(lines, end - lines) != _delimiter;
+         end = text.find('\n', lines))
+    {
+        lines = end + 1;
+    }
+    std::copy_n(text.data(), lines, pTarget);
+    ReadAhead::Skip(source, lines);
+    return lines;
 }
 
 bool DelimitedStreamBuf::NextLine()

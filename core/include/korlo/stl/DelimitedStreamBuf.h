@@ -1,6 +1,7 @@
 #pragma once
 // Reads one block of a stream as if it were a whole stream.
 
+#include <cstddef>
 #include <istream>
 #include <streambuf>
 #include <string>
@@ -40,8 +41,12 @@ protected:
     /// Makes the next line the get area. What the source's own buffer throws passes out and ends the block.
     int_type underflow() override;
 
+    /// Whole lines that the source has buffered go where they are wanted at once. Throws as underflow does.
+    std::streamsize xsgetn(char* pTarget, std::streamsize room) override;
+
 private:
     bool NextLine();
+    std::size_t CopyBufferedLines(char* pTarget, std::size_t room);
 
     std::istream* const _pSource;
     const std::string _delimiter;
