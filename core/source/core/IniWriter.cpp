@@ -42,8 +42,9 @@ bool CopyShort(std::string_view token, char sign, char* pTarget)
     return Misread(word, sign) == 0;
 }
 
-/// Copies a token and looks at its bytes on the way; false if plain text cannot carry it.
-bool CopyPlain(std::string_view token, char sign, char* pTarget)
+/// Copies a token and looks at its bytes on the way; false if plain text cannot carry it. All of it is copied in any
+/// case: a branch for each word costs more than the rest of a token that is not plain.
+inline bool CopyPlain(std::string_view token, char sign, char* pTarget)
 {
     if (token.size() < sizeof(Word))
     {
@@ -53,17 +54,15 @@ bool CopyPlain(std::string_view token, char sign, char* pTarget)
         Word word = 0;
         std::memcpy(&word, token.data() + at, sizeof(word));
         std::memcpy(pTarget + at, &word, sizeof(word));
-        return Misread(word, sign) == 0;
+        return Misread(word, sign);
     };
     const std::size_t last = token.size() - sizeof(Word);
+    Word misread = step(last);  // may overlap the step before
     for (std::size_t at = 0; at < last; at += sizeof(Word))
     {
-        if (!step(at))
-        {
-            return false;
-        }
+        misread |= step(at);
     }
-    return step(last);  // may overlap the step before
+    return misread == 0;
 }
 
 /// The same question without the copy, for the rare token that is longer than the buffer.
