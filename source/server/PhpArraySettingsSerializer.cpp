@@ -3,27 +3,26 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <string_view>
 
 #include "korlo/osa/Exception.h"
+#include "korlo/stl/GetArea.h"
+#include "korlo/stl/tGatheringWriter.h"
 
 namespace korlo::settings::server
 {
 namespace
 {
 
-/// Gathers the text and hands it to the stream in large pieces, since an operation of the stream for each of the dozen
-/// tokens of a key would cost more than the text. Call Flush at the end.
+/// Writes the parts of the form. Call Flush at the end.
 ///
 /// Thread safety: none of its own; lives on the stack of the operation that writes.
-class Writer
+class Writer : public stl::tGatheringWriter<2048>
 {
 public:
-    /// @param out borrowed; must outlive the writer.
-    explicit Writer(std::ostream& out) : _out(out) {}
+    using tGatheringWriter::tGatheringWriter;
 
     void WriteString(std::string_view text)
     {
@@ -33,27 +32,6 @@ public:
     }
 
     void BeginArray(std::size_t count) { AppendSize('a', count, '{'); }
-
-    void Append(std::string_view text)
-    {
-        if (text.size() > _pending.size() - _used)
-        {
-            Flush();
-            if (text.size() > _pending.size())
-            {
-                _out.write(text.data(), static_cast<std::streamsize>(text.size()));
-                return;
-            }
-        }
-        std::memcpy(_pending.data() + _used, text.data(), text.size());
-        _used += text.size();
-    }
-
-    void Flush()
-    {
-        _out.write(_pending.data(), static_cast<std::streamsize>(_used));
-        _used = 0;
-    }
 
 private:
     /// Made here and not by the stream, whose locale may group digits and whose flags may ask for hexadecimal.
@@ -66,41 +44,24 @@ private:
         *pEnd++ = opening;
         Append(std::string_view(token.data(), static_cast<std::size_t>(pEnd - token.data())));
     }
-
-    std::ostream& _out;
-    std::size_t _used = 0;
-    std::array<char, 2048> _pending;  // small enough for the stack of a settings thread
 };
 
 // Reading is defined by the stream's operators, with its white space, its flags and its errors. They cost several times
 // what the text does: so what lies in the stream's buffer just as it is written is taken from there, and all else is
 // left to them.
 
-/// What lies in a stream's buffer, to be taken without its source or its state taking part.
-///
-/// Thread safety: none of its own; as the stream's.
-class GetArea : public std::streambuf
+/// What may be taken past the operators.
+std::string_view ReadAhead(const std::istream& in)
 {
-public:
-    static std::string_view Of(const std::istream& in)
-    {
-        if (!in.good() || (in.flags() & std::ios_base::basefield) != std::ios_base::dec)
-        {
-            return {};
-        }
-        const char* const pBegin = Begin(in);
-        const auto size = static_cast<std::size_t>((in.rdbuf()->*&GetArea::egptr)() - pBegin);
-        return {pBegin, std::min<std::size_t>(size, std::numeric_limits<int>::max())};
-    }
+    const bool readsDecimal = (in.flags() & std::ios_base::basefield) == std::ios_base::dec;
+    return in.good() && readsDecimal ? stl::GetArea::Of(*in.rdbuf()) : std::string_view();
+}
 
-    static void SkipTo(const std::istream& in, const char* pNext)
-    {
-        (in.rdbuf()->*&GetArea::gbump)(static_cast<int>(pNext - Begin(in)));
-    }
-
-private:
-    static const char* Begin(const std::istream& in) { return (in.rdbuf()->*&GetArea::gptr)(); }
-};
+/// @param pNext what comes next is there, in what was read ahead.
+void SkipTo(const std::istream& in, const char* pNext)
+{
+    stl::GetArea::Skip(*in.rdbuf(), static_cast<std::size_t>(pNext - stl::GetArea::Of(*in.rdbuf()).data()));
+}
 
 /// Takes such as `a:12:{` off the front of the text; false if there is anything else.
 bool TakeSize(std::string_view& text, char kind, char opening, unsigned int& size)
@@ -163,11 +124,11 @@ std::string ReadBytes(std::istream& in, unsigned int missing)
 
 std::string ReadString(std::istream& in)
 {
-    std::string_view rest = GetArea::Of(in);
+    std::string_view rest = ReadAhead(in);
     unsigned int size = 0;
     if (TakeSize(rest, 's', '"', size) && rest.size() >= size && rest.substr(size).starts_with("\";"))
     {
-        GetArea::SkipTo(in, rest.data() + size + 2);
+        SkipTo(in, rest.data() + size + 2);
         return std::string(rest.substr(0, size));
     }
     Expect(in, 's');
@@ -183,11 +144,11 @@ std::string ReadString(std::istream& in)
 
 unsigned int ReadArrayHeader(std::istream& in)
 {
-    std::string_view rest = GetArea::Of(in);
+    std::string_view rest = ReadAhead(in);
     unsigned int size = 0;
     if (TakeSize(rest, 'a', '{', size))
     {
-        GetArea::SkipTo(in, rest.data());
+        SkipTo(in, rest.data());
         return size;
     }
     Expect(in, 'a');

@@ -87,17 +87,17 @@ bool IsOddKey(std::string_view key)
 
 void IniWriter::WriteGroup(std::string_view name, const IniFile::KeyValueMap& values)
 {
-    Append('[');
+    _text.Append('[');
     AppendToken(name, ']', HasOddEnds(name));
-    Append("]\n");
+    _text.Append("]\n");
     for (const auto& [key, value] : values)
     {
         if (!AppendPlainLine(key, value))
         {
             AppendToken(key, '=', IsOddKey(key));
-            Append('=');
+            _text.Append('=');
             AppendToken(value, NoSign, HasOddEnds(value));
-            Append('\n');
+            _text.Append('\n');
         }
     }
 }
@@ -105,100 +105,66 @@ void IniWriter::WriteGroup(std::string_view name, const IniFile::KeyValueMap& va
 /// Nearly every line: short, and both tokens plain. False, with nothing appended, for any other.
 bool IniWriter::AppendPlainLine(std::string_view key, std::string_view value)
 {
-    const std::size_t size = key.size() + value.size() + 2;
-    if (size > _pending.size() || IsOddKey(key) || HasOddEnds(value))
+    if (IsOddKey(key) || HasOddEnds(value))
     {
         return false;
     }
-    if (size > _pending.size() - _used)
+    const std::size_t size = key.size() + value.size() + 2;
+    char* const pKey = _text.Reserve(size);
+    if (pKey == nullptr || !CopyPlain(key, '=', pKey))
     {
-        Flush();
+        return false;
     }
-    char* const pKey = _pending.data() + _used;
     char* const pValue = pKey + key.size() + 1;
-    if (!CopyPlain(key, '=', pKey) || !CopyPlain(value, NoSign, pValue))
+    if (!CopyPlain(value, NoSign, pValue))
     {
         return false;
     }
     pValue[-1] = '=';
     pValue[value.size()] = '\n';
-    _used += size;
+    _text.Advance(size);
     return true;
-}
-
-void IniWriter::Flush()
-{
-    _out.write(_pending.data(), static_cast<std::streamsize>(_used));
-    _used = 0;
-}
-
-void IniWriter::Append(char c)
-{
-    if (_used == _pending.size())
-    {
-        Flush();
-    }
-    _pending[_used++] = c;
-}
-
-void IniWriter::Append(std::string_view text)
-{
-    if (text.size() > _pending.size() - _used)
-    {
-        Flush();
-        if (text.size() > _pending.size())
-        {
-            _out.write(text.data(), static_cast<std::streamsize>(text.size()));
-            return;
-        }
-    }
-    std::memcpy(_pending.data() + _used, text.data(), text.size());
-    _used += text.size();
 }
 
 void IniWriter::AppendToken(std::string_view token, char sign, bool isOdd)
 {
-    if (isOdd || token.size() > _pending.size())
+    char* const pTarget = isOdd ? nullptr : _text.Reserve(token.size());
+    if (pTarget != nullptr && CopyPlain(token, sign, pTarget))
     {
-        isOdd || !IsPlain(token, sign) ? AppendQuoted(token) : Append(token);
-        return;
+        _text.Advance(token.size());
     }
-    if (token.size() > _pending.size() - _used)
+    else if (pTarget == nullptr && !isOdd && IsPlain(token, sign))
     {
-        Flush();
-    }
-    if (CopyPlain(token, sign, _pending.data() + _used))
-    {
-        _used += token.size();
+        _text.Append(token);
     }
     else
     {
-        AppendQuoted(token);  // over what was copied, which `_used` does not count
+        AppendQuoted(token);  // over what was copied, which is not counted
     }
 }
 
 void IniWriter::AppendQuoted(std::string_view token)
 {
-    Append('"');
+    _text.Append('"');
     for (const char c : token)
     {
         AppendEscaped(c);
     }
-    Append('"');
+    _text.Append('"');
 }
 
 void IniWriter::AppendEscaped(char c)
 {
     if (IsControl(c))
     {
-        Append(ControlEscape(c, "0123456789ABCDEF").Get());
+        _text.Append(ControlEscape(c, "0123456789ABCDEF").Get());
         return;
     }
     if (c == '\\' || c == '"')
     {
-        Append('\\');
+        _text.Append('\\');
     }
-    Append(c);
+    _text.Append(c);
 }
 
 }  // namespace korlo::core

@@ -1,34 +1,13 @@
 #include "korlo/stl/DelimitedStreamBuf.h"
 
 #include <algorithm>
-#include <climits>
 #include <string_view>
 
 #include "korlo/osa/Exception.h"
+#include "korlo/stl/GetArea.h"
 
 namespace korlo::stl
 {
-namespace
-{
-
-/// What any stream buffer has read ahead, which it shows to derived classes alone.
-class ReadAhead : public std::streambuf
-{
-public:
-    static std::string_view Of(const std::streambuf& buffer)
-    {
-        const char* const pNext = (buffer.*&ReadAhead::gptr)();
-        return {pNext, static_cast<std::size_t>((buffer.*&ReadAhead::egptr)() - pNext)};
-    }
-
-    static void Skip(std::streambuf& buffer, std::size_t count)
-    {
-        (buffer.*&ReadAhead::gbump)(static_cast<int>(count));
-    }
-};
-
-}  // namespace
-
 DelimitedStreamBuf::DelimitedStreamBuf(std::istream* pSource, const char* delimiter)
     : _pSource(osa::NotNull(pSource, "Source")),
       _delimiter(osa::NotNull(delimiter, "Delimiter"))
@@ -83,7 +62,7 @@ std::size_t DelimitedStreamBuf::CopyBufferedLines(char* pTarget, std::size_t roo
         return 0;
     }
     std::streambuf& source = *_pSource->rdbuf();
-    const std::string_view text = ReadAhead::Of(source).substr(0, std::min<std::size_t>(room, INT_MAX));
+    const std::string_view text = GetArea::Of(source).substr(0, room);
     std::size_t lines = 0;
     for (auto end = text.find('\n'); end != text.npos && text.substr(lines, end - lines) != _delimiter;
          end = text.find('\n', lines))
@@ -91,7 +70,7 @@ std::size_t DelimitedStreamBuf::CopyBufferedLines(char* pTarget, std::size_t roo
         lines = end + 1;
     }
     std::copy_n(text.data(), lines, pTarget);
-    ReadAhead::Skip(source, lines);
+    GetArea::Skip(source, lines);
     return lines;
 }
 
