@@ -13,7 +13,9 @@ namespace korlo::settings::mqtt
 namespace
 {
 
-void* PointerTo(ElfW(Addr) address)
+using Address = decltype(dl_phdr_info::dlpi_addr);
+
+void* PointerTo(Address address)
 {
     return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr): the linker tells it so
 }
@@ -21,7 +23,7 @@ void* PointerTo(ElfW(Addr) address)
 /// The linker has written addresses into its code, which are in no file.
 bool HasAddressesInItsCode(const dl_phdr_info& file)
 {
-    for (const ElfW(Phdr) & segment : std::span(file.dlpi_phdr, file.dlpi_phnum))
+    for (const auto& segment : std::span(file.dlpi_phdr, file.dlpi_phnum))
     {
         if (segment.p_type != PT_DYNAMIC)
         {
@@ -45,13 +47,13 @@ int ForgetPagesThatAreInTheFile(dl_phdr_info* pFile, std::size_t, void*)
     {
         return 0;
     }
-    const auto pageBytes = static_cast<ElfW(Addr)>(::sysconf(_SC_PAGESIZE));
-    for (const ElfW(Phdr) & segment : std::span(pFile->dlpi_phdr, pFile->dlpi_phnum))
+    const auto pageBytes = static_cast<Address>(::sysconf(_SC_PAGESIZE));
+    for (const auto& segment : std::span(pFile->dlpi_phdr, pFile->dlpi_phnum))
     {
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_W) == 0)
         {
-            const ElfW(Addr) begin = (pFile->dlpi_addr + segment.p_vaddr) / pageBytes * pageBytes;
-            const ElfW(Addr) end = pFile->dlpi_addr + segment.p_vaddr + segment.p_memsz;
+            const Address begin = (pFile->dlpi_addr + segment.p_vaddr) / pageBytes * pageBytes;
+            const Address end = pFile->dlpi_addr + segment.p_vaddr + segment.p_memsz;
             ::madvise(PointerTo(begin), end - begin, MADV_DONTNEED);
         }
     }

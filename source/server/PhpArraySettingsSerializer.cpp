@@ -16,22 +16,30 @@ namespace korlo::settings::server
 namespace
 {
 
-/// Writes the parts of the form. Call Flush at the end.
+/// Writes the parts of the form. Call Finish at the end.
 ///
 /// Thread safety: none of its own; lives on the stack of the operation that writes.
-class Writer : public stl::tGatheringWriter<2048>
+class Writer
 {
 public:
-    using tGatheringWriter::tGatheringWriter;
+    /// @param out borrowed; must outlive the writer.
+    explicit Writer(std::ostream& out) : _text(out) {}
 
     void WriteString(std::string_view text)
     {
         AppendSize('s', text.size(), '"');
-        Append(text);
-        Append("\";");
+        _text.Append(text);
+        _text.Append("\";");
     }
 
     void BeginArray(std::size_t count) { AppendSize('a', count, '{'); }
+    void EndArray() { _text.Append('}'); }
+
+    void Finish()
+    {
+        _text.Append("\n\n");
+        _text.Flush();
+    }
 
 private:
     /// Made here and not by the stream, whose locale may group digits and whose flags may ask for hexadecimal.
@@ -42,8 +50,10 @@ private:
         char* pEnd = std::to_chars(token.data() + 2, token.data() + 2 + mostDigits, size).ptr;
         *pEnd++ = ':';
         *pEnd++ = opening;
-        Append(std::string_view(token.data(), static_cast<std::size_t>(pEnd - token.data())));
+        _text.Append(std::string_view(token.data(), static_cast<std::size_t>(pEnd - token.data())));
     }
+
+    stl::tGatheringWriter<2048> _text;
 };
 
 // Reading is defined by the stream's operators, with its white space, its flags and its errors. They cost several times
@@ -189,10 +199,10 @@ void PhpArraySettingsSerializer::OnSerialize(const core::IniFile& ini, const com
             writer.WriteString(key);
             writer.WriteString(value);
         }
-        writer.Append("}");
+        writer.EndArray();
     }
-    writer.Append("}\n\n");
-    writer.Flush();
+    writer.EndArray();
+    writer.Finish();
     out.flush();
 }
 

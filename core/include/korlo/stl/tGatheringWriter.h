@@ -38,14 +38,16 @@ public:
 
     void Append(std::string_view text)
     {
-        if (char* const pTarget = Reserve(text.size()))
+        char* const pTarget = Reserve(text.size());
+        if (pTarget == nullptr)
         {
-            text.copy(pTarget, text.size());
-            Advance(text.size());
+            Flush();
+            // cppcheck-suppress invalidLifetime ; it takes the caller's text for gone
+            _out.write(text.data(), static_cast<std::streamsize>(text.size()));
             return;
         }
-        Flush();
-        _out.write(text.data(), static_cast<std::streamsize>(text.size()));
+        text.copy(pTarget, text.size());
+        Advance(text.size());
     }
 
     /// Room for so many bytes, to be filled and then counted by Advance; null if there is never so much.
