@@ -30,12 +30,14 @@ public:
     tGatheringWriter(const tGatheringWriter&) = delete;
     tGatheringWriter& operator=(const tGatheringWriter&) = delete;
 
+    /// One character, which is copied.
     void Append(char c)
     {
         *Reserve(1) = c;
         Advance(1);
     }
 
+    /// Text of any length. What is longer than `Bytes` is written at once, behind what was gathered.
     void Append(std::string_view text)
     {
         char* const pTarget = Reserve(text.size());
