@@ -183,6 +183,17 @@ TEST(DelimitedStreamBufTest, GivesTheSameInPiecesOfAnySize)
     }
 }
 
+TEST(DelimitedStreamBufTest, NothingIsTakenWhereThereIsNoRoom)
+{
+    std::istringstream source("ab\n.\n");
+    DelimitedStreamBuf block(&source, ".");
+    char target = 'x';
+    EXPECT_EQ(block.sgetn(&target, 0), 0);
+    EXPECT_EQ(block.sgetn(&target, -1), 0);
+    EXPECT_EQ(target, 'x');
+    EXPECT_EQ(ReadAll(block), "ab\n");
+}
+
 TEST(DelimitedStreamBufTest, WholeLinesThatFitAreTakenFromTheSourceAndNoMore)
 {
     std::istringstream source("ab\ncd\nef\n.\n");

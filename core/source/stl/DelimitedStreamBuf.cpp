@@ -38,6 +38,10 @@ DelimitedStreamBuf::int_type DelimitedStreamBuf::underflow()
 
 std::streamsize DelimitedStreamBuf::xsgetn(char* pTarget, std::streamsize room)
 {
+    if (room <= 0)
+    {
+        return 0;
+    }
     std::streamsize count = 0;
     do
     {
