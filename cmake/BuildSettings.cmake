@@ -19,14 +19,26 @@ if(KORLO_SANITIZE)
     add_link_options(-fsanitize=${KORLO_SANITIZE})
 endif()
 
-# korlo_precompile(TARGET HEADER...): its sources have these headers and what most of them use of the standard library
-# parsed once, where the option says so. Every source includes what it needs all the same: other builds show it.
-function(korlo_precompile target)
+# korlo_precompile(TARGET OWNER HEADER...): its sources have these headers and what most of them use of the standard
+# library parsed once, where the option says so; for all targets with the same owner, which is the first of them. Every
+# source includes what it needs all the same: other builds show it.
+function(korlo_precompile target owner)
     # With the thread sanitizer, g++ 12 then takes its own strings for too short.
-    if(KORLO_PRECOMPILE AND NOT KORLO_SANITIZE MATCHES "thread")
+    if(NOT KORLO_PRECOMPILE OR KORLO_SANITIZE MATCHES "thread")
+        return()
+    endif()
+    if(target STREQUAL owner)
         target_precompile_headers(${target} PRIVATE <algorithm> <array> <atomic> <chrono> <functional> <map> <memory>
             <mutex> <optional> <sstream> <string> <string_view> <utility> <vector> ${ARGN})
+    else()
+        target_precompile_headers(${target} REUSE_FROM ${owner})
     endif()
+endfunction()
+
+# korlo_compile_alone(SOURCE...): where several sources are compiled as one, not these: another one of their target has a
+# name of theirs outside of any class.
+function(korlo_compile_alone)
+    set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
 
 if(PROJECT_IS_TOP_LEVEL)

@@ -42,14 +42,15 @@ packages_of()
     {
         echo cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev systemd
         for name in "$@"; do
-            case $name in debug | release | clang | coverage) echo fish mandoc mypy python3-pytest scdoc zsh ;; esac
+            case $name in debug | quick | release | clang | coverage) echo fish mandoc mypy python3-pytest scdoc zsh ;; esac
             case $name in
-                debug | release | clang | coverage | asan | tsan)
+                debug | quick | release | clang | coverage | asan | tsan)
                     echo libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl ;;
             esac
             case $name in
                 checks) echo clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck ;;
                 debug) echo doxygen phpunit php-codesniffer chromium chromium-driver python3-selenium php-fpm nginx-light lighttpd ;;
+                quick) echo doxygen phpunit php-codesniffer ;;
                 clang) echo clang-14 phpunit php-codesniffer ;;
                 asan | tsan) echo googletest ;;
                 coverage) echo gcovr phpunit php-codesniffer ;;
