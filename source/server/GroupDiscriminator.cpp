@@ -1,15 +1,19 @@
 #include "settings/server/GroupDiscriminator.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace korlo::settings::server
 {
 namespace
 {
 
+constexpr std::string_view Secure = "Secure";
+constexpr std::string_view Trusted = "Trusted";
+
 bool IsSecureGroup(const std::string& groupName)
 {
-    return groupName.find("Secure") != std::string::npos;
+    return groupName.find(Secure) != std::string::npos;
 }
 
 template <typename Predicate>
@@ -23,9 +27,19 @@ void RemoveGroupsIf(core::IniFile& ini, const Predicate& predicate)
 
 }  // namespace
 
+// One walk by hand: every change asks this of every group, and names are too short for two searches to pay.
 bool GroupDiscriminator::IsRestrictedGroup(const std::string& groupName)
 {
-    return IsSecureGroup(groupName) || groupName.find("Trusted") != std::string::npos;
+    std::string_view rest = groupName;
+    for (; rest.size() >= Secure.size(); rest.remove_prefix(1))
+    {
+        const char first = rest.front();
+        if ((first == 'S' && rest.starts_with(Secure)) || (first == 'T' && rest.starts_with(Trusted)))
+        {
+            return true;
+        }
+    }
+    return false;
 }
 
 void GroupDiscriminator::MergeUnrestrictedGroups(core::IniFile& target, const core::IniFile& source)
